@@ -1,0 +1,42 @@
+# The two entry points of the project: `make run` and `make check`.
+BUILD      := build
+ASAN_BUILD := build-asan
+JOBS       ?= $(shell nproc)
+
+.PHONY: all build asan run check deps fuzz clean
+
+all: build
+
+build:
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	cmake --build $(BUILD) -j $(JOBS)
+
+asan:
+	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DDMS_SANITIZE=ON >/dev/null
+	cmake --build $(ASAN_BUILD) -j $(JOBS)
+
+# Builds, writes a demo library and a dmsConfig on first use, and runs the
+# server in the foreground inside a private network namespace until Ctrl-C.
+run: build
+	@if [ ! -f $(BUILD)/dmsConfig ]; then \
+	  $(BUILD)/dms-mkdemo $(CURDIR)/$(BUILD)/demo && \
+	  printf 'deviceName = "DMS demo"\npath = "%s"\nrefreshInterval = "30"\nmodelDescription = "DMS demo library"\n' \
+	    "$(CURDIR)/$(BUILD)/demo" > $(BUILD)/dmsConfig; \
+	fi
+	DMS_NETNS_NAME=dms-demo tools/netns-run $(BUILD)/dms
+
+deps:
+	tools/install-deps
+
+check: deps build asan
+	cd $(BUILD) && ctest --output-on-failure -j 2
+	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j 2
+
+# Coverage-guided fuzzing with libFuzzer (clang): FUZZ_SECONDS per harness.
+FUZZ_SECONDS ?= 60
+fuzz:
+	tools/fuzz-all $(FUZZ_SECONDS)
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD) build-fuzz

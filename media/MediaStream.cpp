@@ -1,0 +1,155 @@
+// Format dispatch for media files and the readers that all parsers share.
+// The parsers are tried in a fixed order, loosest test last, so that a file
+// is claimed by the format whose signature it really carries.
+#include "media/MediaStream.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+#include "media/MediaParsers.h"
+
+namespace {
+
+struct ParserSlot {
+  const char* format;
+  MediaParser parse;  // null until that format's parser exists
+};
+
+// MP3 stays last: its search for a frame header is the loosest test.
+constexpr std::array<ParserSlot, 9> kParsers{{
+    {"riff", nullptr},
+    {"png", nullptr},
+    {"gif", nullptr},
+    {"flac", nullptr},
+    {"mp4", nullptr},
+    {"matroska", nullptr},
+    {"tiff", nullptr},
+    {"jpeg", nullptr},
+    {"mp3", nullptr},
+}};
+
+void dropIfNotUtf8(std::optional<std::string>& text) {
+  if (text && !MediaStream_IsUtf8(text->c_str())) text.reset();
+}
+
+}  // namespace
+
+void MediaStream_delete(MediaStream* stream) { delete stream; }
+
+MediaStreamPtr MediaStream_new(int fd, int64_t offset, int64_t length, bool metadataOnly) {
+  if (fd < 0 || length <= 0) return nullptr;
+  MediaStreamPtr stream(new (std::nothrow) MediaStream);
+  if (!stream) return nullptr;
+  for (const ParserSlot& slot : kParsers) {
+    if (!slot.parse) continue;
+    *stream = MediaStream{};
+    if (!slot.parse(fd, offset, length, *stream, metadataOnly)) continue;
+    dropIfNotUtf8(stream->title);
+    dropIfNotUtf8(stream->artist);
+    dropIfNotUtf8(stream->album);
+    dropIfNotUtf8(stream->genre);
+    return stream;
+  }
+  return nullptr;
+}
+
+bool MediaStream_IsUtf8(const char* text) {
+  if (!text) return false;
+  const auto* p = reinterpret_cast<const unsigned char*>(text);
+  while (*p) {
+    unsigned continuations;
+    if (*p < 0x80) continuations = 0;
+    else if ((*p & 0xE0) == 0xC0) continuations = 1;
+    else if ((*p & 0xF0) == 0xE0) continuations = 2;
+    else return false;
+    ++p;
+    for (unsigned i = 0; i < continuations; ++i, ++p) {
+      if ((*p & 0xC0) != 0x80) return false;  // also stops at the terminating zero
+    }
+  }
+  return true;
+}
+
+bool MediaRead_Bytes(int fd, void* buffer, size_t count) {
+  auto* out = static_cast<unsigned char*>(buffer);
+  size_t done = 0;
+  while (done < count) {
+    ssize_t n = ::read(fd, out + done, count - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+namespace {
+
+template <typename T, bool BigEndian>
+bool readInteger(int fd, T& value) {
+  unsigned char bytes[sizeof(T)];
+  if (!MediaRead_Bytes(fd, bytes, sizeof bytes)) return false;
+  T result = 0;
+  for (size_t i = 0; i < sizeof(T); ++i) {
+    size_t index = BigEndian ? i : sizeof(T) - 1 - i;
+    result = static_cast<T>((result << 8) | bytes[index]);
+  }
+  value = result;
+  return true;
+}
+
+}  // namespace
+
+bool MediaRead_U16BE(int fd, uint16_t& value) { return readInteger<uint16_t, true>(fd, value); }
+bool MediaRead_U16LE(int fd, uint16_t& value) { return readInteger<uint16_t, false>(fd, value); }
+bool MediaRead_U32BE(int fd, uint32_t& value) { return readInteger<uint32_t, true>(fd, value); }
+bool MediaRead_U32LE(int fd, uint32_t& value) { return readInteger<uint32_t, false>(fd, value); }
+bool MediaRead_U64BE(int fd, uint64_t& value) { return readInteger<uint64_t, true>(fd, value); }
+
+int64_t MediaSeek(int fd, int64_t offset, int whence) {
+  return static_cast<int64_t>(::lseek(fd, static_cast<off_t>(offset), whence));
+}
+
+uint32_t MediaBits_Get(const uint8_t* buffer, uint32_t position, unsigned count) {
+  uint32_t result = 0;
+  for (unsigned i = 0; i < count && i < 32; ++i, ++position) {
+    unsigned bit = (buffer[position >> 3] >> (7 - (position & 7))) & 1u;
+    result = (result << 1) | bit;
+  }
+  return result;
+}
+
+int32_t MediaBits_GetSigned(const uint8_t* buffer, uint32_t position, unsigned count) {
+  if (count == 0) return 0;
+  if (count > 32) count = 32;
+  uint32_t raw = MediaBits_Get(buffer, position, count);
+  if (count < 32 && (raw & (1u << (count - 1)))) raw |= ~((1u << count) - 1);
+  return static_cast<int32_t>(raw);
+}
+
+void MediaBits_Put(uint8_t* buffer, uint32_t position, unsigned count, uint32_t value) {
+  if (count > 32) count = 32;
+  for (unsigned i = 0; i < count; ++i, ++position) {
+    unsigned bit = (value >> (count - 1 - i)) & 1u;
+    uint8_t mask = static_cast<uint8_t>(0x80u >> (position & 7));
+    if (bit) buffer[position >> 3] |= mask;
+    else buffer[position >> 3] &= static_cast<uint8_t>(~mask);
+  }
+}
+
+size_t MediaUtf8_Encode(uint16_t unit, char* out) {
+  if (unit < 0x80) {
+    out[0] = static_cast<char>(unit);
+    return 1;
+  }
+  if (unit < 0x800) {
+    out[0] = static_cast<char>(0xC0 | (unit >> 6));
+    out[1] = static_cast<char>(0x80 | (unit & 0x3F));
+    return 2;
+  }
+  out[0] = static_cast<char>(0xE0 | (unit >> 12));
+  out[1] = static_cast<char>(0x80 | ((unit >> 6) & 0x3F));
+  out[2] = static_cast<char>(0x80 | (unit & 0x3F));
+  return 3;
+}

@@ -1,0 +1,104 @@
+// The metadata record of one media file and the small readers every format
+// parser shares. MediaStream_new tries the parsers in a fixed order on an open
+// descriptor; the first that recognises the content fills the record.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+enum MediaType : int32_t {
+  MediaType_None = 0,
+  MediaType_Audio = 1,
+  MediaType_Video = 2,
+  MediaType_Image = 3,
+};
+
+// One stream of a file. Audio streams use the audio fields, image and video
+// streams the picture fields.
+struct StreamInfo {
+  uint32_t streamNumber = 0;
+  uint32_t streamKind = 0;  // a MediaType value
+  uint8_t enabled = 0;
+  uint32_t duration = 0;    // in 1/timescale seconds
+  uint32_t timescale = 0;
+  uint32_t sampleRate = 0;  // audio
+  uint8_t channels = 0;
+  uint8_t bitsPerSample = 0;
+  uint16_t width = 0;       // image and video
+  uint16_t height = 0;
+  uint8_t bitsPerPixel = 0;
+};
+
+// Parser-private data for time seeking; only built when a parser is asked for
+// more than metadata.
+struct MediaSeekInfo {
+  virtual ~MediaSeekInfo() = default;
+};
+
+struct MediaStream {
+  int32_t mediaType = MediaType_None;
+  const char* mimeType = nullptr;  // static text
+  uint32_t duration = 0;           // in 1/timescale seconds
+  uint32_t timescale = 1000;
+  std::vector<StreamInfo> streamInfo;  // empty: no usable stream
+  // Tag texts (UTF-8); absent when the file has none.
+  std::optional<std::string> title;
+  std::optional<std::string> artist;
+  std::optional<std::string> album;
+  std::optional<std::string> genre;
+  const char* coverMimeType = nullptr;  // static text
+  int64_t coverOffset = 0;              // from the start of the file
+  int64_t coverLength = 0;              // 0: no cover
+  int32_t date = 0;                     // seconds since 1970 UTC; 0 unknown
+  std::unique_ptr<MediaSeekInfo> seekInfo;
+
+  uint8_t streamCount() const {
+    return streamInfo.size() > 255 ? 255 : static_cast<uint8_t>(streamInfo.size());
+  }
+};
+
+void MediaStream_delete(MediaStream* stream);
+
+struct MediaStreamDeleter {
+  void operator()(MediaStream* stream) const { MediaStream_delete(stream); }
+};
+using MediaStreamPtr = std::unique_ptr<MediaStream, MediaStreamDeleter>;
+
+// Probes `length` bytes of media data starting at `offset` in `fd`. Null when
+// no parser recognises the content. The descriptor's position is not restored.
+MediaStreamPtr MediaStream_new(int fd, int64_t offset, int64_t length, bool metadataOnly);
+
+// True for well-formed UTF-8 of at most three bytes per character; false for null.
+bool MediaStream_IsUtf8(const char* text);
+
+// A format parser: true when it recognised the data and filled the record.
+using MediaParser = bool (*)(int fd, int64_t offset, int64_t length, MediaStream& stream,
+                             bool metadataOnly);
+
+// Readers at the descriptor's current position. Each returns true only when
+// every byte arrived, and leaves the destination untouched otherwise.
+bool MediaRead_Bytes(int fd, void* buffer, size_t count);
+bool MediaRead_U16BE(int fd, uint16_t& value);
+bool MediaRead_U16LE(int fd, uint16_t& value);
+bool MediaRead_U32BE(int fd, uint32_t& value);
+bool MediaRead_U32LE(int fd, uint32_t& value);
+bool MediaRead_U64BE(int fd, uint64_t& value);
+
+// 64-bit lseek: the new position, or a negative value on failure.
+int64_t MediaSeek(int fd, int64_t offset, int whence);
+
+// Up to 32 bits from `buffer` starting at bit `position`, most significant bit
+// of each byte first; the first bit read ends up highest in the result.
+uint32_t MediaBits_Get(const uint8_t* buffer, uint32_t position, unsigned count);
+// The same, sign-extended from the last bit read.
+int32_t MediaBits_GetSigned(const uint8_t* buffer, uint32_t position, unsigned count);
+// Stores the low `count` bits of `value` at bit `position`, in the same order.
+void MediaBits_Put(uint8_t* buffer, uint32_t position, unsigned count, uint32_t value);
+
+// Writes one 16-bit code unit as UTF-8 (1 to 3 bytes, no surrogate pairing)
+// and returns the number of bytes written.
+size_t MediaUtf8_Encode(uint16_t unit, char* out);

@@ -1,0 +1,165 @@
+"""Fixtures for the black-box system tests.
+
+Every test here runs inside the private network namespace made by
+tools/netns-run; the fixtures refuse to start anything outside it. `dms`
+starts a copy of the real server in a temporary folder with a dmsConfig
+beside it, `process` starts any other helper executable; both find the TCP
+port the program listens on, and stop it on request or at the end.
+"""
+import os
+import shutil
+import signal
+import socket
+import subprocess
+import time
+from pathlib import Path
+
+import pytest
+
+REPO = Path(__file__).resolve().parents[2]
+BUILD = Path(os.environ.get("DMS_BUILD_DIR", REPO / "build"))
+
+
+def pytest_configure(config):
+    if not os.environ.get("DMS_NETNS"):
+        raise pytest.UsageError(
+            "system tests start servers that multicast: run them through tools/netns-run")
+
+
+def _socket_inodes(pid):
+    inodes = set()
+    fd_dir = Path(f"/proc/{pid}/fd")
+    for fd in fd_dir.iterdir():
+        try:
+            target = os.readlink(fd)
+        except OSError:
+            continue
+        if target.startswith("socket:["):
+            inodes.add(target[8:-1])
+    return inodes
+
+
+def listening_tcp_ports(pid):
+    """The TCP ports on which process `pid` listens (IPv4)."""
+    inodes = _socket_inodes(pid)
+    ports = []
+    with open("/proc/net/tcp") as table:
+        next(table)
+        for line in table:
+            fields = line.split()
+            local, state, inode = fields[1], fields[3], fields[9]
+            if state == "0A" and inode in inodes:
+                ports.append(int(local.split(":")[1], 16))
+    return sorted(ports)
+
+
+class Process:
+    """A program started for a test; stop() returns (stdout, exit status)."""
+
+    def __init__(self, argv, cwd):
+        self.popen = subprocess.Popen(argv, cwd=cwd, stdout=subprocess.PIPE,
+                                      stderr=subprocess.PIPE, stdin=subprocess.DEVNULL)
+        self.result = None
+
+    @property
+    def pid(self):
+        return self.popen.pid
+
+    def wait_port(self, timeout=10.0):
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            if self.popen.poll() is not None:
+                raise RuntimeError(f"exited early with {self.popen.returncode}: "
+                                   f"{self.popen.stderr.read().decode(errors='replace')}")
+            ports = listening_tcp_ports(self.pid)
+            if ports:
+                return ports[0]
+            time.sleep(0.05)
+        raise TimeoutError("no listening port")
+
+    def stop(self, sig=signal.SIGTERM, timeout=10.0):
+        if self.result is None:
+            if self.popen.poll() is None:
+                self.popen.send_signal(sig)
+            try:
+                out, err = self.popen.communicate(timeout=timeout)
+            except subprocess.TimeoutExpired:
+                self.popen.kill()
+                out, err = self.popen.communicate()
+                raise
+            self.result = (out.decode(errors="replace"), self.popen.returncode)
+            if err:
+                # Sanitizer reports land on stderr: a test must not pass over them.
+                assert b"Sanitizer" not in err and b"runtime error" not in err, err.decode(errors="replace")
+        return self.result
+
+
+@pytest.fixture
+def process(tmp_path):
+    """Starts a build/<name> helper executable: process(name, *args)."""
+    started = []
+
+    def start(name, *args):
+        proc = Process([str(BUILD / name), *map(str, args)], cwd=tmp_path)
+        started.append(proc)
+        return proc
+
+    yield start
+    for proc in started:
+        if proc.result is None:
+            proc.stop(signal.SIGKILL)
+
+
+class Dms(Process):
+    """A copy of the server in its own folder, with `dmsConfig` beside it."""
+
+    def __init__(self, folder, config):
+        folder.mkdir(parents=True, exist_ok=True)
+        exe = folder / "dms"
+        shutil.copy2(BUILD / "dms", exe)
+        if config is not None:
+            (folder / "dmsConfig").write_bytes(config.encode() if isinstance(config, str) else config)
+        self.folder = folder
+        self.port = None
+        super().__init__([str(exe)], cwd=folder)
+
+    def wait_ready(self, timeout=10.0):
+        self.port = self.wait_port(timeout)
+        return self.port
+
+
+@pytest.fixture
+def dms(tmp_path):
+    """Starts the server: dms(config_text or None); config None writes no file."""
+    started = []
+
+    def start(config=None, folder=None):
+        server = Dms(folder or tmp_path / f"server{len(started)}", config)
+        started.append(server)
+        return server
+
+    yield start
+    for server in started:
+        if server.result is None:
+            server.stop()
+
+
+@pytest.fixture
+def media_dir(tmp_path):
+    """An empty media folder for a test to fill."""
+    path = tmp_path / "media"
+    path.mkdir()
+    return path
+
+
+def http_request(port, raw, host="127.0.0.1", timeout=10.0):
+    """Sends raw request bytes and reads until the server closes."""
+    with socket.create_connection((host, port), timeout=timeout) as conn:
+        conn.sendall(raw)
+        chunks = []
+        while True:
+            data = conn.recv(65536)
+            if not data:
+                break
+            chunks.append(data)
+    return b"".join(chunks)
