@@ -3,6 +3,7 @@
 // of a scanned entry built from the titles up to the media-directory volume.
 #include "dms/DmsObject.h"
 
+#include <atomic>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -32,7 +33,8 @@ namespace {
 
 constexpr size_t kBucketCount = 251;
 std::array<DmsObject*, kBucketCount> idTable{};
-uint32_t systemUpdateId = 0;
+// Written under the content mutex; read without it by the eventing thread.
+std::atomic<uint32_t> systemUpdateId{0};
 
 DmsObject*& bucketOf(DmsObjectId id) { return idTable[id.low % kBucketCount]; }
 
@@ -94,7 +96,7 @@ DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClas
   object->upnpClass = upnpClass;
   object->kind = kind;
   if (isFolderClass(upnpClass)) object->childCount = -1;
-  if (kind == DmsKind_Container) object->updateId = systemUpdateId;
+  if (kind == DmsKind_Container) object->updateId = DmsContent_SystemUpdateId();
 
   DmsObject*& bucket = bucketOf(id);
   object->nextInBucket = bucket;
@@ -131,6 +133,6 @@ std::string DmsObject_GetPath(const DmsObject* object) {
   return path;
 }
 
-uint32_t DmsContent_SystemUpdateId() { return systemUpdateId; }
+uint32_t DmsContent_SystemUpdateId() { return systemUpdateId.load(std::memory_order_relaxed); }
 
-void DmsContent_RaiseSystemUpdateId() { systemUpdateId += 1; }
+void DmsContent_RaiseSystemUpdateId() { systemUpdateId.fetch_add(1, std::memory_order_relaxed); }
