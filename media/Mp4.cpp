@@ -232,7 +232,8 @@ struct Mp4Parser {
   void readSampleDescription(const Mp4Box& stsd, StreamInfo& info);
   void parseUserData(const Mp4Box& udta);
   void readItem(const Mp4Box& item);
-  void readText(uint32_t dataType, int64_t position, int64_t length, std::optional<std::string>& text);
+  void readText(uint32_t dataType, int64_t position, int64_t length,
+                std::optional<std::string>& text);
   void readGenreNumber(int64_t position, int64_t length);
   void readDay(int64_t position, int64_t length);
 };
@@ -396,13 +397,16 @@ void Mp4Parser::readSampleDescription(const Mp4Box& stsd, StreamInfo& info) {
       !MediaRead_U32BE(fd, format)) {
     return;
   }
-  if (entryCount != 1 || entrySize < kSampleEntryHeader || entrySize > stsd.length - kEntryAt) return;
+  if (entryCount != 1 || entrySize < kSampleEntryHeader || entrySize > stsd.length - kEntryAt) {
+    return;
+  }
   const int64_t fields = stsd.payload + kEntryAt + kSampleEntryHeader;
   const int64_t fieldsLength = int64_t(entrySize) - kSampleEntryHeader;
   std::array<uint8_t, kVideoEntryFields> bytes{};
 
   if (info.streamKind == MediaType_Audio) {
-    if (fieldsLength < int64_t(kAudioEntryFields) || !readBytesAt(fd, fields, bytes.data(), kAudioEntryFields)) {
+    if (fieldsLength < int64_t(kAudioEntryFields) ||
+        !readBytesAt(fd, fields, bytes.data(), kAudioEntryFields)) {
       return;
     }
     const uint16_t soundVersion = bigEndian16(&bytes[0]);
@@ -417,7 +421,8 @@ void Mp4Parser::readSampleDescription(const Mp4Box& stsd, StreamInfo& info) {
     info.channels = uint8_t(channels);
     info.bitsPerSample = uint8_t(sampleSize);
   } else if (info.streamKind == MediaType_Video) {
-    if (fieldsLength < int64_t(kVideoEntryFields) || !readBytesAt(fd, fields, bytes.data(), kVideoEntryFields)) {
+    if (fieldsLength < int64_t(kVideoEntryFields) ||
+        !readBytesAt(fd, fields, bytes.data(), kVideoEntryFields)) {
       return;
     }
     // Behind the version, revision, vendor and two quality words; the depth
@@ -488,7 +493,8 @@ void Mp4Parser::readText(uint32_t dataType, int64_t position, int64_t length,
 // A genre number counts from 1; 0 and numbers above 255 are ignored.
 void Mp4Parser::readGenreNumber(int64_t position, int64_t length) {
   std::array<uint8_t, kMaxGenreNumberValue> bytes;
-  if (length < 1 || length > kMaxGenreNumberValue || !readBytesAt(fd, position, bytes.data(), size_t(length))) {
+  if (length < 1 || length > kMaxGenreNumberValue ||
+      !readBytesAt(fd, position, bytes.data(), size_t(length))) {
     return;
   }
   uint32_t number = 0;
@@ -503,7 +509,8 @@ void Mp4Parser::readGenreNumber(int64_t position, int64_t length) {
 // colon-separated form starts with the same number, so it adds nothing.)
 void Mp4Parser::readDay(int64_t position, int64_t length) {
   std::array<char, kMaxTextValue + 1> text{};
-  if (length < 1 || length > kMaxTextValue || !readBytesAt(fd, position, text.data(), size_t(length))) {
+  if (length < 1 || length > kMaxTextValue ||
+      !readBytesAt(fd, position, text.data(), size_t(length))) {
     return;
   }
   int numbers[3] = {};
@@ -524,10 +531,13 @@ void Mp4Parser::readDay(int64_t position, int64_t length) {
 
 }  // namespace
 
-bool MediaParse_Mp4(int fd, int64_t offset, int64_t length, MediaStream& stream, bool metadataOnly) {
+bool MediaParse_Mp4(int fd, int64_t offset, int64_t length, MediaStream& stream,
+                    bool metadataOnly) {
   stream.duration = 1;
   stream.timescale = 1000;
-  if (offset < 0 || length <= 0 || length > std::numeric_limits<int64_t>::max() - offset) return false;
+  if (offset < 0 || length <= 0 || length > std::numeric_limits<int64_t>::max() - offset) {
+    return false;
+  }
 
   Mp4Box ftyp;
   uint32_t majorBrand = 0;

@@ -120,15 +120,21 @@ TEST(Mp4, VideoTrackDecidesMimeTypeAndTracksKeepFileOrder) {
 }
 
 TEST(Mp4, FileTypeBoxMustLieInFirst512Bytes) {
-  const Mp4Bytes body = Mp4Fixture_Join({Mp4Fixture_Ftyp("mp42"), Mp4Fixture_Box("moov", Mp4Fixture_Track(audioTrack()))});
+  const Mp4Bytes body = Mp4Fixture_Join(
+      {Mp4Fixture_Ftyp("mp42"), Mp4Fixture_Box("moov", Mp4Fixture_Track(audioTrack()))});
   const size_t ftypSize = Mp4Fixture_Ftyp("mp42").size();
   // Padding so that the file type box ends exactly at byte 512, then one past.
-  auto inside = parse(Mp4Fixture_Join({Mp4Fixture_Box("free", Mp4Bytes(512 - ftypSize - 8)), body}));
+  auto padded = [&](size_t end) {
+    return parse(Mp4Fixture_Join({Mp4Fixture_Box("free", Mp4Bytes(end - ftypSize - 8)), body}));
+  };
+  auto inside = padded(512);
   ASSERT_NE(inside, nullptr);
   EXPECT_STREQ(inside->mimeType, "audio/mp4");
-  EXPECT_EQ(parse(Mp4Fixture_Join({Mp4Fixture_Box("free", Mp4Bytes(513 - ftypSize - 8)), body})), nullptr);
+  EXPECT_EQ(padded(513), nullptr);
   // A file type box without its brand is no file type box.
-  EXPECT_EQ(parse(Mp4Fixture_Join({Mp4Fixture_Box("ftyp", {'m', 'p'}), Mp4Fixture_Box("free", Mp4Bytes(64))})), nullptr);
+  EXPECT_EQ(parse(Mp4Fixture_Join(
+                {Mp4Fixture_Box("ftyp", {'m', 'p'}), Mp4Fixture_Box("free", Mp4Bytes(64))})),
+            nullptr);
 }
 
 TEST(Mp4, MovieBoxMustBeAmongFirstEightTopLevelBoxes) {
@@ -234,8 +240,9 @@ TEST(Mp4, CoverTypesAndSizeLimit) {
   EXPECT_EQ(coverOf(kMp4DataPng, 0)->coverLength, 0);
 
   // A later cover replaces an earlier one.
-  auto two = parse(withItems(Mp4Fixture_Join({Mp4Fixture_Item("covr", kMp4DataJpeg, Mp4Bytes(10, 1)),
-                                              Mp4Fixture_Item("covr", kMp4DataPng, Mp4Bytes(20, 2))})));
+  const Mp4Bytes covers = Mp4Fixture_Join({Mp4Fixture_Item("covr", kMp4DataJpeg, Mp4Bytes(10)),
+                                           Mp4Fixture_Item("covr", kMp4DataPng, Mp4Bytes(20))});
+  auto two = parse(withItems(covers));
   ASSERT_NE(two, nullptr);
   EXPECT_STREQ(two->coverMimeType, "image/png");
   EXPECT_EQ(two->coverLength, 20);
@@ -258,7 +265,9 @@ TEST(Mp4, TextItemsAndDates) {
   EXPECT_FALSE(stream->genre.has_value());
   EXPECT_EQ(stream->date, 1293840000);  // 2011-01-01
 
-  auto dateOf = [](std::string_view day) { return parse(withItems(Mp4Fixture_TextItem(kMp4ItemDay, day)))->date; };
+  auto dateOf = [](std::string_view day) {
+    return parse(withItems(Mp4Fixture_TextItem(kMp4ItemDay, day)))->date;
+  };
   EXPECT_EQ(dateOf("2011-05"), 1304208000);
   EXPECT_EQ(dateOf("2011-05-20 10:00"), 1305849600);
   EXPECT_EQ(dateOf("May 2011"), 0);
@@ -267,7 +276,8 @@ TEST(Mp4, TextItemsAndDates) {
 
 TEST(Mp4, IncompleteTracksAreDropped) {
   auto tracksOf = [](const Mp4Bytes& trak) {
-    return parse(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", trak)}))->streamCount();
+    return parse(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", trak)}))
+        ->streamCount();
   };
   EXPECT_EQ(tracksOf(Mp4Fixture_Track(audioTrack(0))), 0);  // track ID 0
   Mp4FixtureTrack noDuration = audioTrack();
@@ -277,7 +287,8 @@ TEST(Mp4, IncompleteTracksAreDropped) {
   // A sound description of version 2 is refused, but the track stays.
   Mp4FixtureTrack version2 = audioTrack();
   version2.soundVersion = 2;
-  auto stream = parse(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", Mp4Fixture_Track(version2))}));
+  auto stream = parse(Mp4Fixture_Join(
+      {Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", Mp4Fixture_Track(version2))}));
   ASSERT_EQ(stream->streamCount(), 1);
   EXPECT_EQ(stream->streamInfo[0].sampleRate, 0u);
   EXPECT_EQ(stream->streamInfo[0].channels, 0);
