@@ -195,7 +195,7 @@ class BoxWalk {
 // scan does and returns how many were read. Values saturate instead of
 // overflowing.
 int scanDateNumbers(const char* text, int numbers[3]) {
-  constexpr long kSaturation = 100000000;
+  constexpr int64_t kSaturation = 100000000;
   const char* p = text;
   int count = 0;
   for (; count < 3; ++count) {
@@ -207,7 +207,7 @@ int scanDateNumbers(const char* text, int numbers[3]) {
     bool negative = *p == '-';
     if (*p == '-' || *p == '+') ++p;
     if (!std::isdigit(static_cast<unsigned char>(*p))) break;
-    long value = 0;
+    int64_t value = 0;
     for (; std::isdigit(static_cast<unsigned char>(*p)); ++p) {
       value = std::min(kSaturation, value * 10 + (*p - '0'));
     }
@@ -520,9 +520,9 @@ void Mp4Parser::readDay(int64_t position, int64_t length) {
   date.tm_year = numbers[0] - 1900;
   date.tm_mon = count >= 2 ? numbers[1] - 1 : 0;
   date.tm_mday = count >= 3 ? numbers[2] : 1;
-  const time_t seconds = timegm(&date);
+  const int64_t seconds = timegm(&date);
   // A date outside the 32-bit range fails like an unrepresentable one.
-  if (seconds == time_t(-1) || seconds < std::numeric_limits<int32_t>::min() ||
+  if (seconds == -1 || seconds < std::numeric_limits<int32_t>::min() ||
       seconds > std::numeric_limits<int32_t>::max()) {
     return;
   }
