@@ -23,7 +23,7 @@ constexpr std::array<ParserSlot, 9> kParsers{{
     {"png", nullptr},
     {"gif", nullptr},
     {"flac", nullptr},
-    {"mp4", nullptr},
+    {"mp4", MediaParse_Mp4},
     {"matroska", nullptr},
     {"tiff", nullptr},
     {"jpeg", nullptr},

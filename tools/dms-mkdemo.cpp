@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/fixtures/ByteWriter.h"
+#include "tests/fixtures/Mp4Fixture.h"
 
 namespace {
 
@@ -19,6 +20,10 @@ struct DemoFile {
 
 const std::vector<DemoFile>& demoFiles() {
   static const std::vector<DemoFile> files = {
+      {"Videos/Demo Clip.mp4", Mp4Fixture_Video},
+      {"Videos/Demo Movie.mov", Mp4Fixture_Mov},
+      {"Music/Demo Artist/Demo Album/Demo Song.m4a",
+       [] { return Mp4Fixture_M4a(kMp4DataPng, Mp4Fixture_CoverPng()); }},
   };
   return files;
 }
