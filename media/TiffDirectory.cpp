@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <climits>
 #include <cstring>
@@ -38,6 +39,7 @@ constexpr uint16_t kTagPixelXDimension = 0xA002;
 constexpr uint16_t kTagPixelYDimension = 0xA003;
 
 constexpr size_t kEntrySize = 12;
+constexpr uint32_t kValueFieldSize = 4;
 constexpr size_t kMaxEntries = 64;
 constexpr int64_t kCountSize = 2;
 constexpr int64_t kNextOffsetSize = 4;
@@ -114,12 +116,10 @@ bool TiffReadEntries(const TiffSource& source, uint32_t offset, TiffEntryList& l
 
 // A width or height: one SHORT (the first two bytes of the value field) or
 // one LONG cut to 16 bits.
-bool TiffReadSize(const TiffSource& source, const TiffEntry& entry, uint16_t& size) {
-  if (entry.count(source) != 1) return false;
+void TiffReadSize(const TiffSource& source, const TiffEntry& entry, uint16_t& size) {
+  if (entry.count(source) != 1) return;
   if (entry.type(source) == kTypeShort) size = TiffDecode16(source, entry.field());
   else if (entry.type(source) == kTypeLong) size = static_cast<uint16_t>(entry.field32(source));
-  else return false;
-  return true;
 }
 
 bool TiffIsSingleLong(const TiffSource& source, const TiffEntry& entry) {
@@ -131,8 +131,9 @@ bool TiffIsSingleLong(const TiffSource& source, const TiffEntry& entry) {
 std::string TiffReadAscii(const TiffSource& source, const TiffEntry& entry, size_t bufferSize) {
   char buffer[kTextBufferSize];
   const uint32_t count = entry.count(source);
-  const size_t length = count < bufferSize - 1 ? count : bufferSize - 1;
-  if (count <= 4) {
+  const size_t capacity = std::min(bufferSize, kTextBufferSize) - 1;
+  const size_t length = count < capacity ? count : capacity;
+  if (count <= kValueFieldSize) {
     std::memcpy(buffer, entry.field(), length);
   } else {
     const uint32_t offset = entry.field32(source);

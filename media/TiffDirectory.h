@@ -19,7 +19,7 @@ struct TiffSource {
 };
 
 // What one directory (IFD) says about its picture. Offsets are from the
-// start of the TIFF structure.
+// start of the TIFF structure; a text that is empty or cannot be read is absent.
 struct TiffDirectory {
   uint16_t width = 0;
   uint16_t height = 0;

