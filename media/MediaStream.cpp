@@ -25,8 +25,8 @@ constexpr std::array<ParserSlot, 9> kParsers{{
     {"flac", nullptr},
     {"mp4", MediaParse_Mp4},
     {"matroska", nullptr},
-    {"tiff", nullptr},
-    {"jpeg", nullptr},
+    {"tiff", MediaParse_Tiff},
+    {"jpeg", MediaParse_Jpeg},
     {"mp3", nullptr},
 }};
 

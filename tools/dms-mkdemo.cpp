@@ -10,6 +10,8 @@
 
 #include "tests/fixtures/ByteWriter.h"
 #include "tests/fixtures/Mp4Fixture.h"
+#include "tests/fixtures/JpegFixture.h"
+#include "tests/fixtures/TiffFixture.h"
 
 namespace {
 
@@ -24,6 +26,25 @@ const std::vector<DemoFile>& demoFiles() {
       {"Videos/Demo Movie.mov", Mp4Fixture_Mov},
       {"Music/Demo Artist/Demo Album/Demo Song.m4a",
        [] { return Mp4Fixture_M4a(kMp4DataPng, Mp4Fixture_CoverPng()); }},
+      {"Pictures/Holiday/harbour.jpg",
+       [] {
+         return JpegFixture_Build({.exif = JpegFixture_Exif({.description = "Harbour at dawn",
+                                                             .artist = "Demo Photographer",
+                                                             .dateTime = "2021:08:14 09:12:00",
+                                                             .dateOriginal = "2021:08:14 06:45:30"})});
+       }},
+      {"Pictures/Scans/letter.tif",
+       [] {
+         TiffFixturePage page;
+         page.width = 24;
+         page.height = 16;
+         page.pixels = true;
+         page.description = "Scanned letter";
+         page.dateTime = "2019:03:02 17:20:00";
+         TiffFixturePage second = page;
+         second.description.clear();
+         return TiffFixture_Pages(false, {page, second});
+       }},
   };
   return files;
 }
