@@ -1,6 +1,7 @@
 // The incremental scan over real temporary directories: what appears, in
 // which order, in which views, and what leaves again.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 #include "dms/DmsLibrary.h"
 #include "dms/DmsObject.h"
 #include "tests/fixtures/ByteWriter.h"
+#include "tests/fixtures/JpegFixture.h"
 #include "tests/fixtures/Mp4Fixture.h"
 
 namespace fs = std::filesystem;
@@ -62,6 +64,7 @@ class LibraryScan : public ::testing::Test {
     artists = container({0, 11}, DmsId_Music, "Artists", DmsClass_MusicArtist);
     allMusic = container({0, 10}, DmsId_Music, "All Music", DmsClass_Container);
     container({0, 20}, DmsId_Videos, "All Videos", DmsClass_Container);
+    moments = container({0, 31}, DmsId_Pictures, "Moments", DmsClass_PhotoAlbum);
   }
   void TearDown() override {
     DmsObject_Free(DmsId_Root);
@@ -83,6 +86,7 @@ class LibraryScan : public ::testing::Test {
   DmsObject* music = nullptr;
   DmsObject* artists = nullptr;
   DmsObject* allMusic = nullptr;
+  DmsObject* moments = nullptr;
 };
 
 TEST_F(LibraryScan, MirrorsFoldersInOrderAndSkipsWhatIsNotMedia) {
@@ -188,6 +192,22 @@ TEST_F(LibraryScan, HardLinkStaysWhereFirstSeen) {
   EXPECT_EQ(titles(a), (std::vector<std::string>{"song.m4a"}));
   EXPECT_EQ(childTitled(volume, "B"), nullptr);  // its only entry was the second name
   EXPECT_EQ(titles(allMusic).size(), 1u);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(LibraryScan, MomentsByUtcDayNewestFirstWithModificationTimeFallback) {
+  write("dated.jpg", JpegFixture_Build({.exif = JpegFixture_Exif({.dateOriginal = "2020:02:29 23:59:59"})}));
+  write("later.jpg", JpegFixture_Build({.exif = JpegFixture_Exif({.dateOriginal = "2021:01:01 00:00:00"})}));
+  write("undated.jpg", JpegFixture_Build({}));
+  const struct timespec times[2] = {{0, UTIME_OMIT}, {1262304000 + 3600, 0}};  // 2010-01-01 01:00 UTC
+  ASSERT_EQ(::utimensat(AT_FDCWD, (dir + "/undated.jpg").c_str(), times, 0), 0);
+  ASSERT_EQ(scan(0), 1);
+  EXPECT_EQ(titles(moments), (std::vector<std::string>{"2021-01-01", "2020-02-29", "2010-01-01"}));
+  EXPECT_EQ(moments->firstChild->upnpClass, dlnaMediaClasses[DmsClass_PhotoAlbum]);
+  EXPECT_EQ(moments->firstChild->firstChild->id.high, moments->firstChild->firstChild->item->id.high | (16ull << 32));
 }
 
 }  // namespace
