@@ -24,7 +24,7 @@ constexpr std::array<ParserSlot, 9> kParsers{{
     {"gif", nullptr},
     {"flac", nullptr},
     {"mp4", nullptr},
-    {"matroska", nullptr},
+    {"matroska", MediaParse_Matroska},
     {"tiff", nullptr},
     {"jpeg", nullptr},
     {"mp3", nullptr},
