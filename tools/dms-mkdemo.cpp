@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/fixtures/ByteWriter.h"
+#include "tests/fixtures/MatroskaFixture.h"
 
 namespace {
 
@@ -19,6 +20,8 @@ struct DemoFile {
 
 const std::vector<DemoFile>& demoFiles() {
   static const std::vector<DemoFile> files = {
+      {"Videos/Demo Clip.mkv", MatroskaFixture_VideoWithCover},
+      {"Music/Night Drive.mka", MatroskaFixture_AudioWithTitle},
   };
   return files;
 }
