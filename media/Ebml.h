@@ -9,9 +9,9 @@
 #include <string>
 
 struct EbmlElement {
-  uint32_t id = 0;         // with its length-marker bits, as IDs are written
-  int64_t dataStart = 0;   // first payload byte
-  int64_t size = 0;        // payload bytes
+  uint32_t id = 0;           // with its length-marker bits, as IDs are written
+  int64_t dataStart = 0;     // first payload byte
+  int64_t size = 0;          // payload bytes
   bool unknownSize = false;  // the size was "unknown"; it then reaches the enclosing end
 
   int64_t end() const { return dataStart + size; }

@@ -111,7 +111,7 @@ uint32_t streamKindOf(uint64_t trackType) {
 }
 
 uint32_t toUint32(double value) {
-  return value >= 4294967295.0 ? UINT32_MAX : static_cast<uint32_t>(value);
+  return value >= static_cast<double>(UINT32_MAX) ? UINT32_MAX : static_cast<uint32_t>(value);
 }
 
 bool readDocType(int fd, const EbmlElement& header, std::string& docType) {
@@ -137,8 +137,9 @@ class SegmentReader {
       if (child.id == kIdSeekHead) readSeekHead(child);
       else readSection(child);
     }
-    std::stable_sort(seeks_.begin(), seeks_.begin() + seekCount_,
-                     [](const SeekEntry& a, const SeekEntry& b) { return a.position < b.position; });
+    std::stable_sort(
+        seeks_.begin(), seeks_.begin() + seekCount_,
+        [](const SeekEntry& a, const SeekEntry& b) { return a.position < b.position; });
     for (size_t i = 0; i < seekCount_; ++i) {
       const SeekEntry& entry = seeks_[i];
       const uint8_t bit = sectionBit(entry.id);
@@ -308,7 +309,8 @@ class SegmentReader {
       std::string name;
       EbmlElement data;
       if (!readAttachedFile(child, name, data)) return;
-      if (std::find(std::begin(kCoverNames), std::end(kCoverNames), name) == std::end(kCoverNames)) {
+      if (std::find(std::begin(kCoverNames), std::end(kCoverNames), name) ==
+          std::end(kCoverNames)) {
         continue;
       }
       if (data.size > 0 && data.size < kCoverSizeLimit) {
