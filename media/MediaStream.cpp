@@ -24,7 +24,7 @@ constexpr std::array<ParserSlot, 9> kParsers{{
     {"gif", nullptr},
     {"flac", nullptr},
     {"mp4", MediaParse_Mp4},
-    {"matroska", nullptr},
+    {"matroska", MediaParse_Matroska},
     {"tiff", MediaParse_Tiff},
     {"jpeg", MediaParse_Jpeg},
     {"mp3", nullptr},

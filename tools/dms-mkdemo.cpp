@@ -12,6 +12,7 @@
 #include "tests/fixtures/Mp4Fixture.h"
 #include "tests/fixtures/JpegFixture.h"
 #include "tests/fixtures/TiffFixture.h"
+#include "tests/fixtures/MatroskaFixture.h"
 
 namespace {
 
@@ -45,6 +46,8 @@ const std::vector<DemoFile>& demoFiles() {
          second.description.clear();
          return TiffFixture_Pages(false, {page, second});
        }},
+      {"Videos/Demo Clip.mkv", MatroskaFixture_VideoWithCover},
+      {"Music/Night Drive.mka", MatroskaFixture_AudioWithTitle},
   };
   return files;
 }
