@@ -24,9 +24,9 @@ struct ParserSlot {
 // MP3 stays last: its search for a frame header is the loosest test.
 constexpr std::array<ParserSlot, 9> kParsers{{
     {"riff", nullptr},
-    {"png", nullptr},
-    {"gif", nullptr},
-    {"flac", nullptr},
+    {"png", MediaParse_Png},
+    {"gif", MediaParse_Gif},
+    {"flac", MediaParse_Flac},
     {"mp4", nullptr},
     {"matroska", nullptr},
     {"tiff", nullptr},
