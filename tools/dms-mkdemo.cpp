@@ -9,6 +9,9 @@
 #include <vector>
 
 #include "tests/fixtures/ByteWriter.h"
+#include "tests/fixtures/FlacFixture.h"
+#include "tests/fixtures/GifFixture.h"
+#include "tests/fixtures/PngFixture.h"
 
 namespace {
 
@@ -19,6 +22,10 @@ struct DemoFile {
 
 const std::vector<DemoFile>& demoFiles() {
   static const std::vector<DemoFile> files = {
+      {"Music/Demo Artist/Demo Album/01 Demo Song.flac",
+       [] { return FlacFixture_Song("Demo Song", "Demo Artist", "Demo Album", "Jazz", "2009-06-15"); }},
+      {"Pictures/Gradient.png", [] { return PngFixture_Picture(32, 24, "Demo Gradient", "2009:06:15 10:20:30"); }},
+      {"Pictures/Stripes.gif", [] { return GifFixture_Picture("89a", 32, 24, 4); }},
   };
   return files;
 }
