@@ -105,7 +105,8 @@ void flacReadStreamInfo(FlacBlockReader& block, FlacAudio& audio) {
   const uint32_t channels = MediaBits_Get(data, 20, 3) + 1;
   const uint32_t bitsPerSample = MediaBits_Get(data, 23, 5) + 1;
   if (MediaBits_Get(data, 28, 4) != 0 || sampleRate == 0 || bitsPerSample < kMinBitsPerSample) return;
-  audio = {sampleRate, static_cast<uint8_t>(channels), static_cast<uint8_t>(bitsPerSample), MediaBits_Get(data, 32, 32)};
+  audio = {sampleRate, static_cast<uint8_t>(channels), static_cast<uint8_t>(bitsPerSample),
+           MediaBits_Get(data, 32, 32)};
 }
 
 // Points at or past the stream's end (the format's placeholders among them)
