@@ -13,6 +13,9 @@
 #include "tests/fixtures/JpegFixture.h"
 #include "tests/fixtures/TiffFixture.h"
 #include "tests/fixtures/MatroskaFixture.h"
+#include "tests/fixtures/FlacFixture.h"
+#include "tests/fixtures/GifFixture.h"
+#include "tests/fixtures/PngFixture.h"
 
 namespace {
 
@@ -48,6 +51,10 @@ const std::vector<DemoFile>& demoFiles() {
        }},
       {"Videos/Demo Clip.mkv", MatroskaFixture_VideoWithCover},
       {"Music/Night Drive.mka", MatroskaFixture_AudioWithTitle},
+      {"Music/Demo Artist/Demo Album/01 Demo Song.flac",
+       [] { return FlacFixture_Song("Demo Song", "Demo Artist", "Demo Album", "Jazz", "2009-06-15"); }},
+      {"Pictures/Gradient.png", [] { return PngFixture_Picture(32, 24, "Demo Gradient", "2009:06:15 10:20:30"); }},
+      {"Pictures/Stripes.gif", [] { return GifFixture_Picture("89a", 32, 24, 4); }},
   };
   return files;
 }
