@@ -19,7 +19,7 @@ struct ParserSlot {
 
 // MP3 stays last: its search for a frame header is the loosest test.
 constexpr std::array<ParserSlot, 9> kParsers{{
-    {"riff", nullptr},
+    {"riff", MediaParse_Riff},
     {"png", nullptr},
     {"gif", nullptr},
     {"flac", nullptr},
@@ -27,7 +27,7 @@ constexpr std::array<ParserSlot, 9> kParsers{{
     {"matroska", nullptr},
     {"tiff", nullptr},
     {"jpeg", nullptr},
-    {"mp3", nullptr},
+    {"mp3", MediaParse_Mp3},
 }};
 
 void dropIfNotUtf8(std::optional<std::string>& text) {

@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "tests/fixtures/ByteWriter.h"
+#include "tests/fixtures/Mp3Fixture.h"
+#include "tests/fixtures/RiffFixture.h"
 
 namespace {
 
@@ -19,6 +21,9 @@ struct DemoFile {
 
 const std::vector<DemoFile>& demoFiles() {
   static const std::vector<DemoFile> files = {
+      {"Music/Demo Artist/Demo Album/01 Demo Song.mp3", Mp3Fixture_Demo},
+      {"Music/Demo Artist/tone.wav", RiffFixture_DemoWav},
+      {"Videos/clip.avi", RiffFixture_DemoAvi},
   };
   return files;
 }
