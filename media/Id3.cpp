@@ -283,7 +283,8 @@ void readFrames(int fd, int64_t position, uint32_t size, unsigned version, uint8
   if (version != 2 && (tagFlags & kTagFlagCompressedOrExtended)) {
     uint8_t raw[4];
     uint32_t extendedSize = 0;
-    if (remaining < sizeof raw || !MediaRead_Bytes(fd, raw, sizeof raw) || !syncsafeValue(raw, extendedSize)) {
+    if (remaining < sizeof raw || !MediaRead_Bytes(fd, raw, sizeof raw) ||
+        !syncsafeValue(raw, extendedSize)) {
       return;
     }
     remaining -= sizeof raw;

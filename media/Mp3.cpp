@@ -45,9 +45,9 @@ struct FrameHeader {
   uint8_t channelMode = 0;  // 3 single channel
   uint32_t sampleRate = 0;
   uint16_t samplesPerFrame = 0;
-  uint32_t bitrate = 0;     // bit/s
+  uint32_t bitrate = 0;  // bit/s
   uint8_t padding = 0;
-  uint32_t frameLength = 0; // bytes
+  uint32_t frameLength = 0;  // bytes
 };
 
 bool decodeFrameHeader(const uint8_t* b, FrameHeader& header) {
@@ -65,7 +65,10 @@ bool decodeFrameHeader(const uint8_t* b, FrameHeader& header) {
   h.channelMode = b[3] >> 6;
   h.padding = (b[2] >> 1) & 1;
   const bool mpeg1 = version == kVersionMpeg1;
-  h.sampleRate = (mpeg1 ? kSampleRatesMpeg1 : version == 2 ? kSampleRatesMpeg2 : kSampleRatesMpeg25)[sampleRateIndex];
+  const uint32_t* sampleRates = mpeg1          ? kSampleRatesMpeg1
+                                : version == 2 ? kSampleRatesMpeg2
+                                               : kSampleRatesMpeg25;
+  h.sampleRate = sampleRates[sampleRateIndex];
   const uint16_t kbits = mpeg1 ? kBitratesMpeg1[3 - layer][bitrateIndex]
                                : kBitratesMpeg2[layer == kLayerI ? 0 : 1][bitrateIndex];
   h.bitrate = uint32_t{kbits} * 1000;

@@ -41,7 +41,7 @@ uint32_t le32(const uint8_t* b) {
 struct RiffChunk {
   std::string_view id;  // four characters, valid until the next chunk is read
   uint32_t size = 0;
-  int64_t data = 0;     // file position of the chunk's first data byte
+  int64_t data = 0;  // file position of the chunk's first data byte
 };
 
 // Visits the chunks in [begin, end), at most `maxChunks` of them. A chunk
@@ -84,7 +84,8 @@ bool readChunkData(int fd, const RiffChunk& chunk, uint8_t* buffer, size_t count
 
 // The list type of a "LIST" chunk, or empty when it has none.
 std::string_view listType(int fd, const RiffChunk& chunk, char (&type)[4]) {
-  if (chunk.id != "LIST" || chunk.size < 4 || !readChunkData(fd, chunk, reinterpret_cast<uint8_t*>(type), 4)) {
+  if (chunk.id != "LIST" || chunk.size < 4 ||
+      !readChunkData(fd, chunk, reinterpret_cast<uint8_t*>(type), 4)) {
     return {};
   }
   return std::string_view(type, 4);
@@ -104,7 +105,8 @@ void readInfoText(int fd, const RiffChunk& chunk, std::optional<std::string>& ta
 // "YYYY-MM-DD" or "YYYY:MM:DD"; missing parts default to the first of January.
 void readInfoDate(int fd, const RiffChunk& chunk, MediaStream& stream) {
   char text[kMaxInfoDate + 1] = {};
-  if (!readChunkData(fd, chunk, reinterpret_cast<uint8_t*>(text), std::min<size_t>(chunk.size, kMaxInfoDate))) return;
+  const size_t count = std::min<size_t>(chunk.size, kMaxInfoDate);
+  if (!readChunkData(fd, chunk, reinterpret_cast<uint8_t*>(text), count)) return;
   int year = 0, month = 1, day = 1;
   int numbers = std::sscanf(text, "%d-%d-%d", &year, &month, &day);
   if (numbers < 3) {
@@ -149,7 +151,8 @@ bool readRiffHeader(int fd, int64_t offset, int64_t length, std::string_view for
     return false;
   }
   const int64_t riffSize = le32(header + 4);
-  if (std::string_view(reinterpret_cast<char*>(header), 4) != "RIFF" || riffSize + kChunkHeaderSize > length ||
+  if (std::string_view(reinterpret_cast<char*>(header), 4) != "RIFF" ||
+      riffSize + kChunkHeaderSize > length ||
       std::string_view(reinterpret_cast<char*>(header + 8), 4) != form) {
     return false;
   }

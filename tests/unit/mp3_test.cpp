@@ -1,6 +1,8 @@
 // MPEG audio detection and ID3v2 tags, probed through the whole dispatch on
 // generated files: frame search and validation, durations from Xing headers
 // and data length, tag versions, text encodings, genres, dates and covers.
+#include "media/Mp3.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -8,7 +10,6 @@
 #include <string>
 
 #include "media/MediaParsers.h"
-#include "media/Mp3.h"
 #include "tests/fixtures/ByteWriter.h"
 #include "tests/fixtures/Mp3Fixture.h"
 
@@ -93,9 +94,9 @@ TEST(Mp3, RefusesWhatIsNotMpegAudio) {
     EXPECT_EQ(probe(out.data()), nullptr) << int(bitrateByte);
   }
   // Reserved version bits (01) and layer bits (00), reserved sample rate.
-  for (const std::vector<uint8_t>& header : {std::vector<uint8_t>{0xFF, 0xEB, 0x90, 0x00},
-                                             std::vector<uint8_t>{0xFF, 0xF9, 0x90, 0x00},
-                                             std::vector<uint8_t>{0xFF, 0xFB, 0x9C, 0x00}}) {
+  for (const std::vector<uint8_t>& header :
+       {std::vector<uint8_t>{0xFF, 0xEB, 0x90, 0x00}, std::vector<uint8_t>{0xFF, 0xF9, 0x90, 0x00},
+        std::vector<uint8_t>{0xFF, 0xFB, 0x9C, 0x00}}) {
     ByteWriter out;
     for (int i = 0; i < 8; ++i) out.bytes(header).fill(413);
     EXPECT_EQ(probe(out.data()), nullptr);
@@ -111,11 +112,12 @@ TEST(Mp3, RefusesWhatIsNotMpegAudio) {
 }
 
 TEST(Mp3, DeclineDropsTagDataFromTheRecord) {
-  const auto bytes = join(Id3TagBuilder(3)
-                              .text("TIT2", "Title")
-                              .frame("APIC", Id3Fixture_Picture(3, "image/png", "", std::vector<uint8_t>(8, 1)))
-                              .build(),
-                          std::vector<uint8_t>(2000, 0x55));
+  const auto bytes =
+      join(Id3TagBuilder(3)
+               .text("TIT2", "Title")
+               .frame("APIC", Id3Fixture_Picture(3, "image/png", "", std::vector<uint8_t>(8, 1)))
+               .build(),
+           std::vector<uint8_t>(2000, 0x55));
   FixtureFile file(bytes);
   MediaStream stream;
   EXPECT_FALSE(MediaParse_Mp3(file.fd(), 0, file.size(), stream, true));
@@ -128,27 +130,32 @@ TEST(Mp3, DeclineDropsTagDataFromTheRecord) {
 
 TEST(Mp3, XingHeaderCountsAndSeekData) {
   // Frame count from the Xing header replaces the one from the length.
-  auto bytes = join(Mp3Fixture_VbrFrame(kMp3Mpeg1Stereo, "Xing", 1, 1000, 0), Mp3Fixture_Frames(kMp3Mpeg1Stereo, 5));
+  auto bytes =
+      join(Mp3Fixture_VbrFrame(kMp3Mpeg1Stereo, "Xing", 1, 1000, 0), Mp3Fixture_Frames(kMp3Mpeg1Stereo, 5));
   auto stream = probe(bytes);
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->duration, 1000u * 1152);
   EXPECT_EQ(stream->timescale, 44100u);
 
   // "Info" is not recognised: the count comes from length / frame length.
-  stream = probe(join(Mp3Fixture_VbrFrame(kMp3Mpeg1Stereo, "Info", 1, 1000, 0), Mp3Fixture_Frames(kMp3Mpeg1Stereo, 5)));
+  stream = probe(
+      join(Mp3Fixture_VbrFrame(kMp3Mpeg1Stereo, "Info", 1, 1000, 0), Mp3Fixture_Frames(kMp3Mpeg1Stereo, 5)));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->duration, 6u * 1152);
 
   // The header's place depends on version and channel mode.
-  stream = probe(join(Mp3Fixture_VbrFrame(kMp3Mpeg1Mono, "Xing", 1, 300, 0), Mp3Fixture_Frames(kMp3Mpeg1Mono, 5)));
+  stream =
+      probe(join(Mp3Fixture_VbrFrame(kMp3Mpeg1Mono, "Xing", 1, 300, 0), Mp3Fixture_Frames(kMp3Mpeg1Mono, 5)));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->duration, 300u * 1152);
-  stream = probe(join(Mp3Fixture_VbrFrame(kMp3Mpeg2Stereo, "Xing", 1, 300, 0), Mp3Fixture_Frames(kMp3Mpeg2Stereo, 8)));
+  stream = probe(
+      join(Mp3Fixture_VbrFrame(kMp3Mpeg2Stereo, "Xing", 1, 300, 0), Mp3Fixture_Frames(kMp3Mpeg2Stereo, 8)));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->duration, 300u * 576);
 
   // A zero frame count leaves no stream and the one-millisecond duration.
-  stream = probe(join(Mp3Fixture_VbrFrame(kMp3Mpeg1Stereo, "Xing", 1, 0, 0), Mp3Fixture_Frames(kMp3Mpeg1Stereo, 5)));
+  stream = probe(
+      join(Mp3Fixture_VbrFrame(kMp3Mpeg1Stereo, "Xing", 1, 0, 0), Mp3Fixture_Frames(kMp3Mpeg1Stereo, 5)));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->streamCount(), 0);
   EXPECT_EQ(stream->duration, 1u);
@@ -157,7 +164,8 @@ TEST(Mp3, XingHeaderCountsAndSeekData) {
   // Seek data: byte count shortens the audio length, the table of contents
   // replaces the frame length.
   const auto tag = Id3TagBuilder(3).text("TIT2", "x").build();
-  bytes = join(tag, join(Mp3Fixture_VbrFrame(kMp3Mpeg1Stereo, "Xing", 7, 500, 1000), Mp3Fixture_Frames(kMp3Mpeg1Stereo, 5)));
+  bytes = join(tag, join(Mp3Fixture_VbrFrame(kMp3Mpeg1Stereo, "Xing", 7, 500, 1000),
+                         Mp3Fixture_Frames(kMp3Mpeg1Stereo, 5)));
   stream = probe(bytes, false);
   ASSERT_NE(stream, nullptr);
   auto* seek = dynamic_cast<Mp3SeekInfo*>(stream->seekInfo.get());
@@ -171,7 +179,8 @@ TEST(Mp3, XingHeaderCountsAndSeekData) {
   EXPECT_EQ(stream->duration, 500u * 1152);
 
   // A byte count beyond the data is ignored; without a table the frame length is kept.
-  bytes = join(Mp3Fixture_VbrFrame(kMp3Mpeg1Stereo, "Xing", 2, 0, 999999), Mp3Fixture_Frames(kMp3Mpeg1Stereo, 5));
+  bytes =
+      join(Mp3Fixture_VbrFrame(kMp3Mpeg1Stereo, "Xing", 2, 0, 999999), Mp3Fixture_Frames(kMp3Mpeg1Stereo, 5));
   stream = probe(bytes, false);
   ASSERT_NE(stream, nullptr);
   seek = dynamic_cast<Mp3SeekInfo*>(stream->seekInfo.get());
@@ -182,7 +191,8 @@ TEST(Mp3, XingHeaderCountsAndSeekData) {
 
 TEST(Mp3, TagVersionsAndFrameRules) {
   // Version 2.2: three-letter frames with 24-bit sizes.
-  auto stream = probeTagged(Id3TagBuilder(2).text("TT2", "Two").text("TP1", "Artist 2").text("TAL", "Album 2"));
+  auto stream =
+      probeTagged(Id3TagBuilder(2).text("TT2", "Two").text("TP1", "Artist 2").text("TAL", "Album 2"));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->title, "Two");
   EXPECT_EQ(stream->artist, "Artist 2");
@@ -191,10 +201,8 @@ TEST(Mp3, TagVersionsAndFrameRules) {
   // Version 2.4: syncsafe frame sizes (a 200-byte frame has a size byte of
   // 0x01 0x48), extended header counting itself, footer behind the tag.
   const std::string longTitle(199, 'L');
-  stream = probeTagged(Id3TagBuilder(4, 0x40 | 0x10)
-                           .raw({0, 0, 0, 6, 1, 0})
-                           .text("TIT2", longTitle)
-                           .text("TPE1", "Four"));
+  stream = probeTagged(
+      Id3TagBuilder(4, 0x40 | 0x10).raw({0, 0, 0, 6, 1, 0}).text("TIT2", longTitle).text("TPE1", "Four"));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->title, longTitle);
   EXPECT_EQ(stream->artist, "Four");
@@ -265,7 +273,8 @@ TEST(Mp3, TextEncodings) {
   }
 
   // UTF-16 with FF FE is little-endian and decoded.
-  auto stream = probeTagged(Id3TagBuilder(3).frame("TIT2", Id3Fixture_Utf16Text(u"Caf\u00e9 \u4e2d", 1, true)));
+  auto stream =
+      probeTagged(Id3TagBuilder(3).frame("TIT2", Id3Fixture_Utf16Text(u"Caf\u00e9 \u4e2d", 1, true)));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->title, "Caf\xC3\xA9 \xE4\xB8\xAD");
 
@@ -300,9 +309,10 @@ TEST(Mp3, GenreNumbers) {
     std::optional<std::string> genre;
   };
   const Case cases[] = {
-      {"(17)", "Rock"},   {"(0)", "Blues"},   {"79", "Hard Rock"}, {"(147)", "SynthPop"},
-      {"(148)", std::nullopt}, {"(200)", std::nullopt}, {"(255)", std::nullopt},
-      {"(256)", "(256)"}, {"Jazz Fusion", "Jazz Fusion"}, {"(-1)", "(-1)"},
+      {"(17)", "Rock"},        {"(0)", "Blues"},        {"79", "Hard Rock"},
+      {"(147)", "SynthPop"},   {"(148)", std::nullopt}, {"(200)", std::nullopt},
+      {"(255)", std::nullopt}, {"(256)", "(256)"},      {"Jazz Fusion", "Jazz Fusion"},
+      {"(-1)", "(-1)"},
   };
   for (const Case& c : cases) {
     auto stream = probeTagged(Id3TagBuilder(3).text("TCON", c.text));
@@ -324,8 +334,10 @@ class Mp3DateTest : public ::testing::Test {
     tzset();
   }
   void TearDown() override {
-    if (savedZone_) setenv("TZ", savedZone_->c_str(), 1);
-    else unsetenv("TZ");
+    if (savedZone_)
+      setenv("TZ", savedZone_->c_str(), 1);
+    else
+      unsetenv("TZ");
     tzset();
   }
 
@@ -347,7 +359,8 @@ TEST_F(Mp3DateTest, YearDayAndMonthInUtc) {
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->date, 922320000);  // 1999-03-25 00:00:00 UTC
 
-  stream = probeTagged(Id3TagBuilder(2).frame("TYE", {'2', '0', '1', '0'}).frame("TDA", {'0', '1', '0', '7'}));
+  stream =
+      probeTagged(Id3TagBuilder(2).frame("TYE", {'2', '0', '1', '0'}).frame("TDA", {'0', '1', '0', '7'}));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->date, 1277942400);  // 2010-07-01
 
@@ -383,15 +396,19 @@ TEST(Mp3, AttachedPictures) {
     int64_t trailing = 0;  // tag bytes behind the picture
   };
   const Case cases[] = {
-      {Id3TagBuilder(2).frame("PIC", Id3Fixture_Picture(2, "JPG", "", jpeg)), "image/jpeg", int64_t(jpeg.size())},
-      {Id3TagBuilder(2).frame("PIC", Id3Fixture_Picture(2, "png", "", png)), "image/png", int64_t(png.size())},
+      {Id3TagBuilder(2).frame("PIC", Id3Fixture_Picture(2, "JPG", "", jpeg)), "image/jpeg",
+       int64_t(jpeg.size())},
+      {Id3TagBuilder(2).frame("PIC", Id3Fixture_Picture(2, "png", "", png)), "image/png",
+       int64_t(png.size())},
       {Id3TagBuilder(3).frame("APIC", first).frame("APIC", link), "image/png", int64_t(png.size()),
        int64_t(10 + link.size())},
-      {Id3TagBuilder(4).frame("APIC", Id3Fixture_Picture(4, "image/gif", "", png)), nullptr, int64_t(png.size())},
+      {Id3TagBuilder(4).frame("APIC", Id3Fixture_Picture(4, "image/gif", "", png)), nullptr,
+       int64_t(png.size())},
       {Id3TagBuilder(3).frame("APIC", utf16Description.data()), "image/png", int64_t(png.size())},
       {Id3TagBuilder(3).frame("APIC", Id3Fixture_Picture(3, "image/jpeg", "", {})), nullptr, 0},
       {Id3TagBuilder(3).frame("APIC", Id3Fixture_Picture(3, std::string(63, 'j'), "", png)), nullptr, 0},
-      {Id3TagBuilder(3).frame("APIC", Id3Fixture_Picture(3, "image/jpeg", std::string(513, 'd'), png)), nullptr, 0},
+      {Id3TagBuilder(3).frame("APIC", Id3Fixture_Picture(3, "image/jpeg", std::string(513, 'd'), png)),
+       nullptr, 0},
   };
   for (const Case& c : cases) {
     const auto bytes = c.tag.build();

@@ -22,8 +22,8 @@ std::vector<uint8_t> silence(size_t bytes) { return std::vector<uint8_t>(bytes, 
 
 TEST(Wav, FormatAndSampleCount) {
   // 16-bit stereo: block align 4, so 4000 data bytes are 1000 sample frames.
-  auto stream = probe(RiffFixture_File("WAVE", {RiffFixture_PcmFormat("fmt ", 2, 22050, 16),
-                                                RiffFixture_Chunk("data", silence(4000))}));
+  auto stream = probe(RiffFixture_File(
+      "WAVE", {RiffFixture_PcmFormat("fmt ", 2, 22050, 16), RiffFixture_Chunk("data", silence(4000))}));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->mediaType, MediaType_Audio);
   EXPECT_STREQ(stream->mimeType, "audio/wave");
@@ -41,16 +41,16 @@ TEST(Wav, FormatAndSampleCount) {
   EXPECT_EQ(info.bitsPerSample, 16);
 
   // A "fact" count wins over data size / block align, wherever it lies.
-  stream = probe(RiffFixture_File("WAVE", {RiffFixture_PcmFormat("fmt ", 2, 22050, 16),
-                                           RiffFixture_Chunk("data", silence(4000)),
-                                           RiffFixture_Chunk("fact", {0x09, 0x03, 0, 0})}));
+  stream = probe(RiffFixture_File(
+      "WAVE", {RiffFixture_PcmFormat("fmt ", 2, 22050, 16), RiffFixture_Chunk("data", silence(4000)),
+               RiffFixture_Chunk("fact", {0x09, 0x03, 0, 0})}));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->duration, 777u);
   EXPECT_EQ(stream->streamInfo.at(0).duration, 777u);
 
   // Without a usable format chunk the file is still WAV, but has no stream.
-  stream = probe(RiffFixture_File("WAVE", {RiffFixture_Chunk("fmt ", silence(14)),
-                                           RiffFixture_Chunk("data", silence(100))}));
+  stream = probe(RiffFixture_File(
+      "WAVE", {RiffFixture_Chunk("fmt ", silence(14)), RiffFixture_Chunk("data", silence(100))}));
   ASSERT_NE(stream, nullptr);
   EXPECT_STREQ(stream->mimeType, "audio/wave");
   EXPECT_EQ(stream->streamCount(), 0);
@@ -62,7 +62,8 @@ TEST(Wav, ChunkWalkLimits) {
   // At most eight chunks: a "data" chunk as the ninth is not seen, a "fact"
   // chunk in front still gives the duration.
   RiffChunks chunks = {RiffFixture_PcmFormat("fmt ", 1, 8000, 8)};
-  for (int i = 0; i < 6; ++i) chunks.push_back(RiffFixture_Chunk("JUNK", silence(3)));  // odd sizes are padded
+  for (int i = 0; i < 6; ++i)
+    chunks.push_back(RiffFixture_Chunk("JUNK", silence(3)));  // odd sizes are padded
   chunks.push_back(RiffFixture_Chunk("data", silence(800)));
   auto stream = probe(RiffFixture_File("WAVE", chunks));
   ASSERT_NE(stream, nullptr);
@@ -80,8 +81,8 @@ TEST(Wav, ChunkWalkLimits) {
   EXPECT_EQ(stream->duration, 800u);
 
   // A chunk that does not fit ends the walk.
-  auto bytes = RiffFixture_File("WAVE", {RiffFixture_PcmFormat("fmt ", 1, 8000, 8),
-                                         RiffFixture_Chunk("data", silence(800))});
+  auto bytes = RiffFixture_File(
+      "WAVE", {RiffFixture_PcmFormat("fmt ", 1, 8000, 8), RiffFixture_Chunk("data", silence(800))});
   const size_t dataSizeAt = 12 + 24 + 4;
   ByteWriter patched;
   patched.bytes(bytes);
@@ -121,8 +122,9 @@ TEST(Wav, InfoTagsAndDates) {
   };
   for (const Case& c : {Case{"2019-06-01", 1559347200}, Case{"1999", 915148800}, Case{"2010-07", 1277942400},
                         Case{"undated", 0}}) {
-    stream = probe(RiffFixture_File("WAVE", {RiffFixture_List("INFO", {RiffFixture_Chunk("ICRD", text(c.text)),
-                                                                       RiffFixture_Chunk("IALB", text("A"))})}));
+    stream =
+        probe(RiffFixture_File("WAVE", {RiffFixture_List("INFO", {RiffFixture_Chunk("ICRD", text(c.text)),
+                                                                  RiffFixture_Chunk("IALB", text("A"))})}));
     ASSERT_NE(stream, nullptr);
     EXPECT_EQ(stream->date, c.date) << c.text;
     EXPECT_EQ(stream->album, "A");
@@ -202,7 +204,8 @@ TEST(Avi, StreamHeaders) {
 
   // An AVI with audio only is still video; one without streams too.
   stream = probe(RiffFixture_File(
-      "AVI ", {RiffFixture_List("hdrl", {streamList("auds", 0, 1, 8000, 16000, RiffFixture_PcmFormat("strf", 1, 8000, 8))})}));
+      "AVI ", {RiffFixture_List("hdrl", {streamList("auds", 0, 1, 8000, 16000,
+                                                    RiffFixture_PcmFormat("strf", 1, 8000, 8))})}));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->mediaType, MediaType_Video);
   EXPECT_EQ(stream->duration, 16000u);
@@ -219,11 +222,13 @@ TEST(Avi, TagsAndTheEndOfTheWalk) {
   EXPECT_EQ(demo->title, "Clip");
   EXPECT_EQ(demo->streamCount(), 2);
 
-  const auto hdrl = RiffFixture_List("hdrl", {streamList("vids", 0, 1, 25, 50, RiffFixture_VideoFormat(8, 8, 24))});
+  const auto hdrl =
+      RiffFixture_List("hdrl", {streamList("vids", 0, 1, 25, 50, RiffFixture_VideoFormat(8, 8, 24))});
   const auto info = RiffFixture_List("INFO", {RiffFixture_Chunk("INAM", text("Info"))});
   const auto movi = RiffFixture_List("movi", {RiffFixture_Chunk("00dc", silence(16))});
   const auto idx1 = RiffFixture_Chunk("idx1", silence(16));
-  const auto id3 = RiffFixture_Chunk("id3 ", Id3TagBuilder(4).text("TIT2", "Tag").text("TPE1", "Artist").build());
+  const auto id3 =
+      RiffFixture_Chunk("id3 ", Id3TagBuilder(4).text("TIT2", "Tag").text("TPE1", "Artist").build());
 
   auto stream = probe(RiffFixture_File("AVI ", {hdrl, info, movi, id3, idx1}));
   ASSERT_NE(stream, nullptr);
