@@ -39,9 +39,11 @@ uint32_t le32(const uint8_t* b) {
 }
 
 struct RiffChunk {
-  std::string_view id;  // four characters, valid until the next chunk is read
+  char fourcc[4] = {};
   uint32_t size = 0;
   int64_t data = 0;  // file position of the chunk's first data byte
+
+  std::string_view id() const { return {fourcc, sizeof fourcc}; }
 };
 
 // Visits the chunks in [begin, end), at most `maxChunks` of them. A chunk
@@ -57,11 +59,10 @@ class RiffWalker {
         MediaSeek(fd_, position_, SEEK_SET) != position_ || !MediaRead_Bytes(fd_, header, sizeof header)) {
       return false;
     }
-    std::copy_n(header, 4, id_);
     const uint32_t size = le32(header + 4);
     const int64_t data = position_ + kChunkHeaderSize;
     if (data + size > end_) return false;
-    chunk.id = std::string_view(id_, 4);
+    std::copy_n(header, sizeof chunk.fourcc, chunk.fourcc);
     chunk.size = size;
     chunk.data = data;
     position_ = data + size + (size & 1);
@@ -74,7 +75,6 @@ class RiffWalker {
   int64_t position_;
   int64_t end_;
   int chunksLeft_;
-  char id_[4] = {};
 };
 
 // Reads up to `count` bytes of a chunk's data; false on a short read.
@@ -84,7 +84,7 @@ bool readChunkData(int fd, const RiffChunk& chunk, uint8_t* buffer, size_t count
 
 // The list type of a "LIST" chunk, or empty when it has none.
 std::string_view listType(int fd, const RiffChunk& chunk, char (&type)[4]) {
-  if (chunk.id != "LIST" || chunk.size < 4 ||
+  if (chunk.id() != "LIST" || chunk.size < 4 ||
       !readChunkData(fd, chunk, reinterpret_cast<uint8_t*>(type), 4)) {
     return {};
   }
@@ -132,11 +132,11 @@ void readInfoList(int fd, const RiffChunk& list, MediaStream& stream) {
   RiffWalker walker = listBody(fd, list, kMaxInfoChunks);
   RiffChunk chunk;
   while (walker.next(chunk)) {
-    if (chunk.id == "INAM") readInfoText(fd, chunk, stream.title);
-    else if (chunk.id == "IART") readInfoText(fd, chunk, stream.artist);
-    else if (chunk.id == "IALB" || chunk.id == "IPRD") readInfoText(fd, chunk, stream.album);
-    else if (chunk.id == "IGNR") readInfoText(fd, chunk, stream.genre);
-    else if (chunk.id == "ICRD") readInfoDate(fd, chunk, stream);
+    if (chunk.id() == "INAM") readInfoText(fd, chunk, stream.title);
+    else if (chunk.id() == "IART") readInfoText(fd, chunk, stream.artist);
+    else if (chunk.id() == "IALB" || chunk.id() == "IPRD") readInfoText(fd, chunk, stream.album);
+    else if (chunk.id() == "IGNR") readInfoText(fd, chunk, stream.genre);
+    else if (chunk.id() == "ICRD") readInfoDate(fd, chunk, stream);
   }
 }
 
@@ -186,14 +186,14 @@ bool parseWav(int fd, int64_t offset, int64_t length, MediaStream& stream) {
   RiffChunk chunk;
   while (walker.next(chunk)) {
     char type[4];
-    if (chunk.id == "fmt " && chunk.size >= kFormatSize) {
+    if (chunk.id() == "fmt " && chunk.size >= kFormatSize) {
       format = readWavFormat(fd, chunk);
-    } else if (chunk.id == "fact" && chunk.size >= 4) {
+    } else if (chunk.id() == "fact" && chunk.size >= 4) {
       uint8_t raw[4];
       if (readChunkData(fd, chunk, raw, sizeof raw)) factFrames = le32(raw);
-    } else if (chunk.id == "data") {
+    } else if (chunk.id() == "data") {
       dataSize = chunk.size;
-    } else if (chunk.id == "id3 ") {
+    } else if (chunk.id() == "id3 ") {
       readId3Chunk(fd, chunk, stream);
     } else if (listType(fd, chunk, type) == "INFO") {
       readInfoList(fd, chunk, stream);
@@ -278,9 +278,9 @@ void readStreamList(int fd, const RiffChunk& list, MediaStream& stream) {
   RiffWalker walker = listBody(fd, list, kMaxStreamListChunks);
   RiffChunk chunk;
   while (walker.next(chunk)) {
-    if (chunk.id == "strh" && !haveHeader) {
+    if (chunk.id() == "strh" && !haveHeader) {
       haveHeader = readStreamHeader(fd, chunk, info);
-    } else if (chunk.id == "strf" && haveHeader) {
+    } else if (chunk.id() == "strf" && haveHeader) {
       if (info.streamKind == MediaType_Video) readVideoFormat(fd, chunk, info);
       else if (info.streamKind == MediaType_Audio) readAudioFormat(fd, chunk, info);
     }
@@ -308,9 +308,9 @@ bool parseAvi(int fd, int64_t offset, int64_t length, MediaStream& stream) {
   RiffChunk chunk;
   while (!(seenHeader && seenInfo && seenMovie && seenIndex) && walker.next(chunk)) {
     char type[4];
-    if (chunk.id == "idx1") {
+    if (chunk.id() == "idx1") {
       seenIndex = true;
-    } else if (chunk.id == "id3 ") {
+    } else if (chunk.id() == "id3 ") {
       readId3Chunk(fd, chunk, stream);
     } else {
       const std::string_view list = listType(fd, chunk, type);
