@@ -23,7 +23,7 @@ struct ParserSlot {
 
 // MP3 stays last: its search for a frame header is the loosest test.
 constexpr std::array<ParserSlot, 9> kParsers{{
-    {"riff", nullptr},
+    {"riff", MediaParse_Riff},
     {"png", MediaParse_Png},
     {"gif", MediaParse_Gif},
     {"flac", MediaParse_Flac},
@@ -31,7 +31,7 @@ constexpr std::array<ParserSlot, 9> kParsers{{
     {"matroska", MediaParse_Matroska},
     {"tiff", MediaParse_Tiff},
     {"jpeg", MediaParse_Jpeg},
-    {"mp3", nullptr},
+    {"mp3", MediaParse_Mp3},
 }};
 
 void dropIfNotUtf8(std::optional<std::string>& text) {

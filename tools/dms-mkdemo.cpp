@@ -16,6 +16,8 @@
 #include "tests/fixtures/FlacFixture.h"
 #include "tests/fixtures/GifFixture.h"
 #include "tests/fixtures/PngFixture.h"
+#include "tests/fixtures/Mp3Fixture.h"
+#include "tests/fixtures/RiffFixture.h"
 
 namespace {
 
@@ -55,6 +57,9 @@ const std::vector<DemoFile>& demoFiles() {
        [] { return FlacFixture_Song("Demo Song", "Demo Artist", "Demo Album", "Jazz", "2009-06-15"); }},
       {"Pictures/Gradient.png", [] { return PngFixture_Picture(32, 24, "Demo Gradient", "2009:06:15 10:20:30"); }},
       {"Pictures/Stripes.gif", [] { return GifFixture_Picture("89a", 32, 24, 4); }},
+      {"Music/Demo Artist/Demo Album/01 Demo Song.mp3", Mp3Fixture_Demo},
+      {"Music/Demo Artist/tone.wav", RiffFixture_DemoWav},
+      {"Videos/clip.avi", RiffFixture_DemoAvi},
   };
   return files;
 }
