@@ -15,7 +15,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -116,10 +115,7 @@ void ParseRequestLine(HTTPRequest& request, char* line) {
     request.query = question + 1;
   }
   // An absolute target keeps only its path: "http://host/a" serves "/a".
-  if (const char* scheme = std::strstr(target, "://")) {
-    char* slash = std::strchr(const_cast<char*>(scheme) + 3, '/');
-    target = slash;
-  }
+  if (char* scheme = std::strstr(target, "://")) target = std::strchr(scheme + 3, '/');
   if (target != nullptr) {
     HTTP_UrlDecode(target);
     request.path = target;
@@ -135,7 +131,6 @@ void ParseRequestLine(HTTPRequest& request, char* line) {
 // Parses "%lld-%lld" of a Range value: the number of fields converted.
 int ScanRange(const char* text, int64_t& first, int64_t& last) {
   char* end = nullptr;
-  errno = 0;
   long long value = std::strtoll(text, &end, 10);
   if (end == text) return 0;
   first = value;
@@ -149,17 +144,18 @@ int ScanRange(const char* text, int64_t& first, int64_t& last) {
 
 void ParseRange(HTTPRequest& request, const char* value) {
   request.rangeRequested = true;
-  const char* spec = SkipSpaces(strcasestr(value, "bytes=") + 6);
-  if (*spec == '\0') return;
+  const char* ranges = SkipSpaces(strcasestr(value, "bytes=") + 6);
+  if (*ranges == '\0') return;
   int64_t first = -1;
   int64_t last = -1;
-  int fields = ScanRange(spec, first, last);
+  int fields = ScanRange(ranges, first, last);
   if (fields == 1 && first >= 0) {
     request.rangeOffset = first;
     request.rangeLength = 0;
   } else if (fields == 2 && first >= 0 && first <= last) {
     request.rangeOffset = first;
-    request.rangeLength = last - first + 1;
+    // The whole 64-bit span saturates; any length past the end is cut later.
+    request.rangeLength = last - first < INT64_MAX ? last - first + 1 : INT64_MAX;
   } else {
     request.rangeLength = -1;
   }
@@ -190,7 +186,12 @@ void ApplyHeader(HTTPRequest& request, const char* name, const char* value) {
     request.contentLength = std::strtoll(value, nullptr, 10);
   } else if (strcasecmp(name, "Authorization") == 0) {
     if (!request.userName && !request.password && Contains(value, "Basic")) {
-      ParseAuthorization(request, value);
+      try {
+        ParseAuthorization(request, value);
+      } catch (const std::bad_alloc&) {
+        request.userName.reset();
+        request.password.reset();
+      }
     }
   } else if (strcasecmp(name, "Range") == 0) {
     if (!request.rangeRequested && Contains(value, "bytes=")) ParseRange(request, value);
@@ -491,7 +492,8 @@ void HTTP_UrlDecode(char* text) {
 
 size_t Base64Encode(char* out, size_t outSize, const void* in, size_t inLength) {
   if (out == nullptr || in == nullptr || inLength == 0) return 0;
-  if (inLength > (SIZE_MAX - 1) / 4 * 3 - 2 || outSize < (inLength + 2) / 3 * 4 + 1) return 0;
+  size_t groups = inLength / 3 + (inLength % 3 != 0 ? 1 : 0);
+  if (groups > (SIZE_MAX - 1) / 4 || outSize < groups * 4 + 1) return 0;
   const auto* bytes = static_cast<const unsigned char*>(in);
   size_t written = 0;
   for (size_t i = 0; i < inLength; i += 3) {

@@ -202,7 +202,7 @@ TEST(HTTPRequestParse, FirstRangeLine) {
       {"bytes=100-", true, 100, 0},     {"bytes=0-0", true, 0, 1},     {"bytes=500-5000", true, 500, 4501},
       {"bytes= 7-9, 20-30", true, 7, 3}, {"bytes=", true, 0, 0},        {"bytes=-500", true, 0, -1},
       {"bytes=9-3", true, 0, -1},       {"bytes=x", true, 0, -1},       {"bytes=5-x", true, 5, 0},
-      {"items=1-2", false, 0, 0},
+      {"bytes=0-9223372036854775807", true, 0, INT64_MAX}, {"items=1-2", false, 0, 0},
   };
   for (const Case& c : cases) {
     Parsed parsed(std::string("GET / HTTP/1.1\r\nRange: ") + c.value + "\r\n\r\n");
