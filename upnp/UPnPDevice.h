@@ -107,6 +107,11 @@ bool UPnPDevice_Open(UPnPDevice* device, uint16_t port);
 // Stops a running device; null or stopped devices are ignored.
 void UPnPDevice_Close(UPnPDevice* device);
 
+// The HTTP handler behind every request of the device's server; the
+// connection's user data is the device.
+int UPnPDevice_HandleRequest(HTTPResponse* response, void* handlerContext, const char* path, const char* entryPath,
+                             HTTPRequest* request, void* userData);
+
 // The description document for a client that reached us on `localAddress`
 // (null: no presentation URL); cut at 2047 characters. Empty on failure.
 std::string UPnPDevice_MakeDescription(const UPnPDevice* device, const char* localAddress);

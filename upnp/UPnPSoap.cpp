@@ -9,6 +9,7 @@
 #include <cstring>
 #include <new>
 
+#include "http/HTTPRequest.h"
 #include "upnp/UPnPDevice.h"
 
 namespace {
@@ -24,6 +25,10 @@ bool IsWhitespace(char c) {
 // missing argument ends the collection.
 std::vector<UPnPArgValue> ScanArguments(const UPnPAction& action, std::string_view body, size_t position) {
   std::vector<UPnPArgValue> values;
+  size_t count = 0;
+  for (const UPnPArgument* arg = action.inArgs; arg && arg->name; ++arg) ++count;
+  // Handlers always get a valid array, even when it holds no value.
+  values.reserve(count > 0 ? count : 1);
   for (const UPnPArgument* arg = action.inArgs; arg && arg->name; ++arg) {
     size_t found = body.find(arg->name, position);
     if (found == std::string_view::npos) break;
@@ -105,6 +110,27 @@ std::optional<UPnPControlCall> UPnP_ParseControl(const UPnPService& service, std
     return UPnPControlCall{action, ScanArguments(*action, body, tagEnd + 1)};
   }
   return std::nullopt;
+}
+
+int UPnP_HandleControl(HTTPRequest* request, UPnPService* service, const char* body, HTTPResponse* response) {
+  std::optional<UPnPControlCall> call;
+  try {
+    if (service && body) call = UPnP_ParseControl(*service, body);
+  } catch (const std::bad_alloc&) {
+    call.reset();
+  }
+  if (!call || !call->action->handler) {
+    // Malformed envelopes, unknown actions and missing handlers all get the
+    // one fault: the reason is deliberately not told apart.
+    response->status = "500 Internal Server Error";
+    std::string fault = UPnP_MakeActionResponseError("602", "Optional Action Not Implemented");
+    response->contentLength = 0;
+    if (!fault.empty()) HTTPResponse_SetBody(response, std::move(fault));
+    return 0;
+  }
+  call->action->handler(request, service->serviceType, call->action->name, call->args.data(),
+                        static_cast<int32_t>(call->args.size()), response);
+  return 1;
 }
 
 std::string UPnP_MakeActionResponseSuccess(const char* serviceType, const char* actionName,
