@@ -145,7 +145,13 @@ UPnPDevice dmsDevice{
     .services = dmsServices,
 };
 
-void DmsDevice_SetTypes() {
+void DmsDevice_Fill(const DmsServerInfo& info) {
+  dmsDevice.friendlyName = info.friendlyName.c_str();
+  dmsDevice.manufacturer = info.manufacturer.c_str();
+  dmsDevice.modelName = info.modelName.c_str();
+  dmsDevice.modelNumber = info.modelNumber.c_str();
+  dmsDevice.modelDescription = info.modelDescription.c_str();
+  dmsDevice.udn = info.udn.c_str();
   dmsDevice.deviceType = dlnaDeviceTypes[0];
   dmsServices[kDmsServiceContentDirectory].serviceType = dlnaServiceTypes[kContentDirectoryRow];
   dmsServices[kDmsServiceContentDirectory].serviceId = dlnaServiceIDs[kContentDirectoryRow];

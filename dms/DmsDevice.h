@@ -5,6 +5,7 @@
 
 #include <cstddef>
 
+#include "dms/DmsServer.h"
 #include "upnp/UPnPDevice.h"
 
 // Device and service type rows; code compares service types with these
@@ -43,6 +44,7 @@ constexpr int kDmsSsdpTargetCount = 5;
 // and the UDN are set by the media server's start-up.
 extern UPnPDevice dmsDevice;
 
-// Writes the device type and the service types and ids from their table
-// rows into the device record.
-void DmsDevice_SetTypes();
+// Points the device record at the descriptive texts and UDN of `info`
+// (which must outlive the open device) and writes the device type and the
+// service types and ids from their table rows.
+void DmsDevice_Fill(const DmsServerInfo& info);

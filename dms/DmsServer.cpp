@@ -5,6 +5,7 @@
 
 #include <sys/utsname.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -14,8 +15,10 @@
 #include <system_error>
 #include <thread>
 
+#include "dms/DmsDevice.h"
 #include "dms/DmsLibrary.h"
 #include "dms/DmsObject.h"
+#include "http/NetworkInterface.h"
 #include "upnp/UUID.h"
 
 namespace {
@@ -84,9 +87,17 @@ std::string hostFriendlyName() {
   return name;
 }
 
+// The first interface's MAC address behind a fixed "DMS" prefix, so that the
+// device keeps its identity across restarts; random without an interface.
 std::string makeUdn() {
+  static constexpr uint8_t kUdnPrefix[10] = {'D', 'M', 'S', 0, 0, 0, 0x10, 0, 0x80, 0};
   UUID uuid{};
-  UUID_Generate(uuid);
+  if (NetworkInterfacePtr interfaces{NetworkInterface_new()}) {
+    std::copy(std::begin(kUdnPrefix), std::end(kUdnPrefix), uuid);
+    std::copy(std::begin(interfaces->mac), std::end(interfaces->mac), uuid + sizeof kUdnPrefix);
+  } else {
+    UUID_Generate(uuid);
+  }
   char text[UUID_TextSize];
   UUID_Unparse(uuid, text);
   return text;
@@ -152,7 +163,6 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
              uint32_t flags) {
   ServerState& s = state();
   if (s.open || flags == 0) return 1;
-  (void)httpPort;
 
   DmsServerInfo& info = s.info;
   info.friendlyName = friendlyName ? limited(friendlyName, kTextLimit) : limited(hostFriendlyName().c_str(), kTextLimit);
@@ -171,6 +181,7 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
       return 0;
     }
   }
+  DmsDevice_Fill(info);
   s.open = true;
   info.refreshInterval = refreshInterval < kMinimumRefreshInterval ? kMinimumRefreshInterval : refreshInterval;
 
@@ -180,6 +191,14 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
     std::lock_guard lock(s.contentMutex);
     freeTree();
     s.open = false;
+    return 0;
+  }
+  // Bit 0 of the flags switches the SSDP announcements on; this server runs
+  // no mDNS services.
+  dmsDevice.ssdpTargetCount = (flags & 1) ? kDmsSsdpTargetCount : 0;
+  dmsDevice.mdnsServiceCount = 0;
+  if (!UPnPDevice_Open(&dmsDevice, httpPort)) {
+    DMS_Close();
     return 0;
   }
   return 1;
@@ -193,6 +212,7 @@ void DMS_Close() {
     s.open = false;
   }
   s.wake.notify_all();
+  UPnPDevice_Close(&dmsDevice);
   if (s.refreshThread.joinable()) s.refreshThread.join();
 }
 

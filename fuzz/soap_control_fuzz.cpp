@@ -8,7 +8,8 @@
 #include "dms/DmsDevice.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  DmsDevice_SetTypes();
+  static const DmsServerInfo info;
+  DmsDevice_Fill(info);
   // The request body is a zero-terminated text.
   std::string body(reinterpret_cast<const char*>(data), size);
   body.resize(body.find('\0') == std::string::npos ? body.size() : body.find('\0'));

@@ -169,7 +169,8 @@ TEST(Description, EscapesFieldsAndCutsAt2047) {
 }
 
 TEST(MediaServerTables, ServicesUseTheTypeRows) {
-  DmsDevice_SetTypes();
+  static const DmsServerInfo info;
+  DmsDevice_Fill(info);
   EXPECT_EQ(dmsDevice.deviceType, dlnaDeviceTypes[0]);
   EXPECT_EQ(dmsServices[kDmsServiceContentDirectory].serviceType, dlnaServiceTypes[1]);
   EXPECT_EQ(dmsServices[kDmsServiceConnectionManager].serviceId, dlnaServiceIDs[0]);
