@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <ctime>
 #include <string_view>
 #include <system_error>
@@ -16,6 +17,7 @@
 
 #include "dms/DmsLibrary.h"
 #include "dms/DmsObject.h"
+#include "http/NetworkInterface.h"
 #include "upnp/UUID.h"
 
 namespace {
@@ -84,9 +86,17 @@ std::string hostFriendlyName() {
   return name;
 }
 
+// Stable across restarts: "DMS", a version-1 layout and the first
+// interface's MAC address. Without any interface the UUID is random.
 std::string makeUdn() {
   UUID uuid{};
-  UUID_Generate(uuid);
+  if (NetworkInterfacePtr interfaces{NetworkInterface_new()}) {
+    const uint8_t prefix[10] = {'D', 'M', 'S', 0, 0, 0, 0x10, 0, 0x80, 0};
+    std::memcpy(uuid, prefix, sizeof prefix);
+    std::memcpy(uuid + sizeof prefix, interfaces->mac, sizeof interfaces->mac);
+  } else {
+    UUID_Generate(uuid);
+  }
   char text[UUID_TextSize];
   UUID_Unparse(uuid, text);
   return text;
