@@ -88,6 +88,12 @@ std::string hostFriendlyName() {
 
 // Stable across restarts: "DMS", a version-1 layout and the first
 // interface's MAC address. Without any interface the UUID is random.
+std::string hostOsText() {
+  utsname host{};
+  if (::uname(&host) != 0) return {};
+  return std::string(host.sysname) + "/" + host.release;
+}
+
 std::string makeUdn() {
   UUID uuid{};
   if (NetworkInterfacePtr interfaces{NetworkInterface_new()}) {
@@ -170,6 +176,7 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
   info.modelName = limited(modelName, kTextLimit);
   info.modelNumber = limited(modelNumber, kModelNumberLimit);
   info.modelDescription = limited(modelDescription, kTextLimit);
+  if (info.osText.empty()) info.osText = hostOsText().substr(0, kTextLimit);
   info.udn = makeUdn();
   info.startTime = static_cast<int64_t>(::time(nullptr));
 
