@@ -86,14 +86,14 @@ std::string hostFriendlyName() {
   return name;
 }
 
-// Stable across restarts: "DMS", a version-1 layout and the first
-// interface's MAC address. Without any interface the UUID is random.
 std::string hostOsText() {
   utsname host{};
   if (::uname(&host) != 0) return {};
   return std::string(host.sysname) + "/" + host.release;
 }
 
+// Stable across restarts: "DMS", a version-1 layout and the first
+// interface's MAC address. Without any interface the UUID is random.
 std::string makeUdn() {
   UUID uuid{};
   if (NetworkInterfacePtr interfaces{NetworkInterface_new()}) {
