@@ -5,11 +5,11 @@
 
 #include <sys/utsname.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <ctime>
 #include <string_view>
 #include <system_error>
@@ -87,14 +87,20 @@ std::string hostFriendlyName() {
   return name;
 }
 
-// The first interface's MAC address behind a fixed "DMS" prefix, so that the
-// device keeps its identity across restarts; random without an interface.
+std::string hostOsText() {
+  utsname host{};
+  if (::uname(&host) != 0) return {};
+  return std::string(host.sysname) + "/" + host.release;
+}
+
+// Stable across restarts: "DMS", a version-1 layout and the first
+// interface's MAC address. Without any interface the UUID is random.
 std::string makeUdn() {
-  static constexpr uint8_t kUdnPrefix[10] = {'D', 'M', 'S', 0, 0, 0, 0x10, 0, 0x80, 0};
   UUID uuid{};
   if (NetworkInterfacePtr interfaces{NetworkInterface_new()}) {
-    std::copy(std::begin(kUdnPrefix), std::end(kUdnPrefix), uuid);
-    std::copy(std::begin(interfaces->mac), std::end(interfaces->mac), uuid + sizeof kUdnPrefix);
+    const uint8_t prefix[10] = {'D', 'M', 'S', 0, 0, 0, 0x10, 0, 0x80, 0};
+    std::memcpy(uuid, prefix, sizeof prefix);
+    std::memcpy(uuid + sizeof prefix, interfaces->mac, sizeof interfaces->mac);
   } else {
     UUID_Generate(uuid);
   }
@@ -170,6 +176,7 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
   info.modelName = limited(modelName, kTextLimit);
   info.modelNumber = limited(modelNumber, kModelNumberLimit);
   info.modelDescription = limited(modelDescription, kTextLimit);
+  if (info.osText.empty()) info.osText = hostOsText().substr(0, kTextLimit);
   info.udn = makeUdn();
   info.startTime = static_cast<int64_t>(::time(nullptr));
 
