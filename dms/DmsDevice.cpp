@@ -4,6 +4,8 @@
 // implement them.
 #include "dms/DmsDevice.h"
 
+#include "dms/DmsTransfer.h"
+
 namespace {
 
 constexpr const char* kExtraXml =
@@ -96,6 +98,13 @@ constexpr UPnPStateVariable kConnectionManagerVariables[] = {
     {nullptr, nullptr, 0, nullptr, nullptr, nullptr},
 };
 
+// Media and thumbnail downloads are offered every request before the
+// device's own paths.
+bool TransferHook(HTTPRequest* request, HTTPResponse* response, const char* path, const char*, size_t,
+                  UPnPDevice*) {
+  return DmsTransfer_HandleRequest(request, response, path);
+}
+
 }  // namespace
 
 const char* const dlnaDeviceTypes[kDlnaDeviceTypeCount] = {
@@ -143,6 +152,7 @@ UPnPDevice dmsDevice{
     .descriptionPath = "/DMS/Device",
     .ssdpTargets = kSsdpTargets,
     .services = dmsServices,
+    .httpHook = TransferHook,
 };
 
 void DmsDevice_Fill(const DmsServerInfo& info) {
