@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <ctime>
 #include <string_view>
 #include <system_error>
@@ -85,6 +86,12 @@ std::string hostFriendlyName() {
     if (c == '-') c = ' ';
   }
   return name;
+}
+
+std::string hostOsText() {
+  utsname host{};
+  if (::uname(&host) != 0) return {};
+  return std::string(host.sysname) + "/" + host.release;
 }
 
 // The first interface's MAC address behind a fixed "DMS" prefix, so that the
@@ -170,6 +177,7 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
   info.modelName = limited(modelName, kTextLimit);
   info.modelNumber = limited(modelNumber, kModelNumberLimit);
   info.modelDescription = limited(modelDescription, kTextLimit);
+  if (info.osText.empty()) info.osText = hostOsText().substr(0, kTextLimit);
   info.udn = makeUdn();
   info.startTime = static_cast<int64_t>(::time(nullptr));
 
