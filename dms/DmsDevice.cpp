@@ -4,6 +4,9 @@
 // implement them.
 #include "dms/DmsDevice.h"
 
+#include "dms/DmsBrowse.h"
+#include "dms/DmsTransfer.h"
+
 namespace {
 
 constexpr const char* kExtraXml =
@@ -116,7 +119,7 @@ const char* const dlnaServiceIDs[kDlnaServiceTypeCount] = {
 };
 
 UPnPAction dmsContentDirectoryActions[] = {
-    {"Browse", nullptr, kBrowseIn, kBrowseOut},
+    {"Browse", DmsBrowse_Browse, kBrowseIn, kBrowseOut},
     {"GetSearchCapabilities", nullptr, nullptr, kSearchCapabilitiesOut},
     {"GetSortCapabilities", nullptr, nullptr, kSortCapabilitiesOut},
     {"GetSystemUpdateID", nullptr, nullptr, kSystemUpdateIdOut},
@@ -143,6 +146,7 @@ UPnPDevice dmsDevice{
     .descriptionPath = "/DMS/Device",
     .ssdpTargets = kSsdpTargets,
     .services = dmsServices,
+    .httpHook = DmsTransfer_HandleRequest,
 };
 
 void DmsDevice_Fill(const DmsServerInfo& info) {
