@@ -206,3 +206,50 @@ def test_media_transfer_rules(library):
         assert status == f"HTTP/1.1 {expected}", (target, headers)
         if expected != "200 OK":
             assert reply_headers["content-length"] == "0" and body == b""
+
+
+def cover_bytes(media, relative):
+    """The embedded picture of a demo file, located by dms-probe."""
+    path = media / relative
+    probe = json.loads(subprocess.run([str(BUILD / "dms-probe"), str(path)], check=True, capture_output=True,
+                                      text=True).stdout)
+    return probe, path.read_bytes()[probe["coverOffset"]:probe["coverOffset"] + probe["coverLength"]]
+
+
+@pytest.mark.parametrize("view, title, relative", [
+    ("0.30", "Harbour at dawn", "Pictures/Holiday/harbour.jpg"),   # EXIF thumbnail
+    ("0.20", "Demo Clip", "Videos/Demo Clip.mkv"),                  # Matroska cover attachment
+])
+def test_embedded_pictures_are_served_as_thumbnails(library, view, title, relative):
+    port, media = library
+    probe, picture = cover_bytes(media, relative)
+    candidates = [o for o in browse(port, view)[1] if o["dc:title"] == title and "upnp:albumArtURI" in o]
+    assert len(candidates) == 1
+    status, headers, body, _ = get(port, "/thumbnail/" + candidates[0]["upnp:albumArtURI"].rsplit("/", 1)[1])
+    assert status == "HTTP/1.1 200 OK"
+    assert body == picture and body.startswith(b"\xff\xd8")
+    assert headers["content-type"] == probe["coverMimeType"] == "image/jpeg"
+
+
+def test_photo_video_and_matroska_metadata(library):
+    port, media = library
+    photo = media_item(port, "Harbour at dawn", "0.30")
+    assert photo["upnp:artist"] == "Demo Photographer"
+    assert photo["dc:date"] == "2021-08-14"
+    assert photo["res"][0]["resolution"] == "64x48"
+
+    videos = browse(port, "0.20")[1]
+    mp4 = [v for v in videos if v["res"][0]["protocolInfo"] == "http-get:*:video/mp4:DLNA.ORG_OP=01"
+           and v["dc:title"] == "Demo Clip"]
+    assert len(mp4) == 1
+    item = browse(port, mp4[0]["refID"], flag="BrowseMetadata")[1][0]
+    assert item["upnp:class"] == "object.item.videoItem"
+    data = (media / "Videos/Demo Clip.mp4").read_bytes()
+    status, headers, body, _ = get(port, f"/mediaitem/{item['id']}", ("Host: test", "Range: bytes=8-"))
+    assert status == "HTTP/1.1 206 Partial Content"
+    assert headers["content-range"] == f"bytes 8-{len(data) - 1}/{len(data)}" and body == data[8:]
+
+    mka = media_item(port, "Night Drive")
+    assert mka["res"][0]["protocolInfo"] == "http-get:*:audio/x-matroska:DLNA.ORG_OP=01"
+    mkv = [v for v in videos if v["dc:title"] == "Demo Clip" and "x-matroska" in v["res"][0]["protocolInfo"]][0]
+    assert mkv["res"][0]["duration"] == "0:00:12.500000"
