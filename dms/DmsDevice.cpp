@@ -4,6 +4,7 @@
 // implement them.
 #include "dms/DmsDevice.h"
 
+#include "dms/DmsBrowse.h"
 #include "dms/DmsTransfer.h"
 
 namespace {
@@ -98,13 +99,6 @@ constexpr UPnPStateVariable kConnectionManagerVariables[] = {
     {nullptr, nullptr, 0, nullptr, nullptr, nullptr},
 };
 
-// Media and thumbnail downloads are offered every request before the
-// device's own paths.
-bool TransferHook(HTTPRequest* request, HTTPResponse* response, const char* path, const char*, size_t,
-                  UPnPDevice*) {
-  return DmsTransfer_HandleRequest(request, response, path);
-}
-
 }  // namespace
 
 const char* const dlnaDeviceTypes[kDlnaDeviceTypeCount] = {
@@ -125,7 +119,7 @@ const char* const dlnaServiceIDs[kDlnaServiceTypeCount] = {
 };
 
 UPnPAction dmsContentDirectoryActions[] = {
-    {"Browse", nullptr, kBrowseIn, kBrowseOut},
+    {"Browse", DmsBrowse_Browse, kBrowseIn, kBrowseOut},
     {"GetSearchCapabilities", nullptr, nullptr, kSearchCapabilitiesOut},
     {"GetSortCapabilities", nullptr, nullptr, kSortCapabilitiesOut},
     {"GetSystemUpdateID", nullptr, nullptr, kSystemUpdateIdOut},
@@ -152,7 +146,7 @@ UPnPDevice dmsDevice{
     .descriptionPath = "/DMS/Device",
     .ssdpTargets = kSsdpTargets,
     .services = dmsServices,
-    .httpHook = TransferHook,
+    .httpHook = DmsTransfer_HandleRequest,
 };
 
 void DmsDevice_Fill(const DmsServerInfo& info) {

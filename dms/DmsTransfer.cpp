@@ -78,7 +78,8 @@ void answerThumbnail(HTTPResponse* response, const DmsObject* item, const char* 
 
 }  // namespace
 
-bool DmsTransfer_HandleRequest(HTTPRequest* request, HTTPResponse* response, const char* path) {
+bool DmsTransfer_HandleRequest(HTTPRequest* request, HTTPResponse* response, const char* path, const char*, size_t,
+                               UPnPDevice*) {
   const std::string_view target(path ? path : "");
   const bool media = target.starts_with(kMediaPrefix);
   if (!media && !target.starts_with(kThumbnailPrefix)) return false;

@@ -3,9 +3,14 @@
 // ranges included, are sent by the HTTP server's file transfer.
 #pragma once
 
+#include <cstddef>
+
 struct HTTPRequest;
 struct HTTPResponse;
+struct UPnPDevice;
 
-// False when `path` is neither URL form (the device then handles the request);
-// true otherwise, with the response filled for the HTTP server to send.
-bool DmsTransfer_HandleRequest(HTTPRequest* request, HTTPResponse* response, const char* path);
+// The device's HTTP hook. False when `path` is neither URL form (the device
+// then handles the request); true otherwise, with the response filled for the
+// HTTP server to send. The request body plays no part.
+bool DmsTransfer_HandleRequest(HTTPRequest* request, HTTPResponse* response, const char* path, const char* body,
+                               size_t bodyLength, UPnPDevice* device);
