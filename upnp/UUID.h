@@ -11,7 +11,7 @@ inline constexpr int UUID_TextSize = 37;  // 36 characters and the terminator
 // Mixes the kernel's random bytes with a time-based layout; works even when no
 // random source can be opened. Byte 6 is always 0x10 and byte 8 always 0x80.
 void UUID_Generate(UUID uuid);
-// Upper-case "XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX"; returns the printed length.
+// Upper-case 8-4-4-4-12 hexadecimal digits; returns the printed length.
 int UUID_Unparse(const UUID uuid, char text[UUID_TextSize]);
 int UUID_UnparseLower(const UUID uuid, char text[UUID_TextSize]);
 // 0 when `text` is exactly 36 characters of the canonical form, else -1.
