@@ -187,6 +187,8 @@ void MDNSSend(MDNSResponder& responder) {
 // Announces on start (lastAnnouncement 0 makes the first wait one second),
 // then every interval, and at once for a matching query. While an
 // announcement is due, a waiting datagram stays queued for the next pass.
+// A wall clock set backwards counts as due, so it cannot silence the
+// responder for the length of the jump.
 void MDNSReceive(MDNSResponder& responder) {
   const time_t interval = mdnsInterval;
   time_t lastAnnouncement = 0;
@@ -196,7 +198,7 @@ void MDNSReceive(MDNSResponder& responder) {
     if (poll(&input, 1, static_cast<int>(wait) * 1000) < 0) continue;
     time_t now = time(nullptr);
     bool announce = true;
-    if (now - lastAnnouncement < interval) {
+    if (now >= lastAnnouncement && now - lastAnnouncement < interval) {
       std::array<uint8_t, mdnsReceiveSize> datagram;
       ssize_t received = recv(responder.socket.get(), datagram.data(), datagram.size(), 0);
       announce = received > 0 &&
