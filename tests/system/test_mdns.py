@@ -15,6 +15,7 @@ import threading
 import time
 
 import pytest
+import dns.exception
 import dns.flags
 import dns.message
 import dns.name
@@ -97,10 +98,18 @@ def announcements(sock, host, timeout):
             raw = sock.recv(65536)
         except socket.timeout:
             return
-        if len(raw) < 12 or not raw[2] & 0x80:
+        # Only our packets are decoded strictly: responses without questions
+        # whose first owner is the host name.
+        if len(raw) < 12 or not raw[2] & 0x80 or raw[4:6] != b"\0\0":
+            continue
+        try:
+            first, _ = dns.name.from_wire(raw, 12)
+        except dns.exception.DNSException:
+            continue
+        if first.to_text() != owner:
             continue
         packet = decode(raw)
-        if packet.answers and packet.answers[0].name == owner and packet.answers[0].type == dns.rdatatype.A:
+        if packet.answers and packet.answers[0].type == dns.rdatatype.A:
             yield time.monotonic(), packet
 
 

@@ -33,12 +33,6 @@ DNSMessage DecodeAll(const std::vector<uint8_t>& bytes) {
   return message.value_or(DNSMessage{});
 }
 
-std::string NameAt(const std::vector<uint8_t>& bytes, size_t offset) {
-  std::string name;
-  EXPECT_TRUE(DNSMessage_ReadName(bytes, offset, name));
-  return name;
-}
-
 ByteWriter& Labels(ByteWriter& w, std::initializer_list<std::string_view> labels) {
   for (std::string_view label : labels) w.u8(static_cast<uint8_t>(label.size())).text(label);
   return w;
@@ -110,33 +104,6 @@ TEST(MDNSAnnouncement, ExactLayoutWithCompression) {
   DNSMessage goodbye = DecodeAll(Announce(records));
   ASSERT_EQ(goodbye.records.size(), 6u);
   for (const DNSRecord& record : goodbye.records) EXPECT_EQ(record.ttl, 0u) << record.name;
-}
-
-TEST(MDNSAnnouncement, PointersResolveForEveryService) {
-  MDNSRecords records = MakeRecords("my.box", {{"One", "_a._tcp", 1, ""}, {"Two.dot", "_b._udp", 2, "x"}});
-  std::vector<uint8_t> bytes = Announce(records);
-  DNSMessage message = DecodeAll(bytes);
-  ASSERT_EQ(message.header.answerCount, 7);
-  ASSERT_EQ(message.header.additionalCount, 3);
-  EXPECT_EQ(message.records[0].name, "my\nbox\nlocal");
-  const char* owners[] = {"One\n_a\n_tcp\nlocal", "Two.dot\n_b\n_udp\nlocal"};
-  for (size_t i = 0; i < 2; ++i) {
-    const DNSRecord& ptr = message.records[1 + 3 * i];
-    EXPECT_EQ(ptr.name, i == 0 ? "_a\n_tcp\nlocal" : "_b\n_udp\nlocal");
-    EXPECT_EQ(ptr.recordClass, dnsClassIN);
-    EXPECT_EQ(NameAt(bytes, ptr.dataOffset), owners[i]);
-    const DNSRecord& srv = message.records[2 + 3 * i];
-    EXPECT_EQ(srv.name, owners[i]);
-    EXPECT_EQ(NameAt(bytes, srv.dataOffset + 6), "my\nbox\nlocal");
-    EXPECT_EQ(message.records[3 + 3 * i].name, owners[i]);
-    const DNSRecord& nsec = message.records[8 + i];
-    EXPECT_EQ(nsec.name, owners[i]);
-    EXPECT_EQ(NameAt(bytes, nsec.dataOffset), owners[i]);
-  }
-  // The empty text is one empty character string.
-  const DNSRecord& emptyText = message.records[3];
-  ASSERT_EQ(emptyText.dataLength, 1);
-  EXPECT_EQ(bytes[emptyText.dataOffset], 0);
 }
 
 TEST(MDNSAnnouncement, LongLabelsAndTextsAreCut) {
