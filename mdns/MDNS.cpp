@@ -8,17 +8,16 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cstring>
 #include <ctime>
 #include <initializer_list>
 #include <memory>
-#include <new>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -36,18 +35,18 @@ constexpr uint8_t multicastTimeToLive = 255;
 constexpr size_t typeMapMaxSize = 32;
 
 // Owns a descriptor and closes it once.
-class MDNSSocket {
+class MDNSDescriptor {
  public:
-  MDNSSocket() = default;
-  explicit MDNSSocket(int fd) : fd_(fd) {}
-  MDNSSocket(MDNSSocket&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  MDNSSocket(const MDNSSocket&) = delete;
-  MDNSSocket& operator=(const MDNSSocket&) = delete;
-  MDNSSocket& operator=(MDNSSocket&& other) noexcept {
+  MDNSDescriptor() = default;
+  explicit MDNSDescriptor(int fd) : fd_(fd) {}
+  MDNSDescriptor(MDNSDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  MDNSDescriptor(const MDNSDescriptor&) = delete;
+  MDNSDescriptor& operator=(const MDNSDescriptor&) = delete;
+  MDNSDescriptor& operator=(MDNSDescriptor&& other) noexcept {
     std::swap(fd_, other.fd_);
     return *this;
   }
-  ~MDNSSocket() {
+  ~MDNSDescriptor() {
     if (fd_ >= 0) close(fd_);
   }
   int get() const { return fd_; }
@@ -168,7 +167,10 @@ sockaddr_in MDNSGroupAddress() {
 }  // namespace
 
 struct MDNSResponder {
-  MDNSSocket socket;
+  MDNSDescriptor socket;
+  // The wake-up byte cannot leave once the interface lost its address, which
+  // is exactly when responders are deleted; this event wakes the thread then.
+  MDNSDescriptor stop;
   std::thread thread;
   std::atomic<bool> running{false};
   MDNSRecords records;
@@ -194,8 +196,8 @@ void MDNSReceive(MDNSResponder& responder) {
   time_t lastAnnouncement = 0;
   while (responder.running.load()) {
     time_t wait = std::clamp<time_t>(interval + lastAnnouncement - time(nullptr), 1, interval);
-    pollfd input{responder.socket.get(), POLLIN, 0};
-    if (poll(&input, 1, static_cast<int>(wait) * 1000) < 0) continue;
+    std::array<pollfd, 2> input{{{responder.socket.get(), POLLIN, 0}, {responder.stop.get(), POLLIN, 0}}};
+    if (poll(input.data(), input.size(), static_cast<int>(wait) * 1000) < 0) continue;
     time_t now = time(nullptr);
     bool announce = true;
     if (now >= lastAnnouncement && now - lastAnnouncement < interval) {
@@ -215,10 +217,10 @@ void MDNSReceive(MDNSResponder& responder) {
 
 // The socket joined to the group on the interface, sending there with loop
 // on (the wake-up byte of MDNS_delete relies on it), bound to port 5353.
-MDNSSocket MDNSOpenSocket(const std::string& interfaceAddress) {
+MDNSDescriptor MDNSOpenSocket(const std::string& interfaceAddress) {
   in_addr interface{};
   if (inet_pton(AF_INET, interfaceAddress.c_str(), &interface) != 1) return {};
-  MDNSSocket socket(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  MDNSDescriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   int fd = socket.get();
   if (fd < 0) return {};
   int reuse = 1;
@@ -347,7 +349,8 @@ MDNSResponder* MDNS_new(const char* hostName, const char* interfaceAddress, cons
     auto responder = std::make_unique<MDNSResponder>();
     if (!MDNS_MakeRecords(hostName, interfaceAddress, services, serviceCount, responder->records)) return nullptr;
     responder->socket = MDNSOpenSocket(responder->records.interfaceAddress);
-    if (responder->socket.get() < 0) return nullptr;
+    responder->stop = MDNSDescriptor(eventfd(0, EFD_CLOEXEC));
+    if (responder->socket.get() < 0 || responder->stop.get() < 0) return nullptr;
     responder->running = true;
     responder->thread = std::thread(MDNSReceive, std::ref(*responder));
     return responder.release();
@@ -361,11 +364,13 @@ void MDNS_delete(MDNSResponder* responder) {
   if (responder == nullptr) return;
   responder->running = false;
   // The byte loops back to our own socket and wakes the receive thread,
-  // which then sends the goodbye and ends.
+  // which then sends the goodbye and ends; the event does the same when the
+  // byte cannot leave any more.
   const uint8_t wakeUp = 0;
   sockaddr_in group = MDNSGroupAddress();
   sendto(responder->socket.get(), &wakeUp, sizeof wakeUp, 0, reinterpret_cast<const sockaddr*>(&group),
          sizeof group);
+  eventfd_write(responder->stop.get(), 1);
   if (responder->thread.joinable()) responder->thread.join();
   delete responder;
 }

@@ -265,6 +265,23 @@ def test_stop_sends_the_packet_again_with_every_ttl_zero(responder, peer):
     assert records == [record._replace(ttl=0) for record in hello.answers + hello.additional]
 
 
+def test_stop_is_prompt_after_the_interface_lost_its_address(peer):
+    """Responders are deleted when addresses change; the loop-back wake-up
+    cannot reach the thread then, and the stop must not wait for the next
+    30-second poll."""
+    extra = "10.77.0.3"
+    subprocess.run(["ip", "addr", "add", f"{extra}/24", "dev", "dms0"], check=True)
+    try:
+        proc = Process([str(BUILD / "mdns_test_responder"), "gone", extra, "Gone", "_gone._tcp", "9", "x"],
+                       cwd=BUILD)
+        assert proc.popen.stdout.readline() == b"ready\n", proc.stop()
+        # Past the first announcement the thread waits 30 s for input.
+        assert next_announcement(peer, "gone") is not None
+    finally:
+        subprocess.run(["ip", "addr", "del", f"{extra}/24", "dev", "dms0"], check=True)
+    assert proc.stop(timeout=10.0) == ("", 0)
+
+
 def test_invalid_service_makes_creation_fail(responder):
     binary = str(BUILD / "mdns_test_responder")
     for services in ([("Zero", "_z._tcp", "0", "t")],
