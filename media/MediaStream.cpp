@@ -6,7 +6,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <cctype>
 #include <cerrno>
+#include <climits>
+#include <ctime>
+#include <new>
 
 #include "media/MediaParsers.h"
 
@@ -19,15 +23,15 @@ struct ParserSlot {
 
 // MP3 stays last: its search for a frame header is the loosest test.
 constexpr std::array<ParserSlot, 9> kParsers{{
-    {"riff", nullptr},
-    {"png", nullptr},
-    {"gif", nullptr},
-    {"flac", nullptr},
-    {"mp4", nullptr},
-    {"matroska", nullptr},
-    {"tiff", nullptr},
-    {"jpeg", nullptr},
-    {"mp3", nullptr},
+    {"riff", MediaParse_Riff},
+    {"png", MediaParse_Png},
+    {"gif", MediaParse_Gif},
+    {"flac", MediaParse_Flac},
+    {"mp4", MediaParse_Mp4},
+    {"matroska", MediaParse_Matroska},
+    {"tiff", MediaParse_Tiff},
+    {"jpeg", MediaParse_Jpeg},
+    {"mp3", MediaParse_Mp3},
 }};
 
 void dropIfNotUtf8(std::optional<std::string>& text) {
@@ -152,4 +156,78 @@ size_t MediaUtf8_Encode(uint16_t unit, char* out) {
   out[1] = static_cast<char>(0x80 | ((unit >> 6) & 0x3F));
   out[2] = static_cast<char>(0x80 | (unit & 0x3F));
   return 3;
+}
+
+void MediaStream_AddPicture(MediaStream& stream, uint16_t width, uint16_t height, uint8_t bitsPerPixel) {
+  constexpr uint32_t kSlideTime = 5000;  // ms
+  StreamInfo picture;
+  picture.streamNumber = 1;
+  picture.streamKind = MediaType_Image;
+  picture.enabled = 1;
+  picture.duration = kSlideTime;
+  picture.timescale = 1000;
+  picture.width = width;
+  picture.height = height;
+  picture.bitsPerPixel = bitsPerPixel;
+  stream.streamInfo.push_back(picture);
+}
+
+namespace {
+
+bool isSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+
+// One "%d" conversion at `pos`: optional white space, sign and at least one digit.
+bool scanInt(std::string_view text, size_t& pos, int& value) {
+  while (pos < text.size() && isSpace(text[pos])) ++pos;
+  bool negative = false;
+  if (pos < text.size() && (text[pos] == '+' || text[pos] == '-')) negative = text[pos++] == '-';
+  size_t digits = pos;
+  int64_t magnitude = 0;
+  for (; pos < text.size() && text[pos] >= '0' && text[pos] <= '9'; ++pos) {
+    if (magnitude <= INT_MAX) magnitude = magnitude * 10 + (text[pos] - '0');
+  }
+  if (pos == digits) return false;
+  int64_t signedValue = negative ? -magnitude : magnitude;
+  value = static_cast<int>(signedValue < INT_MIN ? INT_MIN : signedValue > INT_MAX ? INT_MAX : signedValue);
+  return true;
+}
+
+}  // namespace
+
+int MediaScan_Ints(std::string_view text, std::string_view format, int* values, int capacity) {
+  size_t pos = 0;
+  int count = 0;
+  for (size_t f = 0; f < format.size(); ++f) {
+    if (format.substr(f, 2) == "%d") {
+      int value = 0;
+      if (!scanInt(text, pos, value)) break;
+      if (count < capacity) values[count] = value;
+      ++count;
+      ++f;
+    } else if (isSpace(format[f])) {
+      while (pos < text.size() && isSpace(text[pos])) ++pos;
+    } else if (pos < text.size() && text[pos] == format[f]) {
+      ++pos;
+    } else {
+      break;
+    }
+  }
+  return count;
+}
+
+std::optional<int32_t> MediaDate_Make(int year, int month, int day, int hour, int minute, int second) {
+  // Years this far out overflow 32-bit seconds anyway; the bound keeps the
+  // field arithmetic below free of overflow.
+  constexpr int kYearBound = 1000000;
+  if (year < -kYearBound || year > kYearBound) return std::nullopt;
+  std::tm parts{};
+  parts.tm_year = year - 1900;
+  parts.tm_mon = month == INT_MIN ? INT_MIN : month - 1;
+  parts.tm_mday = day;
+  parts.tm_hour = hour;
+  parts.tm_min = minute;
+  parts.tm_sec = second;
+  const int64_t seconds = static_cast<int64_t>(::timegm(&parts));
+  if (seconds == -1 || seconds < INT32_MIN || seconds > INT32_MAX) return std::nullopt;
+  return static_cast<int32_t>(seconds);
 }

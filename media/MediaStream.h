@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 enum MediaType : int32_t {
@@ -102,3 +103,18 @@ void MediaBits_Put(uint8_t* buffer, uint32_t position, unsigned count, uint32_t 
 // Writes one 16-bit code unit as UTF-8 (1 to 3 bytes, no surrogate pairing)
 // and returns the number of bytes written.
 size_t MediaUtf8_Encode(uint16_t unit, char* out);
+
+// Appends the single stream of a still picture: stream 1, enabled, shown for
+// the five-second slide time.
+void MediaStream_AddPicture(MediaStream& stream, uint16_t width, uint16_t height, uint8_t bitsPerPixel);
+
+// Reads integers from `text` as sscanf does with a format made of "%d"
+// conversions, white space (matching any run of white space, also none) and
+// other characters (matched exactly). Values beyond the int range saturate.
+// Returns how many integers were read; at most `capacity` are stored.
+int MediaScan_Ints(std::string_view text, std::string_view format, int* values, int capacity);
+
+// Seconds since 1970 UTC of a calendar time given with month 1-12; fields out
+// of range roll over as with timegm. Empty when the time is not representable
+// in 32 bits or comes out as -1 (timegm's failure value).
+std::optional<int32_t> MediaDate_Make(int year, int month, int day, int hour, int minute, int second);

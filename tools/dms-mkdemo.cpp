@@ -9,6 +9,15 @@
 #include <vector>
 
 #include "tests/fixtures/ByteWriter.h"
+#include "tests/fixtures/Mp4Fixture.h"
+#include "tests/fixtures/JpegFixture.h"
+#include "tests/fixtures/TiffFixture.h"
+#include "tests/fixtures/MatroskaFixture.h"
+#include "tests/fixtures/FlacFixture.h"
+#include "tests/fixtures/GifFixture.h"
+#include "tests/fixtures/PngFixture.h"
+#include "tests/fixtures/Mp3Fixture.h"
+#include "tests/fixtures/RiffFixture.h"
 
 namespace {
 
@@ -19,6 +28,38 @@ struct DemoFile {
 
 const std::vector<DemoFile>& demoFiles() {
   static const std::vector<DemoFile> files = {
+      {"Videos/Demo Clip.mp4", Mp4Fixture_Video},
+      {"Videos/Demo Movie.mov", Mp4Fixture_Mov},
+      {"Music/Demo Artist/Demo Album/Demo Song.m4a",
+       [] { return Mp4Fixture_M4a(kMp4DataPng, Mp4Fixture_CoverPng()); }},
+      {"Pictures/Holiday/harbour.jpg",
+       [] {
+         return JpegFixture_Build({.exif = JpegFixture_Exif({.description = "Harbour at dawn",
+                                                             .artist = "Demo Photographer",
+                                                             .dateTime = "2021:08:14 09:12:00",
+                                                             .dateOriginal = "2021:08:14 06:45:30"})});
+       }},
+      {"Pictures/Scans/letter.tif",
+       [] {
+         TiffFixturePage page;
+         page.width = 24;
+         page.height = 16;
+         page.pixels = true;
+         page.description = "Scanned letter";
+         page.dateTime = "2019:03:02 17:20:00";
+         TiffFixturePage second = page;
+         second.description.clear();
+         return TiffFixture_Pages(false, {page, second});
+       }},
+      {"Videos/Demo Clip.mkv", MatroskaFixture_VideoWithCover},
+      {"Music/Night Drive.mka", MatroskaFixture_AudioWithTitle},
+      {"Music/Demo Artist/Demo Album/01 Demo Song.flac",
+       [] { return FlacFixture_Song("Demo Song", "Demo Artist", "Demo Album", "Jazz", "2009-06-15"); }},
+      {"Pictures/Gradient.png", [] { return PngFixture_Picture(32, 24, "Demo Gradient", "2009:06:15 10:20:30"); }},
+      {"Pictures/Stripes.gif", [] { return GifFixture_Picture("89a", 32, 24, 4); }},
+      {"Music/Demo Artist/Demo Album/01 Demo Song.mp3", Mp3Fixture_Demo},
+      {"Music/Demo Artist/tone.wav", RiffFixture_DemoWav},
+      {"Videos/clip.avi", RiffFixture_DemoAvi},
   };
   return files;
 }

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdio>
 
 #include "media/MediaStream.h"
@@ -81,6 +82,50 @@ TEST(MediaStream, Utf8EncoderWidths) {
   EXPECT_EQ(MediaUtf8_Encode(0x20AC, out), 3u);
   EXPECT_EQ(std::string(out, 3), "\xE2\x82\xAC");
   EXPECT_EQ(MediaUtf8_Encode(0xD83D, out), 3u);  // lone surrogate unit, encoded as is
+}
+
+}  // namespace
+
+namespace {
+
+TEST(MediaStream, IntegerScanFollowsScanfRules) {
+  int v[6] = {};
+  EXPECT_EQ(MediaScan_Ints("2009-06-15", "%d-%d-%d", v, 3), 3);
+  EXPECT_EQ(v[0], 2009);
+  EXPECT_EQ(v[1], 6);
+  EXPECT_EQ(v[2], 15);
+  // Conversions skip leading white space; a space in the format matches any
+  // run, also none; other characters must match exactly.
+  EXPECT_EQ(MediaScan_Ints(" 2009:06:15   1:02:03", "%d:%d:%d %d:%d:%d", v, 6), 6);
+  EXPECT_EQ(v[3], 1);
+  EXPECT_EQ(v[5], 3);
+  EXPECT_EQ(MediaScan_Ints("2009-06-15T10:20:30", "%d-%d-%d %d:%d:%d", v, 6), 3);
+  EXPECT_EQ(MediaScan_Ints("2009-06-15T10:20:30", "%d-%d-%dT%d:%d:%d", v, 6), 6);
+  EXPECT_EQ(v[4], 20);
+  EXPECT_EQ(MediaScan_Ints("2009:06:15", "%d-%d-%d", v, 3), 1);
+  EXPECT_EQ(MediaScan_Ints("-7-+8", "%d-%d", v, 2), 2);
+  EXPECT_EQ(v[0], -7);
+  EXPECT_EQ(v[1], 8);
+  EXPECT_EQ(MediaScan_Ints("x2009", "%d", v, 1), 0);
+  EXPECT_EQ(MediaScan_Ints("", "%d", v, 1), 0);
+  EXPECT_EQ(MediaScan_Ints("-", "%d", v, 1), 0);
+  EXPECT_EQ(MediaScan_Ints("99999999999999999999 -99999999999999999999", "%d %d", v, 2), 2);
+  EXPECT_EQ(v[0], INT_MAX);
+  EXPECT_EQ(v[1], INT_MIN);
+  v[1] = 42;
+  EXPECT_EQ(MediaScan_Ints("1 2", "%d %d", v, 1), 2);  // counted, stored only up to capacity
+  EXPECT_EQ(v[1], 42);
+}
+
+TEST(MediaStream, DatesAreUtcAndFitThirtyTwoBits) {
+  EXPECT_EQ(MediaDate_Make(2009, 1, 1, 0, 0, 0), 1230768000);
+  EXPECT_EQ(MediaDate_Make(2009, 6, 15, 10, 20, 30), 1245061230);
+  EXPECT_EQ(MediaDate_Make(2009, 13, 1, 0, 0, 0), 1262304000);  // rolls over into 2010
+  EXPECT_EQ(MediaDate_Make(1970, 1, 1, 0, 0, 0), 0);
+  EXPECT_EQ(MediaDate_Make(1969, 12, 31, 23, 59, 59), std::nullopt);  // -1 reads as failure
+  EXPECT_EQ(MediaDate_Make(2038, 1, 19, 3, 14, 7), INT32_MAX);
+  EXPECT_EQ(MediaDate_Make(2038, 1, 19, 3, 14, 8), std::nullopt);
+  EXPECT_EQ(MediaDate_Make(INT_MAX, INT_MIN, INT_MAX, 0, 0, 0), std::nullopt);
 }
 
 }  // namespace

@@ -1,0 +1,203 @@
+// Browse: validates the arguments, then streams the SOAP envelope around the
+// DIDL-Lite result as chunks: the head, pages of rendered children, and the
+// tail with the counts. A container that changes between pages ends the
+// listing early instead of producing an inconsistent page.
+#include "dms/DmsBrowse.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+#include <string>
+
+#include "dms/DmsDidl.h"
+#include "dms/DmsObject.h"
+#include "dms/DmsServer.h"
+#include "http/HTTPRequest.h"
+
+const char* const dlnaBrowseFlags[2] = {"BrowseDirectChildren", "BrowseMetadata"};
+
+namespace {
+
+constexpr int kArgumentCount = 6;
+constexpr uint32_t kMaxObjectIdLength = 23;
+constexpr uint32_t kMaxFilterLength = 255;
+constexpr uint32_t kMaxNumberLength = 9;
+constexpr size_t kPageSpace = 8100;
+constexpr int kCannotProcess = 4;  // row of 720 "Cannot Process the Request" in dlnaErrors
+
+constexpr char kDidlOpen[] =
+    "&lt;DIDL-Lite xmlns:dc=\"http://purl.org/dc/elements/1.1/\" "
+    "xmlns:upnp=\"urn:schemas-upnp-org:metadata-1-0/upnp/\" "
+    "xmlns=\"urn:schemas-upnp-org:metadata-1-0/DIDL-Lite/\"&gt;";
+constexpr char kDidlClose[] = "&lt;/DIDL-Lite&gt;";
+
+struct BrowseRequest {
+  DmsObjectId objectId;
+  bool directChildren = false;
+  uint32_t filter = 0;
+  uint32_t startingIndex = 0;
+  uint32_t requestedCount = 0;
+};
+
+std::string argument(const UPnPArgValue& value) { return std::string(value.value, value.length); }
+
+bool parseUnsigned(const std::string& text, uint32_t& out) { return std::sscanf(text.c_str(), "%u", &out) == 1; }
+
+bool parseArguments(const UPnPArgValue* args, int32_t count, BrowseRequest& browse) {
+  if (count != kArgumentCount || !args) return false;
+  const UPnPArgValue &objectId = args[0], &flag = args[1], &filter = args[2], &start = args[3],
+                     &requested = args[4];
+  if (objectId.length > kMaxObjectIdLength || filter.length > kMaxFilterLength ||
+      start.length > kMaxNumberLength || requested.length > kMaxNumberLength) {
+    return false;
+  }
+  // The flag is compared over the length that was sent.
+  const std::string flagText = argument(flag);
+  if (std::strncmp(flagText.c_str(), dlnaBrowseFlags[0], flag.length) == 0) browse.directChildren = true;
+  else if (std::strncmp(flagText.c_str(), dlnaBrowseFlags[1], flag.length) != 0) return false;
+
+  if (std::sscanf(argument(objectId).c_str(), "%" SCNu64 ".%" SCNu64, &browse.objectId.high,
+                  &browse.objectId.low) < 1) {
+    return false;
+  }
+  browse.filter = DmsDidl_ParseFilter(std::string_view(filter.value, filter.length));
+  return parseUnsigned(argument(start), browse.startingIndex) &&
+         parseUnsigned(argument(requested), browse.requestedCount);
+}
+
+void answerFault(HTTPResponse* response) {
+  response->status = "500 Internal Server Error";
+  HTTPResponse_SetBody(response, UPnP_MakeActionResponseError(dlnaErrors[kCannotProcess].code,
+                                                                dlnaErrors[kCannotProcess].description));
+}
+
+bool writeHeader(HTTPRequest* request, HTTPResponse* response) {
+  const time_t now = ::time(nullptr);
+  struct tm utc {};
+  char date[30] = {};
+  if (gmtime_r(&now, &utc)) std::strftime(date, sizeof date, "%a, %d %b %Y %H:%M:%S GMT", &utc);
+  const DmsServerInfo& info = DmsServer_Info();
+  std::string header = "HTTP/1.1 200 OK\r\nDate: ";
+  header += date;
+  header += "\r\nContent-Type: text/xml; charset=\"utf-8\"\r\nTransfer-Encoding: chunked\r\nConnection: ";
+  header += response->keepAlive ? "keep-alive" : "close";
+  header += "\r\nEXT:\r\nServer: " + info.osText + " UPnP/1.0 " + info.modelName + "/" + info.modelNumber + "\r\n\r\n";
+  if (HTTPRequest_WriteData(request, header.data(), header.size())) return true;
+  response->keepAlive = false;
+  return false;
+}
+
+// The success envelope around `outputs`, split at the Result element's
+// closing tag: before it when `head`, after its opening tag otherwise.
+std::string envelopePart(const char* serviceType, const char* actionName, const UPnPArgValue* outputs, bool head) {
+  const std::string envelope = UPnP_MakeActionResponseSuccess(serviceType, actionName, outputs);
+  if (head) {
+    const size_t close = envelope.find("</Result>");
+    return close == std::string::npos ? std::string() : envelope.substr(0, close);
+  }
+  const size_t open = envelope.find("<Result>");
+  return open == std::string::npos ? std::string() : envelope.substr(open + std::strlen("<Result>"));
+}
+
+struct Counts {
+  uint32_t numberReturned = 0;
+  uint32_t totalMatches = 0;
+  uint32_t updateId = 0;
+};
+
+// Sends the children of the container, page by page. Each page re-checks
+// the container under the content mutex before it is built.
+void sendChildren(HTTPRequest* request, HTTPResponse* response, BrowseRequest& browse, const char* host,
+                  uint16_t port, int32_t childCount, uint32_t updateId, Counts& counts) {
+  std::string page;
+  page.reserve(kPageSpace);
+  while (browse.requestedCount == 0 || counts.numberReturned < browse.requestedCount) {
+    page.clear();
+    {
+      std::lock_guard lock(DmsServer_ContentMutex());
+      const DmsObject* container = DmsObject_Find(browse.objectId);
+      if (!container || container->kind != DmsKind_Container || container->childCount != childCount ||
+          container->updateId != updateId) {
+        return;
+      }
+      uint32_t position = 0;
+      for (const DmsObject* child = container->firstChild; child; child = child->nextSibling, ++position) {
+        if (position < browse.startingIndex) continue;
+        if (browse.requestedCount != 0 && counts.numberReturned >= browse.requestedCount) break;
+        const std::string rendered = DmsDidl_RenderObject(child, host, port, browse.filter);
+        if (page.size() + rendered.size() > kPageSpace) break;
+        page += rendered;
+        counts.numberReturned += 1;
+        browse.startingIndex += 1;
+      }
+    }
+    if (page.empty() || !DmsHttp_WriteChunk(request, response, page)) return;
+  }
+}
+
+}  // namespace
+
+bool DmsHttp_WriteChunk(HTTPRequest* request, HTTPResponse* response, std::string_view text) {
+  char size[16];
+  const int sizeLength = std::snprintf(size, sizeof size, "%zx\r\n", text.size());
+  if (HTTPRequest_WriteData(request, size, static_cast<size_t>(sizeLength)) &&
+      HTTPRequest_WriteData(request, text.data(), text.size()) && HTTPRequest_WriteData(request, "\r\n", 2)) {
+    return true;
+  }
+  response->keepAlive = false;
+  return false;
+}
+
+void DmsBrowse_Browse(HTTPRequest* request, const char* serviceType, const char* actionName,
+                      const UPnPArgValue* args, int32_t count, HTTPResponse* response) {
+  BrowseRequest browse;
+  if (!parseArguments(args, count, browse)) {
+    answerFault(response);
+    return;
+  }
+  response->handled = true;
+  if (!writeHeader(request, response)) return;
+  if (HTTPRequest_GetMethod(request) == HTTP_METHOD_HEAD) return;
+
+  const UPnPArgValue head[] = {{"Result", kDidlOpen, sizeof kDidlOpen - 1}, {nullptr, nullptr, 0}};
+  if (!DmsHttp_WriteChunk(request, response, envelopePart(serviceType, actionName, head, true))) return;
+
+  char host[16] = {};
+  uint16_t port = 0;
+  HTTPRequest_GetSockName(request, host, sizeof host, &port);
+
+  Counts counts;
+  std::unique_lock lock(DmsServer_ContentMutex());
+  if (const DmsObject* object = DmsObject_Find(browse.objectId)) {
+    const bool container = object->kind == DmsKind_Container;
+    counts.updateId = container && !(object->id == DmsObjectId{0, 0}) ? object->updateId : DmsContent_SystemUpdateId();
+    if (browse.directChildren && container) {
+      counts.totalMatches = object->childCount < 0 ? 0 : static_cast<uint32_t>(object->childCount);
+      const int32_t childCount = object->childCount;
+      const uint32_t updateId = object->updateId;
+      lock.unlock();
+      sendChildren(request, response, browse, host, port, childCount, updateId, counts);
+    } else {
+      const std::string rendered = DmsDidl_RenderObject(object, host, port, browse.filter);
+      lock.unlock();
+      counts.numberReturned = 1;
+      counts.totalMatches = 1;
+      if (!DmsHttp_WriteChunk(request, response, rendered)) return;
+    }
+  }
+  if (lock.owns_lock()) lock.unlock();
+
+  char returned[12], total[12], update[12];
+  std::snprintf(returned, sizeof returned, "%u", counts.numberReturned);
+  std::snprintf(total, sizeof total, "%u", counts.totalMatches);
+  std::snprintf(update, sizeof update, "%u", counts.updateId);
+  const UPnPArgValue tail[] = {{"Result", kDidlClose, sizeof kDidlClose - 1},
+                               {"NumberReturned", returned, static_cast<uint32_t>(std::strlen(returned))},
+                               {"TotalMatches", total, static_cast<uint32_t>(std::strlen(total))},
+                               {"UpdateID", update, static_cast<uint32_t>(std::strlen(update))},
+                               {nullptr, nullptr, 0}};
+  if (!DmsHttp_WriteChunk(request, response, envelopePart(serviceType, actionName, tail, false))) return;
+  DmsHttp_WriteChunk(request, response, {});
+}

@@ -1,0 +1,235 @@
+// Renders containers, items and references as DIDL-Lite elements. Each item
+// is parsed again from its file, so titles, tags, durations, resolutions and
+// covers always reflect the file as it is now.
+#include "dms/DmsDidl.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <ctime>
+#include <optional>
+
+#include "dms/DmsObject.h"
+#include "media/MediaStream.h"
+
+namespace {
+
+struct FilterToken {
+  std::string_view token;
+  uint32_t bit;
+};
+
+constexpr FilterToken kFilterTokens[] = {
+    {"upnp:artist,", DmsFilter_Artist},   {"upnp:artist@", DmsFilter_Artist},
+    {"upnp:album,", DmsFilter_Album},     {"upnp:album@", DmsFilter_Album},
+    {"upnp:genre,", DmsFilter_Genre},     {"dc:date,", DmsFilter_Date},
+    {"upnp:albumArtURI,", DmsFilter_AlbumArt}, {"upnp:albumArtURI@", DmsFilter_AlbumArt},
+    {"res,", DmsFilter_Res},              {"res@", DmsFilter_Res},
+    {"@refID,", DmsFilter_RefId},         {"@childCount,", DmsFilter_ChildCount},
+};
+
+// What an item's rendering takes from a fresh parse of its file.
+struct ItemFacts {
+  bool parsed = false;  // false: the file could not be opened or recognised
+  std::string title;    // escaped
+  std::optional<std::string> artist, album, genre;
+  bool hasThumbnail = false;
+  uint32_t duration = 0;
+  uint32_t timescale = 1000;
+  int64_t date = 0;
+  int64_t size = 0;
+  uint16_t width = 0, height = 0;
+};
+
+std::string titleWithoutExtension(const std::string& title) {
+  size_t dot = title.rfind('.');
+  return DmsDidl_Escape(dot == std::string::npos ? std::string_view(title) : std::string_view(title).substr(0, dot));
+}
+
+ItemFacts readItemFacts(const DmsObject* target) {
+  ItemFacts facts;
+  const std::string path = DmsObject_GetPath(target);
+  struct stat info {};
+  if (!path.empty() && ::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
+    facts.size = static_cast<int64_t>(info.st_size);
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+      if (MediaStreamPtr stream = MediaStream_new(fd, 0, facts.size, true)) {
+        facts.parsed = true;
+        if (stream->title) facts.title = DmsDidl_Escape(*stream->title);
+        if (stream->artist) facts.artist = DmsDidl_Escape(*stream->artist);
+        if (stream->album) facts.album = DmsDidl_Escape(*stream->album);
+        if (stream->genre) facts.genre = DmsDidl_Escape(*stream->genre);
+        facts.hasThumbnail = stream->coverLength > 0;
+        facts.duration = stream->duration;
+        facts.timescale = stream->timescale;
+        facts.date = stream->date ? stream->date : static_cast<int64_t>(info.st_mtime);
+        if (stream->mediaType == MediaType_Image && !stream->streamInfo.empty()) {
+          facts.width = stream->streamInfo[0].width;
+          facts.height = stream->streamInfo[0].height;
+        }
+      }
+      ::close(fd);
+    }
+  }
+  if (facts.title.empty()) facts.title = titleWithoutExtension(target->title);
+  return facts;
+}
+
+std::string formatId(DmsObjectId id) {
+  char text[DmsObjectId_TextSize];
+  DmsObjectId_Format(id, text);
+  return text;
+}
+
+std::string didlId(const DmsObject* object) {
+  return object->id == DmsObjectId{0, 0} ? std::string("0") : formatId(object->id);
+}
+
+std::string parentId(const DmsObject* object) {
+  if (!object->parent) return "-1";
+  return didlId(object->parent);
+}
+
+void appendTag(std::string& out, const char* name, const std::optional<std::string>& value, bool wanted) {
+  if (!wanted || !value) return;
+  out += "&lt;";
+  out += name;
+  out += "&gt;";
+  out += *value;
+  out += "&lt;/";
+  out += name;
+  out += "&gt;";
+}
+
+// The media `res` element (duration or resolution first), and for items with
+// a cover a second one pointing at the thumbnail.
+void appendResources(std::string& out, const DmsObject* target, const ItemFacts& facts, const char* host,
+                     uint16_t port, bool image) {
+  const char* mime = target->mimeType ? target->mimeType : (image ? "image/*" : "*");
+  const std::string id = formatId(target->id);
+  char head[128];
+  if (image) {
+    std::snprintf(head, sizeof head, "resolution=\"%ux%u\"", facts.width, facts.height);
+  } else {
+    const uint32_t timescale = facts.timescale ? facts.timescale : 1;
+    const uint32_t seconds = facts.duration / timescale;
+    const auto fraction = static_cast<uint32_t>(static_cast<uint64_t>(facts.duration % timescale) * 1000000u / timescale);
+    std::snprintf(head, sizeof head, "duration=\"%u:%02u:%02u.%06u\"", seconds / 3600, (seconds % 3600) / 60,
+                  seconds % 60, fraction);
+  }
+  char res[512];
+  std::snprintf(res, sizeof res,
+                "&lt;res %s size=\"%" PRId64 "\" protocolInfo=\"http-get:*:%s:DLNA.ORG_OP=01\"&gt;"
+                "http://%s:%d/mediaitem/%s&lt;/res&gt;",
+                head, facts.size, mime, host, port, id.c_str());
+  out += res;
+  if (!facts.hasThumbnail) return;
+  std::snprintf(res, sizeof res,
+                "&lt;res protocolInfo=\"http-get:*:image/jpeg:DLNA.ORG_PN=JPEG_TN;DLNA.ORG_OP=01;DLNA.ORG_CI=1\"&gt;"
+                "http://%s:%d/thumbnail/%s&lt;/res&gt;",
+                host, port, id.c_str());
+  out += res;
+}
+
+void renderItemBody(std::string& out, const DmsObject* target, const ItemFacts& facts, const char* host,
+                    uint16_t port, uint32_t filter) {
+  appendTag(out, "upnp:artist", facts.artist, filter & DmsFilter_Artist);
+  appendTag(out, "upnp:album", facts.album, filter & DmsFilter_Album);
+  appendTag(out, "upnp:genre", facts.genre, filter & DmsFilter_Genre);
+  if (target->kind != DmsKind_Item) return;
+
+  const bool image = target->upnpClass == dlnaMediaClasses[DmsClass_ImageItem];
+  const bool audioVideo = target->upnpClass == dlnaMediaClasses[DmsClass_AudioItem] ||
+                          target->upnpClass == dlnaMediaClasses[DmsClass_VideoItem];
+  if (image && facts.date != 0 && (filter & DmsFilter_Date)) {
+    const time_t date = static_cast<time_t>(facts.date);
+    struct tm day {};
+    char text[64];
+    if (gmtime_r(&date, &day) && std::strftime(text, sizeof text, "&lt;dc:date&gt;%Y-%m-%d&lt;/dc:date&gt;", &day)) {
+      out += text;
+    }
+  }
+  if (facts.hasThumbnail && (filter & DmsFilter_AlbumArt)) {
+    char art[256];
+    std::snprintf(art, sizeof art,
+                  "&lt;upnp:albumArtURI dlna:profileID=\"JPEG_TN\" xmlns:dlna=\"urn:schemas-dlna-org:metadata-1-0/\"&gt;"
+                  "http://%s:%d/thumbnail/%s&lt;/upnp:albumArtURI&gt;",
+                  host, port, formatId(target->id).c_str());
+    out += art;
+  }
+  if (facts.parsed && (image || audioVideo) && (filter & DmsFilter_Res)) appendResources(out, target, facts, host, port, image);
+}
+
+}  // namespace
+
+uint32_t DmsDidl_ParseFilter(std::string_view filter) {
+  std::string text(filter);
+  text += ',';
+  if (text.find("*,") != std::string::npos) return DmsFilter_All;
+  uint32_t bits = 0;
+  for (const FilterToken& entry : kFilterTokens) {
+    if (text.find(entry.token) != std::string::npos) bits |= entry.bit;
+  }
+  return bits;
+}
+
+std::string DmsDidl_Escape(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (char c : text) {
+    switch (c) {
+      case '&': out += "&amp;amp;"; break;
+      case '"': out += "&amp;quot;"; break;
+      case '\'': out += "&amp;apos;"; break;
+      case '<': out += "&amp;lt;"; break;
+      case '>': out += "&amp;gt;"; break;
+      default: out += c;
+    }
+  }
+  return out;
+}
+
+std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint16_t port, uint32_t filter) {
+  if (!object) return {};
+  const bool container = object->kind == DmsKind_Container;
+  const char* element = container ? "container" : "item";
+
+  std::string out;
+  out.reserve(512);
+  out += "&lt;";
+  out += element;
+  out += " id=\"";
+  out += didlId(object);
+  out += "\" parentID=\"";
+  out += parentId(object);
+  out += "\" ";
+  if ((filter & DmsFilter_RefId) && object->kind == DmsKind_Reference && object->item) {
+    out += "refID=\"" + formatId(object->item->id) + "\"";
+  }
+  out += " restricted=\"0\" ";
+  if (container && (filter & DmsFilter_ChildCount)) {
+    out += "childCount=\"" + std::to_string(object->childCount < 0 ? 0 : object->childCount) + "\"";
+  }
+  out += "&gt;&lt;upnp:class&gt;";
+  out += object->upnpClass ? object->upnpClass : "";
+  out += "&lt;/upnp:class&gt;&lt;dc:title&gt;";
+  if (container) {
+    const bool volume = object->upnpClass == dlnaMediaClasses[DmsClass_StorageVolume];
+    out += volume ? std::string("Volume") : DmsDidl_Escape(object->title);
+    out += "&lt;/dc:title&gt;";
+  } else {
+    const DmsObject* target = object->item ? object->item : object;
+    const ItemFacts facts = readItemFacts(target);
+    out += facts.title;
+    out += "&lt;/dc:title&gt;";
+    renderItemBody(out, target, facts, host, port, filter);
+  }
+  out += "&lt;/";
+  out += element;
+  out += "&gt;";
+  return out;
+}

@@ -1,0 +1,300 @@
+// Library scan and categorisation. A folder is re-read once per pass; files
+// whose name and modification time are unchanged keep their objects, others
+// are parsed again. New items get one reference per view (All, Artists,
+// Albums, Genres, Moments), kept in title order inside sorted groups.
+#include "dms/DmsLibrary.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <ctime>
+#include <string>
+#include <string_view>
+
+#include "media/MediaStream.h"
+
+namespace {
+
+constexpr std::array<std::string_view, 27> kExtensions = {
+    ".jpeg", ".jpg", ".png",  ".bmp", ".tiff", ".tif", ".gif", ".avi",  ".wave", ".wav", ".mp3", ".mov", ".mp4", ".m4v",
+    ".m4a",  ".m4p", ".m4b",  ".m4r", ".mkv",  ".mka", ".webm", ".3gpp", ".3gp", ".aac", ".flac", ".fla", ".flc"};
+
+// Reference ids carry the kind of view in the top word of the high part.
+constexpr uint64_t kViewAll = 2;
+constexpr uint64_t kViewArtists = 4;
+constexpr uint64_t kViewAlbums = 8;
+constexpr uint64_t kViewMoments = 16;
+constexpr uint64_t kViewGenres = 32;
+
+constexpr char kUnknownGroup[] = "Unknown";
+
+// Group containers (one artist, album, genre or day) take ids 0.10001 on;
+// the counter is never reset, not even by a rescan.
+uint64_t lastGroupId = 10000;
+
+const char* mediaClass(DmsMediaClass index) { return dlnaMediaClasses[index]; }
+
+bool isFolder(const DmsObject* object) {
+  return object->upnpClass == mediaClass(DmsClass_StorageFolder) ||
+         object->upnpClass == mediaClass(DmsClass_StorageVolume);
+}
+
+bool hasMediaExtension(std::string_view name) {
+  size_t dot = name.rfind('.');
+  if (dot == std::string_view::npos) return false;
+  std::string_view extension = name.substr(dot);
+  for (std::string_view accepted : kExtensions) {
+    if (extension.size() == accepted.size() &&
+        strncasecmp(extension.data(), accepted.data(), accepted.size()) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+int64_t nowMicros() {
+  using namespace std::chrono;
+  return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+// The child after which a new entry titled `name` goes: before the first
+// child whose title is not less than the name, ignoring case.
+DmsObject* sortedInsertionPoint(const DmsObject* folder, const char* name) {
+  DmsObject* after = nullptr;
+  for (DmsObject* child = folder->firstChild; child; child = child->nextSibling) {
+    if (strcasecmp(child->title.c_str(), name) >= 0) break;
+    after = child;
+  }
+  return after;
+}
+
+const char* itemClassFor(int32_t mediaType) {
+  switch (mediaType) {
+    case MediaType_Audio: return mediaClass(DmsClass_AudioItem);
+    case MediaType_Video: return mediaClass(DmsClass_VideoItem);
+    case MediaType_Image: return mediaClass(DmsClass_ImageItem);
+    default: return nullptr;
+  }
+}
+
+class DirectoryReader {
+ public:
+  explicit DirectoryReader(const std::string& path) : dir_(::opendir(path.c_str())) {}
+  ~DirectoryReader() {
+    if (dir_) ::closedir(dir_);
+  }
+  DirectoryReader(const DirectoryReader&) = delete;
+  DirectoryReader& operator=(const DirectoryReader&) = delete;
+  bool ok() const { return dir_ != nullptr; }
+  int fd() const { return ::dirfd(dir_); }
+  const dirent* next() { return ::readdir(dir_); }
+
+ private:
+  DIR* dir_;
+};
+
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int fd) : fd_(fd) {}
+  ~FileDescriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+// Handles one regular file of a folder being read; true when the library changed.
+bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat& info, int32_t pass) {
+  if (!hasMediaExtension(name)) return false;
+  const DmsObjectId id{static_cast<uint64_t>(info.st_dev) + 1, static_cast<uint64_t>(info.st_ino)};
+  bool changed = false;
+  if (DmsObject* existing = DmsObject_Find(id)) {
+    // A hard link stays where it was first seen.
+    if (existing->parent != folder || existing->kind != DmsKind_Item) return false;
+    if (existing->modificationTime == static_cast<int64_t>(info.st_mtime) && existing->title == name) {
+      existing->pass = pass;
+      return false;
+    }
+    DmsObject_Free(id);
+    changed = true;
+  }
+
+  FileDescriptor file(::openat(dirFd, name, O_RDONLY | O_CLOEXEC));
+  if (file.get() < 0) return changed;
+  MediaStreamPtr stream = MediaStream_new(file.get(), 0, static_cast<int64_t>(info.st_size), true);
+  if (!stream || stream->mediaType == MediaType_None || stream->streamCount() == 0) return changed;
+  const char* itemClass = itemClassFor(stream->mediaType);
+  if (!itemClass) return changed;
+  if (stream->date == 0) stream->date = static_cast<int32_t>(info.st_mtime);
+
+  DmsObject* item = DmsObject_New(id, name, itemClass, DmsKind_Item, folder, sortedInsertionPoint(folder, name));
+  if (!item) return changed;
+  item->mimeType = stream->mimeType;
+  item->modificationTime = static_cast<int64_t>(info.st_mtime);
+  item->pass = pass;
+  DmsLibrary_Categorise(item, *stream);
+  return true;
+}
+
+void scanDirectory(DmsObject* folder, const char* name, const struct stat& info, int32_t pass) {
+  const DmsObjectId id{static_cast<uint64_t>(info.st_dev) + 1, static_cast<uint64_t>(info.st_ino)};
+  if (DmsObject_Find(id)) return;
+  DmsObject* child = DmsObject_New(id, name, mediaClass(DmsClass_StorageFolder), DmsKind_Container, folder,
+                                   sortedInsertionPoint(folder, name));
+  if (child) child->pass = pass;
+}
+
+enum class FolderRead { Unreadable, Unchanged, Changed };
+
+// Reads the folder's directory once for this pass.
+FolderRead readFolder(DmsObject* folder, int32_t pass, int64_t* spent) {
+  if (folder->childCount < 0) folder->childCount = 0;
+  const std::string path = DmsObject_GetPath(folder);
+  if (path.empty()) return FolderRead::Unreadable;
+  DirectoryReader directory(path);
+  if (!directory.ok()) return FolderRead::Unreadable;
+  folder->pass = pass;
+  const int64_t started = nowMicros();
+  bool changed = false;
+  while (const dirent* entry = directory.next()) {
+    if (entry->d_name[0] == '.') continue;  // dot-files are never published
+    struct stat info {};
+    if (::fstatat(directory.fd(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    if (S_ISREG(info.st_mode)) {
+      changed |= scanFile(folder, directory.fd(), entry->d_name, info, pass);
+    } else if (S_ISDIR(info.st_mode)) {
+      scanDirectory(folder, entry->d_name, info, pass);
+    }
+  }
+  *spent += nowMicros() - started;
+  return changed ? FolderRead::Changed : FolderRead::Unchanged;
+}
+
+uint64_t viewBitFor(const char* viewClass) {
+  if (viewClass == mediaClass(DmsClass_Container)) return kViewAll;
+  if (viewClass == mediaClass(DmsClass_Person) || viewClass == mediaClass(DmsClass_MusicArtist)) return kViewArtists;
+  if (viewClass == mediaClass(DmsClass_Album) || viewClass == mediaClass(DmsClass_MusicAlbum)) return kViewAlbums;
+  if (viewClass == mediaClass(DmsClass_PhotoAlbum)) return kViewMoments;
+  if (viewClass == mediaClass(DmsClass_Genre) || viewClass == mediaClass(DmsClass_MusicGenre) ||
+      viewClass == mediaClass(DmsClass_MovieGenre)) {
+    return kViewGenres;
+  }
+  return 0;
+}
+
+std::string groupKey(uint64_t viewBit, const MediaStream& metadata) {
+  const std::optional<std::string>* text = nullptr;
+  switch (viewBit) {
+    case kViewArtists: text = &metadata.artist; break;
+    case kViewAlbums: text = &metadata.album; break;
+    case kViewGenres: text = &metadata.genre; break;
+    case kViewMoments: {
+      if (metadata.date == 0) return kUnknownGroup;
+      const time_t date = metadata.date;
+      struct tm day {};
+      char text[32];
+      if (!gmtime_r(&date, &day) || std::strftime(text, sizeof text, "%Y-%m-%d", &day) == 0) return kUnknownGroup;
+      return text;
+    }
+    default: return kUnknownGroup;
+  }
+  return *text ? **text : std::string(kUnknownGroup);
+}
+
+// The group titled `key` in `view`, created at its sorted place when missing:
+// days newest first, every other view in ascending order.
+DmsObject* findOrCreateGroup(DmsObject* view, const std::string& key, bool newestFirst) {
+  DmsObject* after = nullptr;
+  for (DmsObject* group = view->firstChild; group; group = group->nextSibling) {
+    int order = strcasecmp(group->title.c_str(), key.c_str());
+    if (order == 0) return group;
+    if (newestFirst ? order < 0 : order > 0) break;
+    after = group;
+  }
+  return DmsObject_New({0, ++lastGroupId}, key.c_str(), view->upnpClass, DmsKind_Container, view, after);
+}
+
+void addReference(DmsObject* container, DmsObject* item, uint64_t viewBit) {
+  DmsObject* after = nullptr;
+  for (DmsObject* child = container->firstChild; child; child = child->nextSibling) {
+    const DmsObject* target = child->item ? child->item : child;
+    if (strcasecmp(target->title.c_str(), item->title.c_str()) >= 0) break;
+    after = child;
+  }
+  const DmsObjectId id{item->id.high | (viewBit << 32), item->id.low};
+  DmsObject* reference = DmsObject_New(id, nullptr, item->upnpClass, DmsKind_Reference, container, after);
+  if (!reference) return;
+  reference->item = item;
+  reference->nextReference = item->references;
+  item->references = reference;
+}
+
+}  // namespace
+
+int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent) {
+  if (*spent > DmsLibrary_StepBudget) return 0;
+  if (!isFolder(folder)) return 1;
+
+  bool changed = false;
+  if (folder->childCount < 0 || folder->pass < pass) {
+    // An unreadable folder is left as it is until a later pass can read it.
+    const FolderRead read = readFolder(folder, pass, spent);
+    if (read == FolderRead::Unreadable) return 1;
+    changed = read == FolderRead::Changed;
+  }
+
+  int result = 1;
+  for (DmsObject* child = folder->firstChild; child;) {
+    DmsObject* next = child->nextSibling;
+    const bool childIsFolder = isFolder(child);
+    if (childIsFolder && DmsLibrary_Scan(child, pass, spent) != 1) {
+      result = 0;
+      break;
+    }
+    const bool unseen = child->pass != pass;
+    if (unseen || (childIsFolder && child->childCount == 0)) {
+      const int64_t started = nowMicros();
+      DmsObject_Free(child->id);
+      changed |= unseen;
+      *spent += nowMicros() - started;
+      if (*spent > DmsLibrary_StepBudget) {
+        result = 0;
+        break;
+      }
+    }
+    child = next;
+  }
+  if (changed) DmsContent_RaiseSystemUpdateId();
+  return result;
+}
+
+void DmsLibrary_Categorise(DmsObject* item, const MediaStream& metadata) {
+  if (!item || item->kind != DmsKind_Item) return;
+  DmsObjectId topId;
+  if (item->upnpClass == mediaClass(DmsClass_AudioItem)) topId = DmsId_Music;
+  else if (item->upnpClass == mediaClass(DmsClass_VideoItem)) topId = DmsId_Videos;
+  else if (item->upnpClass == mediaClass(DmsClass_ImageItem)) topId = DmsId_Pictures;
+  else return;
+  DmsObject* top = DmsObject_Find(topId);
+  if (!top) return;
+
+  for (DmsObject* view = top->firstChild; view; view = view->nextSibling) {
+    const uint64_t bit = viewBitFor(view->upnpClass);
+    if (bit == 0) continue;
+    if (bit == kViewAll) {
+      addReference(view, item, bit);
+      continue;
+    }
+    DmsObject* group = findOrCreateGroup(view, groupKey(bit, metadata), bit == kViewMoments);
+    if (group) addReference(group, item, bit);
+  }
+}

@@ -1,0 +1,28 @@
+// The incremental library scan: mirrors the media directory under the
+// media-directory container and files every new item into the Music, Videos
+// and Pictures views. Runs under the content mutex, one bounded step at a time.
+#pragma once
+
+#include <cstdint>
+
+#include "dms/DmsObject.h"
+
+struct MediaStream;
+
+// Microseconds a step may spend reading directories and removing entries.
+inline constexpr int64_t DmsLibrary_StepBudget = 100000;
+
+// Brings `folder` and everything below it up to date for `pass`. Returns 1
+// when done, 0 when the step ran out of time (call again with the same pass).
+// `spent` accumulates the microseconds used in this step.
+int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent);
+
+// Creates the references of a new item in the views of its media kind.
+void DmsLibrary_Categorise(DmsObject* item, const MediaStream& metadata);
+
+// Ids of the fixed containers.
+inline constexpr DmsObjectId DmsId_Root{0, 0};
+inline constexpr DmsObjectId DmsId_MediaDirectory{0, 1};
+inline constexpr DmsObjectId DmsId_Pictures{0, 2};
+inline constexpr DmsObjectId DmsId_Videos{0, 3};
+inline constexpr DmsObjectId DmsId_Music{0, 4};

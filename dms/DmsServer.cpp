@@ -1,0 +1,228 @@
+// The media server's process-wide state: descriptive fields and identity
+// chosen at start-up, the fixed container tree, and the refresh thread that
+// runs the incremental scan whenever the content mutex is free.
+#include "dms/DmsServer.h"
+
+#include <sys/utsname.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <ctime>
+#include <string_view>
+#include <system_error>
+#include <thread>
+
+#include "dms/DmsDevice.h"
+#include "dms/DmsLibrary.h"
+#include "dms/DmsObject.h"
+#include "http/NetworkInterface.h"
+#include "upnp/UUID.h"
+
+namespace {
+
+constexpr size_t kTextLimit = 127;
+constexpr size_t kModelNumberLimit = 31;
+constexpr uint16_t kMinimumRefreshInterval = 30;
+constexpr uint32_t kRefreshWaitStep = 5;  // seconds per wait while idle
+constexpr auto kIdleSleep = std::chrono::seconds(kRefreshWaitStep);
+constexpr auto kBusySleep = std::chrono::milliseconds(20);
+constexpr char kUnknown[] = "unknown";
+
+struct FixedContainer {
+  DmsObjectId id;
+  DmsObjectId parent;
+  const char* title;  // null: the configured media directory
+  DmsMediaClass mediaClass;
+};
+
+// Created in this order, each at the head of its parent's children, so that
+// every container lists its views in ascending id order.
+constexpr std::array<FixedContainer, 14> kFixedContainers = {{
+    {DmsId_MediaDirectory, DmsId_Root, nullptr, DmsClass_StorageVolume},
+    {DmsId_Pictures, DmsId_Root, "Pictures", DmsClass_Container},
+    {DmsId_Videos, DmsId_Root, "Videos", DmsClass_Container},
+    {DmsId_Music, DmsId_Root, "Music", DmsClass_Container},
+    {{0, 13}, DmsId_Music, "Genres", DmsClass_MusicGenre},
+    {{0, 12}, DmsId_Music, "Albums", DmsClass_MusicAlbum},
+    {{0, 11}, DmsId_Music, "Artists", DmsClass_MusicArtist},
+    {{0, 10}, DmsId_Music, "All Music", DmsClass_Container},
+    {{0, 23}, DmsId_Videos, "Genres", DmsClass_MovieGenre},
+    {{0, 22}, DmsId_Videos, "Albums", DmsClass_Album},
+    {{0, 21}, DmsId_Videos, "Artists", DmsClass_Person},
+    {{0, 20}, DmsId_Videos, "All Videos", DmsClass_Container},
+    {{0, 31}, DmsId_Pictures, "Moments", DmsClass_PhotoAlbum},
+    {{0, 30}, DmsId_Pictures, "All Pictures", DmsClass_Container},
+}};
+
+struct ServerState {
+  std::mutex contentMutex;
+  std::atomic<bool> open{false};
+  DmsServerInfo info;
+  std::thread refreshThread;
+  std::mutex sleepMutex;  // only for waking the refresh thread on close
+  std::condition_variable wake;
+};
+
+ServerState& state() {
+  static ServerState instance;
+  return instance;
+}
+
+std::string limited(const char* text, size_t limit) {
+  return std::string(std::string_view(text ? text : kUnknown).substr(0, limit));
+}
+
+// The node name up to ".local", with dashes read as spaces.
+std::string hostFriendlyName() {
+  utsname host{};
+  if (::uname(&host) != 0) return {};
+  std::string name = host.nodename;
+  if (size_t local = name.find(".local"); local != std::string::npos) name.resize(local);
+  for (char& c : name) {
+    if (c == '-') c = ' ';
+  }
+  return name;
+}
+
+std::string hostOsText() {
+  utsname host{};
+  if (::uname(&host) != 0) return {};
+  return std::string(host.sysname) + "/" + host.release;
+}
+
+// Stable across restarts: "DMS", a version-1 layout and the first
+// interface's MAC address. Without any interface the UUID is random.
+std::string makeUdn() {
+  UUID uuid{};
+  if (NetworkInterfacePtr interfaces{NetworkInterface_new()}) {
+    const uint8_t prefix[10] = {'D', 'M', 'S', 0, 0, 0, 0x10, 0, 0x80, 0};
+    std::memcpy(uuid, prefix, sizeof prefix);
+    std::memcpy(uuid + sizeof prefix, interfaces->mac, sizeof interfaces->mac);
+  } else {
+    UUID_Generate(uuid);
+  }
+  char text[UUID_TextSize];
+  UUID_Unparse(uuid, text);
+  return text;
+}
+
+// Called with the content mutex held.
+void freeTree() { DmsObject_Free(DmsId_Root); }
+
+bool buildTree(const char* path) {
+  if (!DmsObject_New(DmsId_Root, state().info.friendlyName.c_str(), dlnaMediaClasses[DmsClass_Container],
+                     DmsKind_Container, nullptr, nullptr)) {
+    return false;
+  }
+  for (const FixedContainer& fixed : kFixedContainers) {
+    const char* title = fixed.title ? fixed.title : (path ? path : "/");
+    if (!DmsObject_New(fixed.id, title, dlnaMediaClasses[fixed.mediaClass], DmsKind_Container,
+                       DmsObject_Find(fixed.parent), nullptr)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Sleeps for `duration`, or less when the server closes meanwhile.
+template <typename Duration>
+void refreshSleep(Duration duration) {
+  ServerState& s = state();
+  std::unique_lock lock(s.sleepMutex);
+  s.wake.wait_for(lock, duration, [&] { return !s.open.load(); });
+}
+
+// One scan step whenever the content mutex is free: 20 ms apart while a pass
+// is unfinished, then the refresh interval in 5-second waits before the next.
+void refreshLoop() {
+  ServerState& s = state();
+  int32_t pass = 0;
+  uint32_t waited = 0;
+  int lastResult = 0;
+  while (s.open) {
+    if (lastResult == 1 && waited <= s.info.refreshInterval) {
+      waited += kRefreshWaitStep;
+    } else {
+      if (lastResult != 0) ++pass;
+      waited = 0;
+      std::unique_lock lock(s.contentMutex, std::try_to_lock);
+      if (lock.owns_lock()) {
+        int64_t spent = 0;
+        DmsObject* folder = DmsObject_Find(DmsId_MediaDirectory);
+        lastResult = folder ? DmsLibrary_Scan(folder, pass, &spent) : 1;
+      }
+    }
+    if (lastResult != 0) refreshSleep(kIdleSleep);
+    else refreshSleep(kBusySleep);
+  }
+  std::lock_guard lock(s.contentMutex);
+  freeTree();
+}
+
+}  // namespace
+
+int DMS_Open(const char* friendlyName, const char* manufacturer, const char* modelName, const char* modelNumber,
+             const char* modelDescription, const char* path, uint16_t refreshInterval, uint16_t httpPort,
+             uint32_t flags) {
+  ServerState& s = state();
+  if (s.open || flags == 0) return 1;
+
+  DmsServerInfo& info = s.info;
+  info.friendlyName = friendlyName ? limited(friendlyName, kTextLimit) : limited(hostFriendlyName().c_str(), kTextLimit);
+  info.manufacturer = limited(manufacturer, kTextLimit);
+  info.modelName = limited(modelName, kTextLimit);
+  info.modelNumber = limited(modelNumber, kModelNumberLimit);
+  info.modelDescription = limited(modelDescription, kTextLimit);
+  if (info.osText.empty()) info.osText = hostOsText().substr(0, kTextLimit);
+  info.udn = makeUdn();
+  info.startTime = static_cast<int64_t>(::time(nullptr));
+
+  {
+    std::lock_guard lock(s.contentMutex);
+    freeTree();
+    if (!buildTree(path)) {
+      freeTree();
+      return 0;
+    }
+  }
+  DmsDevice_Fill(info);
+  s.open = true;
+  info.refreshInterval = refreshInterval < kMinimumRefreshInterval ? kMinimumRefreshInterval : refreshInterval;
+
+  try {
+    s.refreshThread = std::thread(refreshLoop);
+  } catch (const std::system_error&) {
+    std::lock_guard lock(s.contentMutex);
+    freeTree();
+    s.open = false;
+    return 0;
+  }
+  // Bit 0 of the flags switches the SSDP announcements on; this server runs
+  // no mDNS services.
+  dmsDevice.ssdpTargetCount = (flags & 1) ? kDmsSsdpTargetCount : 0;
+  dmsDevice.mdnsServiceCount = 0;
+  if (!UPnPDevice_Open(&dmsDevice, httpPort)) {
+    DMS_Close();
+    return 0;
+  }
+  return 1;
+}
+
+void DMS_Close() {
+  ServerState& s = state();
+  if (!s.open) return;
+  {
+    std::lock_guard lock(s.sleepMutex);
+    s.open = false;
+  }
+  s.wake.notify_all();
+  UPnPDevice_Close(&dmsDevice);
+  if (s.refreshThread.joinable()) s.refreshThread.join();
+}
+
+std::mutex& DmsServer_ContentMutex() { return state().contentMutex; }
+
+const DmsServerInfo& DmsServer_Info() { return state().info; }

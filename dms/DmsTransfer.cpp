@@ -1,0 +1,110 @@
+// The media and thumbnail download handler. It checks the DLNA request
+// headers, finds the item under the content mutex and names the file (or the
+// embedded picture's region of it) that the HTTP server then sends.
+#include "dms/DmsTransfer.h"
+
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <string_view>
+
+#include "dms/DmsObject.h"
+#include "dms/DmsServer.h"
+#include "http/HTTPRequest.h"
+#include "media/MediaStream.h"
+
+namespace {
+
+constexpr std::string_view kMediaPrefix = "/mediaitem/";
+constexpr std::string_view kThumbnailPrefix = "/thumbnail/";
+
+constexpr char kStreamingHeaders[] =
+    "transferMode.dlna.org: Streaming\r\ncontentFeatures.dlna.org: DLNA.ORG_OP=01\r\n";
+constexpr char kInteractiveHeaders[] =
+    "transferMode.dlna.org: Interactive\r\ncontentFeatures.dlna.org: DLNA.ORG_OP=01\r\n";
+constexpr char kThumbnailHeaders[] =
+    "transferMode.dlna.org: Interactive\r\n"
+    "contentFeatures.dlna.org: DLNA.ORG_PN=JPEG_TN;DLNA.ORG_OP=01;DLNA.ORG_CI=1\r\n";
+
+// An absent transfer mode is accepted in every case; Background always is.
+bool transferModeAccepted(const char* mode, const char* wanted) {
+  return mode[0] == '\0' || strcasecmp(mode, wanted) == 0 || strcasecmp(mode, "Background") == 0;
+}
+
+bool isPublishedItem(const DmsObject* object) {
+  if (!object || object->kind != DmsKind_Item) return false;
+  return object->upnpClass == dlnaMediaClasses[DmsClass_AudioItem] ||
+         object->upnpClass == dlnaMediaClasses[DmsClass_VideoItem] ||
+         object->upnpClass == dlnaMediaClasses[DmsClass_ImageItem];
+}
+
+void answerMedia(HTTPResponse* response, const DmsObject* item, const char* mode) {
+  const bool image = item->upnpClass == dlnaMediaClasses[DmsClass_ImageItem];
+  if (!transferModeAccepted(mode, image ? "Interactive" : "Streaming")) {
+    response->status = "406 Not Acceptable";
+    return;
+  }
+  const std::string path = DmsObject_GetPath(item);
+  if (!path.empty()) response->filePath = path;
+  response->contentType = item->mimeType;
+  response->extraHeaders = image ? kInteractiveHeaders : kStreamingHeaders;
+}
+
+void answerThumbnail(HTTPResponse* response, const DmsObject* item, const char* mode) {
+  if (!transferModeAccepted(mode, "Interactive")) {
+    response->status = "406 Not Acceptable";
+    return;
+  }
+  const std::string path = DmsObject_GetPath(item);
+  struct stat info {};
+  if (path.empty() || ::lstat(path.c_str(), &info) != 0) return;
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return;
+  MediaStreamPtr stream = MediaStream_new(fd, 0, static_cast<int64_t>(info.st_size), true);
+  ::close(fd);
+  if (!stream || stream->coverLength <= 0) return;
+  response->filePath = path;
+  response->fileOffset = stream->coverOffset;
+  response->fileLength = stream->coverLength;
+  response->contentType = stream->coverMimeType;
+  response->extraHeaders = kThumbnailHeaders;
+}
+
+}  // namespace
+
+bool DmsTransfer_HandleRequest(HTTPRequest* request, HTTPResponse* response, const char* path, const char*, size_t,
+                               UPnPDevice*) {
+  const std::string_view target(path ? path : "");
+  const bool media = target.starts_with(kMediaPrefix);
+  if (!media && !target.starts_with(kThumbnailPrefix)) return false;
+  const char* idText = path + kMediaPrefix.size();  // both prefixes have the same length
+
+  response->version = "HTTP/1.1";
+  const char* host = HTTPRequest_GetHeader(request, "Host");
+  const char* mode = HTTPRequest_GetHeader(request, "transferMode.dlna.org");
+  const char* timeSeek = HTTPRequest_GetHeader(request, "timeSeekRange.dlna.org");
+  const char* features = HTTPRequest_GetHeader(request, "getContentFeatures.dlna.org");
+  if (host[0] == '\0' || (features[0] != '\0' && std::strcmp(features, "1") != 0)) {
+    response->status = "400 Bad Request";
+    return true;
+  }
+  if (timeSeek[0] != '\0') {
+    response->status = "406 Not Acceptable";
+    return true;
+  }
+
+  DmsObjectId id;
+  std::sscanf(idText, "%" SCNu64 ".%" SCNu64, &id.high, &id.low);
+  std::lock_guard lock(DmsServer_ContentMutex());
+  const DmsObject* item = DmsObject_Find(id);
+  if (!isPublishedItem(item)) return true;
+  if (media) answerMedia(response, item, mode);
+  else answerThumbnail(response, item, mode);
+  return true;
+}

@@ -1,0 +1,33 @@
+// GIF pictures: the logical screen size and colour depth from the fixed
+// header. Frames, extensions and comments are not read.
+#include <cstdio>
+#include <string_view>
+
+#include "media/MediaParsers.h"
+
+namespace {
+
+constexpr size_t kHeaderSize = 13;  // signature, version, screen descriptor
+constexpr uint8_t kColourBitsMask = 0x07;
+
+}  // namespace
+
+bool MediaParse_Gif(int fd, int64_t offset, int64_t length, MediaStream& stream, bool) {
+  stream.duration = 0;
+  stream.timescale = 1000;
+  if (length < static_cast<int64_t>(kHeaderSize)) return false;
+  uint8_t header[kHeaderSize];
+  if (MediaSeek(fd, offset, SEEK_SET) != offset || !MediaRead_Bytes(fd, header, sizeof header)) return false;
+  const std::string_view signature(reinterpret_cast<const char*>(header), 6);
+  if (signature != "GIF87a" && signature != "GIF89a") return false;
+
+  const uint16_t width = static_cast<uint16_t>(header[6] | header[7] << 8);
+  const uint16_t height = static_cast<uint16_t>(header[8] | header[9] << 8);
+  const uint8_t packed = header[10];
+  if (width != 0 && height != 0) {
+    MediaStream_AddPicture(stream, width, height, static_cast<uint8_t>((packed & kColourBitsMask) + 1));
+  }
+  stream.mediaType = MediaType_Image;
+  stream.mimeType = "image/gif";
+  return true;
+}

@@ -1,0 +1,274 @@
+// SSDP engine: a UDP socket joined to 239.255.255.250:1900 on one interface
+// and a thread that sends alive sweeps every quarter of max-age, answers
+// searches after a fixed 10 ms pause and sends goodbye sweeps at both ends of
+// its life. Every datagram comes from the one message template below.
+#include "ssdp/SSDP.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <climits>
+#include <cstdio>
+#include <ctime>
+#include <new>
+#include <thread>
+
+namespace {
+
+constexpr const char* kGroupAddress = "239.255.255.250";
+constexpr uint16_t kSsdpPort = 1900;
+constexpr int kMinMaxAge = 120;
+constexpr int kMaxTypes = 19;
+constexpr size_t kDatagramSize = 512;
+constexpr size_t kAddressSize = 16;
+constexpr uint16_t kLowestSearchPort = 1025;
+constexpr useconds_t kRepeatPauseUs = 100000;
+constexpr useconds_t kAnswerPauseUs = 10000;
+constexpr const char* kUuidType = "uuid:";
+
+bool EqualsNoCase(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+         });
+}
+
+bool StartsNoCase(std::string_view text, std::string_view prefix) {
+  return text.size() >= prefix.size() && EqualsNoCase(text.substr(0, prefix.size()), prefix);
+}
+
+size_t FindNoCase(std::string_view text, std::string_view needle) {
+  if (needle.size() > text.size()) return std::string_view::npos;
+  for (size_t i = 0; i + needle.size() <= text.size(); ++i) {
+    if (EqualsNoCase(text.substr(i, needle.size()), needle)) return i;
+  }
+  return std::string_view::npos;
+}
+
+// A decimal number as atoi reads it (leading blanks, optional sign, digits),
+// saturated instead of overflowing.
+long long ReadVersion(std::string_view text) {
+  size_t i = 0;
+  while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i]))) ++i;
+  bool negative = false;
+  if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
+  long long value = 0;
+  for (; i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])); ++i) {
+    value = std::min<long long>(value * 10 + (text[i] - '0'), INT_MAX);
+  }
+  return negative ? -value : value;
+}
+
+std::optional<SSDPSearch> MatchUrn(std::string_view target, const std::vector<std::string>& types) {
+  for (const std::string& type : types) {
+    size_t colon = type.rfind(':');
+    if (colon == std::string::npos) return std::nullopt;
+    std::string_view prefix(type.data(), colon + 1);
+    if (!StartsNoCase(target, prefix)) continue;
+    long long requested = ReadVersion(target.substr(prefix.size()));
+    long long offered = ReadVersion(std::string_view(type).substr(prefix.size()));
+    if (requested < 1 || requested > offered) return std::nullopt;
+    return SSDPSearch{false, std::string(target)};
+  }
+  return std::nullopt;
+}
+
+sockaddr_in GroupAddress() {
+  sockaddr_in group{};
+  group.sin_family = AF_INET;
+  group.sin_port = htons(kSsdpPort);
+  inet_pton(AF_INET, kGroupAddress, &group.sin_addr);
+  return group;
+}
+
+}  // namespace
+
+struct SSDP {
+  int socket = -1;
+  std::thread thread;
+  std::atomic<bool> running{false};
+  std::vector<std::string> types;
+  SSDPMessageFields fields;
+
+  ~SSDP() {
+    if (socket >= 0) close(socket);
+  }
+
+  void SendTo(const std::string& message, const sockaddr_in& to) const {
+    sendto(socket, message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+  }
+
+  void Sweep(const char* nts) const {
+    sockaddr_in group = GroupAddress();
+    for (const std::string& type : types) SendTo(SSDP_MakeMessage(fields, type, nts), group);
+  }
+
+  void Answer(const SSDPSearch& search, const sockaddr_in& to) const {
+    if (!search.all) {
+      SendTo(SSDP_MakeMessage(fields, search.target, nullptr), to);
+      return;
+    }
+    for (const std::string& type : types) SendTo(SSDP_MakeMessage(fields, type, nullptr), to);
+  }
+
+  void ReceiveOne() const {
+    char buffer[kDatagramSize] = {};
+    sockaddr_in from{};
+    socklen_t fromLength = sizeof from;
+    ssize_t received =
+        recvfrom(socket, buffer, kDatagramSize - 1, 0, reinterpret_cast<sockaddr*>(&from), &fromLength);
+    if (received <= 0 || fromLength < sizeof from) return;
+    // Our own packets (and other SSDP daemons) come from port 1900; privileged
+    // ports are never a control point.
+    uint16_t sourcePort = ntohs(from.sin_port);
+    if (sourcePort < kLowestSearchPort || sourcePort == kSsdpPort) return;
+    usleep(kAnswerPauseUs);
+    std::optional<SSDPSearch> search = SSDP_ParseSearch(std::string_view(buffer), types, fields.udn);
+    if (search) Answer(*search, from);
+  }
+
+  void Run() {
+    Sweep("ssdp:byebye");
+    const time_t interval = fields.maxAge / 4;
+    time_t lastAnnouncement = 0;
+    while (running) {
+      time_t now = time(nullptr);
+      time_t waitSeconds = std::max<time_t>(interval - (now - lastAnnouncement), 1);
+      pollfd input{socket, POLLIN, 0};
+      if (poll(&input, 1, static_cast<int>(std::min<time_t>(waitSeconds, INT_MAX / 1000) * 1000)) < 0) continue;
+      now = time(nullptr);
+      if (now - lastAnnouncement >= interval) {
+        Sweep("ssdp:alive");
+        usleep(kRepeatPauseUs);
+        Sweep("ssdp:alive");
+        lastAnnouncement = now;
+      }
+      ReceiveOne();
+    }
+    Sweep("ssdp:byebye");
+    usleep(kRepeatPauseUs);
+    Sweep("ssdp:byebye");
+  }
+
+  bool OpenSocket() {
+    socket = ::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+    if (socket < 0) return false;
+    int flags = fcntl(socket, F_GETFL, 0);
+    if (flags < 0 || fcntl(socket, F_SETFL, flags | O_NONBLOCK) < 0) return false;
+    in_addr interfaceAddress{};
+    if (inet_pton(AF_INET, fields.address.c_str(), &interfaceAddress) != 1) return false;
+    int reuse = 1;
+    ip_mreq membership{};
+    inet_pton(AF_INET, kGroupAddress, &membership.imr_multiaddr);
+    membership.imr_interface = interfaceAddress;
+    // Every hop may forward the announcements; loopback lets other engines
+    // and local control points on this host see them.
+    unsigned char ttl = 255;
+    unsigned char loop = 1;
+    if (setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse) < 0 ||
+        setsockopt(socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) < 0 ||
+        setsockopt(socket, IPPROTO_IP, IP_MULTICAST_IF, &interfaceAddress, sizeof interfaceAddress) < 0 ||
+        setsockopt(socket, IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof ttl) < 0 ||
+        setsockopt(socket, IPPROTO_IP, IP_MULTICAST_LOOP, &loop, sizeof loop) < 0) {
+      return false;
+    }
+    sockaddr_in any{};
+    any.sin_family = AF_INET;
+    any.sin_port = htons(kSsdpPort);
+    any.sin_addr.s_addr = htonl(INADDR_ANY);
+    return bind(socket, reinterpret_cast<const sockaddr*>(&any), sizeof any) == 0;
+  }
+};
+
+std::optional<SSDPSearch> SSDP_ParseSearch(std::string_view datagram, const std::vector<std::string>& types,
+                                           std::string_view udn) {
+  datagram = datagram.substr(0, datagram.find('\0'));
+  if (!StartsNoCase(datagram, "M-SEARCH")) return std::nullopt;
+  size_t header = FindNoCase(datagram, "\r\nST:");
+  if (header == std::string_view::npos) return std::nullopt;
+  std::string_view rest = datagram.substr(header + 5);
+  size_t end = rest.find("\r\n");
+  if (end == std::string_view::npos) return std::nullopt;
+  std::string_view target = rest.substr(0, end);
+  while (!target.empty() && target.front() == ' ') target.remove_prefix(1);
+  while (!target.empty() && target.back() == ' ') target.remove_suffix(1);
+
+  if (EqualsNoCase(target, "ssdp:all")) return SSDPSearch{true, {}};
+  if (EqualsNoCase(target, "upnp:rootdevice")) return SSDPSearch{false, "upnp:rootdevice"};
+  if (StartsNoCase(target, kUuidType)) {
+    if (!EqualsNoCase(target.substr(5), udn)) return std::nullopt;
+    return SSDPSearch{false, kUuidType};
+  }
+  if (StartsNoCase(target, "urn:")) return MatchUrn(target, types);
+  return std::nullopt;
+}
+
+std::string SSDP_MakeMessage(const SSDPMessageFields& fields, const std::string& type, const char* nts) {
+  char host[64] = "";
+  char ntsLine[64] = "EXT:\r\n";
+  if (nts) {
+    std::snprintf(host, sizeof host, "Host: %s:%d\r\n", kGroupAddress, kSsdpPort);
+    std::snprintf(ntsLine, sizeof ntsLine, "NTS: %s\r\n", nts);
+  }
+  const bool isUuid = type == kUuidType;
+  char message[kDatagramSize];
+  int length = std::snprintf(
+      message, sizeof message,
+      "%s%sCache-Control: max-age=%d\r\nLocation: http://%s:%d%s\r\n%s: %s%s\r\n%sServer: %s UPnP/1.0 %s\r\n"
+      "USN: uuid:%s%s%s\r\n%s\r\n",
+      nts ? "NOTIFY * HTTP/1.1\r\n" : "HTTP/1.1 200 OK\r\n", host, fields.maxAge, fields.address.c_str(),
+      fields.port, fields.descriptionPath.c_str(), nts ? "NT" : "ST", type.c_str(),
+      isUuid ? fields.udn.c_str() : "", ntsLine, fields.osToken.c_str(), fields.product.c_str(),
+      fields.udn.c_str(), isUuid ? "" : "::", isUuid ? "" : type.c_str(), fields.extra.c_str());
+  if (length < 0) return {};
+  return std::string(message, std::min<size_t>(static_cast<size_t>(length), sizeof message - 1));
+}
+
+SSDP* SSDP_new(const char* const* types, int count, const char* udn, const char* address, uint16_t port,
+               const char* descriptionPath, int maxAge, const char* osToken, const char* product,
+               const char* extra) {
+  if (!types || count < 1 || count > kMaxTypes || !udn || !address || !descriptionPath || !osToken || !product) {
+    return nullptr;
+  }
+  SSDP* engine = new (std::nothrow) SSDP;
+  if (!engine) return nullptr;
+  try {
+    for (int i = 0; i < count && types[i]; ++i) engine->types.emplace_back(types[i]);
+    engine->fields.maxAge = std::max(maxAge, kMinMaxAge);
+    engine->fields.address = std::string(address).substr(0, kAddressSize - 1);
+    engine->fields.port = port;
+    engine->fields.descriptionPath = descriptionPath;
+    engine->fields.osToken = osToken;
+    engine->fields.product = product;
+    engine->fields.udn = udn;
+    engine->fields.extra = extra ? extra : "";
+    if (!engine->OpenSocket()) {
+      delete engine;
+      return nullptr;
+    }
+    engine->running = true;
+    engine->thread = std::thread([engine] { engine->Run(); });
+  } catch (const std::exception&) {
+    delete engine;
+    return nullptr;
+  }
+  return engine;
+}
+
+void SSDP_delete(SSDP* engine) {
+  if (!engine) return;
+  engine->running = false;
+  // The wake-up byte loops back to this socket from port 1900, which the
+  // receive path ignores; it only ends the thread's poll early.
+  const char wake = 0;
+  sockaddr_in group = GroupAddress();
+  sendto(engine->socket, &wake, 1, 0, reinterpret_cast<const sockaddr*>(&group), sizeof group);
+  if (engine->thread.joinable()) engine->thread.join();
+  delete engine;
+}

@@ -1,0 +1,255 @@
+"""Browse and media transfer through the running server, on the demo library
+plus a folder large enough to need several DIDL-Lite pages."""
+import json
+import shutil
+import subprocess
+import time
+
+import pytest
+
+from conftest import BUILD, Dms
+from dms_client import browse, browse_raw, by_title, get
+
+MANY = 150  # pictures in one folder: well over one 8 KB page
+
+
+@pytest.fixture(scope="module")
+def library(tmp_path_factory):
+    root = tmp_path_factory.mktemp("browse")
+    media = root / "media"
+    subprocess.run([str(BUILD / "dms-mkdemo"), str(media)], check=True)
+    many = media / "Many"
+    many.mkdir()
+    for index in range(MANY):
+        shutil.copy(media / "Pictures" / "Stripes.gif", many / f"picture number {index:03d} with a long name.gif")
+    server = Dms(root / "server", f'path = "{media}"\ndmsModelName = "Model"\nmodelNumber = "7"\n')
+    port = server.wait_ready()
+    deadline = time.monotonic() + 20
+    while time.monotonic() < deadline:
+        _, objects, *_ = browse(port, "0.1")
+        folder = [o for o in objects if o.get("dc:title") == "Many"]
+        if folder and browse(port, folder[0]["id"])[3] == MANY:
+            break
+        time.sleep(0.2)
+    yield port, media
+    server.stop()
+
+
+def child(port, parent, title):
+    return by_title(browse(port, parent)[1], title)
+
+
+def test_fixed_tree_exact_didl_with_full_and_empty_filters(library):
+    port, media = library
+    didl, objects, returned, total, update, _ = browse(port, "0", filt="")
+    head = ('<DIDL-Lite xmlns:dc="http://purl.org/dc/elements/1.1/" '
+            'xmlns:upnp="urn:schemas-upnp-org:metadata-1-0/upnp/" '
+            'xmlns="urn:schemas-upnp-org:metadata-1-0/DIDL-Lite/">')
+    containers = [("0.4", "Music", "object.container"), ("0.3", "Videos", "object.container"),
+                  ("0.2", "Pictures", "object.container"), ("0.1", "Volume", "object.container.storageVolume")]
+    expected = "".join(f'<container id="{i}" parentID="0"  restricted="0" ><upnp:class>{c}</upnp:class>'
+                       f"<dc:title>{t}</dc:title></container>" for i, t, c in containers)
+    assert didl == head + expected + "</DIDL-Lite>"
+    assert (returned, total) == (4, 4)
+
+    didl, *_ = browse(port, "0.4", filt="*")
+    views = [("0.10", "All Music", "object.container", 5), ("0.11", "Artists", "object.container.person.musicArtist", 2),
+             ("0.12", "Albums", "object.container.album.musicAlbum", 2),
+             ("0.13", "Genres", "object.container.genre.musicGenre", 4)]
+    for view_id, title, view_class, _ in views:
+        assert (f'<container id="{view_id}" parentID="0.4"  restricted="0" childCount="'
+                in didl), didl
+        assert f"<upnp:class>{view_class}</upnp:class><dc:title>{title}</dc:title></container>" in didl
+    music = {o["dc:title"]: o for o in browse(port, "0.4")[1]}
+    assert [music[t]["childCount"] for t, *_ in [(v[1],) for v in views]] == [str(v[3]) for v in views]
+
+
+def test_metadata_versus_children_and_items(library):
+    port, _ = library
+    _, objects, returned, total, update, _ = browse(port, "0", flag="BrowseMetadata")
+    assert (returned, total) == (1, 1)
+    assert objects[0]["id"] == "0" and objects[0]["parentID"] == "-1" and objects[0]["childCount"] == "4"
+
+    song = child(port, "0.10", "Night Drive")
+    assert song["refID"] and song["parentID"] == "0.10"
+    for flag in ("BrowseMetadata", "BrowseDirectChildren"):
+        _, objects, returned, total, *_ = browse(port, song["id"], flag=flag)
+        assert (returned, total) == (1, 1)
+        assert objects[0]["id"] == song["id"]
+
+
+def test_paging_over_several_chunks(library):
+    port, _ = library
+    folder = child(port, "0.1", "Many")["id"]
+    didl, objects, returned, total, _, sizes = browse(port, folder)
+    assert returned == total == MANY
+    assert len(sizes) >= 5  # head, at least two pages, tail, last chunk
+    assert max(sizes) <= 8200
+    assert [o["dc:title"] for o in objects] == sorted(o["dc:title"] for o in objects)
+    assert all(o["res"][0]["resolution"] == "32x24" for o in objects)
+
+    _, window, returned, total, *_ = browse(port, folder, start=100, count=30)
+    assert (returned, total) == (30, MANY)
+    assert [o["id"] for o in window] == [o["id"] for o in objects[100:130]]
+    _, tail, returned, _, *_ = browse(port, folder, start=140, count=0)
+    assert returned == 10 and [o["id"] for o in tail] == [o["id"] for o in objects[140:]]
+
+
+def test_unknown_object_is_an_empty_success(library):
+    port, _ = library
+    didl, objects, returned, total, update, _ = browse(port, "12345.678")
+    assert objects == [] and (returned, total, update) == (0, 0, 0)
+
+
+@pytest.mark.parametrize("arguments", [
+    {"object_id": "1" * 24},
+    {"object_id": "x.1"},
+    {"flag": "BrowseEverything"},
+    {"start": "1234567890"},
+    {"count": "ten"},
+    {"extra": [("ObjectID", "0"), ("BrowseFlag", "BrowseMetadata"), ("Filter", "*"),
+               ("StartingIndex", "0"), ("RequestedCount", "0")]},
+])
+def test_bad_arguments_give_fault_720(library, arguments):
+    port, _ = library
+    status, headers, body, _ = browse_raw(port, arguments.pop("object_id", "0"), **arguments)
+    assert status == "HTTP/1.1 500 Internal Server Error"
+    assert b"<errorCode>720</errorCode>" in body and b"Cannot Process the Request" in body
+
+
+def test_head_gets_only_the_header(library):
+    port, _ = library
+    status, headers, rest, _ = browse_raw(port, "0", method="HEAD")
+    assert status == "HTTP/1.1 200 OK"
+    assert headers["transfer-encoding"] == "chunked" and "ext" in headers
+    assert headers["server"].endswith("UPnP/1.0 Model/7")
+    assert rest == b""
+
+
+def test_categorised_views(library):
+    port, _ = library
+    artists = browse(port, "0.11")[1]
+    assert [a["dc:title"] for a in artists] == ["Demo Artist", "Unknown"]
+    songs = browse(port, by_title(artists, "Demo Artist")["id"])[1]
+    assert {s["dc:title"] for s in songs} == {"Demo Song", "Tone"}
+    assert all(s["id"].split(".")[0] != s["refID"].split(".")[0] for s in songs)  # view bit in the id
+    moments = [m["dc:title"] for m in browse(port, "0.31")[1]]
+    assert moments == sorted(moments, reverse=True)  # newest day first
+    assert {"2021-08-14", "2009-06-15"} <= set(moments)
+    videos = [v["dc:title"] for v in browse(port, "0.20")[1]]
+    assert sorted(videos) == ["Clip", "Demo Clip", "Demo Clip", "Demo Movie"]
+
+
+def media_item(port, title, view="0.10"):
+    """The item behind a reference, with its DIDL fields."""
+    return browse(port, child(port, view, title)["refID"], flag="BrowseMetadata")[1][0]
+
+
+def test_item_rendering_and_thumbnail_of_an_mp3(library):
+    port, media = library
+    mp3 = [o for o in browse(port, "0.10")[1] if o["res"][0]["protocolInfo"].startswith("http-get:*:audio/mpeg")][0]
+    item = browse(port, mp3["refID"], flag="BrowseMetadata")[1][0]
+    assert item["upnp:artist"] == "Demo Artist" and item["upnp:album"] == "Demo Album"
+    assert item["upnp:genre"] == "Rock"
+    media_res, thumb_res = item["res"]
+    assert media_res["duration"].startswith("0:00:00.")
+    assert media_res["url"] == f"http://127.0.0.1:{port}/mediaitem/{item['id']}"
+    assert thumb_res["url"] == item["upnp:albumArtURI"] == f"http://127.0.0.1:{port}/thumbnail/{item['id']}"
+
+    probe = json.loads(subprocess.run([str(BUILD / "dms-probe"),
+                                       str(media / "Music/Demo Artist/Demo Album/01 Demo Song.mp3")],
+                                      check=True, capture_output=True, text=True).stdout)
+    picture = (media / "Music/Demo Artist/Demo Album/01 Demo Song.mp3").read_bytes()[
+        probe["coverOffset"]:probe["coverOffset"] + probe["coverLength"]]
+    status, headers, body, _ = get(port, f"/thumbnail/{item['id']}")
+    assert status == "HTTP/1.1 200 OK" and body == picture
+    assert headers["content-type"] == "image/jpeg"
+    assert headers["transfermode.dlna.org"] == "Interactive"
+    assert headers["contentfeatures.dlna.org"] == "DLNA.ORG_PN=JPEG_TN;DLNA.ORG_OP=01;DLNA.ORG_CI=1"
+    status, headers, body, _ = get(port, f"/thumbnail/{item['id']}", ("Host: test", "Range: bytes=0-99"))
+    assert status == "HTTP/1.1 206 Partial Content"
+    assert headers["content-range"] == f"bytes 0-99/{len(picture)}" and body == picture[:100]
+
+
+def test_media_transfer_rules(library):
+    port, media = library
+    song = media_item(port, "Tone")
+    path = f"/mediaitem/{song['id']}"
+    wav = (media / "Music/Demo Artist/tone.wav").read_bytes()
+    status, headers, body, _ = get(port, path)
+    assert status == "HTTP/1.1 200 OK" and body == wav
+    assert headers["content-type"] == "audio/wave" and headers["accept-ranges"] == "bytes"
+    assert headers["transfermode.dlna.org"] == "Streaming"
+    assert headers["contentfeatures.dlna.org"] == "DLNA.ORG_OP=01"
+    status, headers, body, _ = get(port, path, ("Host: test", "Range: bytes=10-19"))
+    assert status == "HTTP/1.1 206 Partial Content" and body == wav[10:20]
+    status, headers, body, _ = get(port, path, method="HEAD")
+    assert status == "HTTP/1.1 200 OK" and headers["content-length"] == str(len(wav)) and body == b""
+
+    picture = media_item(port, "Demo Gradient", "0.30")["id"]
+    cases = [
+        (path, ("Host: test", "transferMode.dlna.org: Interactive"), "406 Not Acceptable"),
+        (path, ("Host: test", "transferMode.dlna.org: background"), "200 OK"),
+        (path, ("Host: test", "timeSeekRange.dlna.org: npt=0-"), "406 Not Acceptable"),
+        (path, (), "400 Bad Request"),
+        (path, ("Host: test", "getContentFeatures.dlna.org: 1"), "200 OK"),
+        (path, ("Host: test", "getContentFeatures.dlna.org: 2"), "400 Bad Request"),
+        (f"/mediaitem/{picture}", ("Host: test", "transferMode.dlna.org: Interactive"), "200 OK"),
+        (f"/mediaitem/{picture}", ("Host: test", "transferMode.dlna.org: Streaming"), "406 Not Acceptable"),
+        (f"/thumbnail/{song['id']}", ("Host: test",), "404 Not Found"),  # no embedded picture
+        ("/mediaitem/0.3", ("Host: test",), "404 Not Found"),
+        ("/mediaitem/abc", ("Host: test",), "404 Not Found"),
+        (f"/mediaitems/{song['id']}", ("Host: test",), "400 Bad Request"),  # not ours: the device answers
+    ]
+    for target, headers, expected in cases:
+        status, reply_headers, body, _ = get(port, target, headers)
+        assert status == f"HTTP/1.1 {expected}", (target, headers)
+        if expected != "200 OK":
+            assert reply_headers["content-length"] == "0" and body == b""
+
+
+def cover_bytes(media, relative):
+    """The embedded picture of a demo file, located by dms-probe."""
+    path = media / relative
+    probe = json.loads(subprocess.run([str(BUILD / "dms-probe"), str(path)], check=True, capture_output=True,
+                                      text=True).stdout)
+    return probe, path.read_bytes()[probe["coverOffset"]:probe["coverOffset"] + probe["coverLength"]]
+
+
+@pytest.mark.parametrize("view, title, relative", [
+    ("0.30", "Harbour at dawn", "Pictures/Holiday/harbour.jpg"),   # EXIF thumbnail
+    ("0.20", "Demo Clip", "Videos/Demo Clip.mkv"),                  # Matroska cover attachment
+])
+def test_embedded_pictures_are_served_as_thumbnails(library, view, title, relative):
+    port, media = library
+    probe, picture = cover_bytes(media, relative)
+    candidates = [o for o in browse(port, view)[1] if o["dc:title"] == title and "upnp:albumArtURI" in o]
+    assert len(candidates) == 1
+    status, headers, body, _ = get(port, "/thumbnail/" + candidates[0]["upnp:albumArtURI"].rsplit("/", 1)[1])
+    assert status == "HTTP/1.1 200 OK"
+    assert body == picture and body.startswith(b"\xff\xd8")
+    assert headers["content-type"] == probe["coverMimeType"] == "image/jpeg"
+
+
+def test_photo_video_and_matroska_metadata(library):
+    port, media = library
+    photo = media_item(port, "Harbour at dawn", "0.30")
+    assert photo["upnp:artist"] == "Demo Photographer"
+    assert photo["dc:date"] == "2021-08-14"
+    assert photo["res"][0]["resolution"] == "64x48"
+
+    videos = browse(port, "0.20")[1]
+    mp4 = [v for v in videos if v["res"][0]["protocolInfo"] == "http-get:*:video/mp4:DLNA.ORG_OP=01"
+           and v["dc:title"] == "Demo Clip"]
+    assert len(mp4) == 1
+    item = browse(port, mp4[0]["refID"], flag="BrowseMetadata")[1][0]
+    assert item["upnp:class"] == "object.item.videoItem"
+    data = (media / "Videos/Demo Clip.mp4").read_bytes()
+    status, headers, body, _ = get(port, f"/mediaitem/{item['id']}", ("Host: test", "Range: bytes=8-"))
+    assert status == "HTTP/1.1 206 Partial Content"
+    assert headers["content-range"] == f"bytes 8-{len(data) - 1}/{len(data)}" and body == data[8:]
+
+    mka = media_item(port, "Night Drive")
+    assert mka["res"][0]["protocolInfo"] == "http-get:*:audio/x-matroska:DLNA.ORG_OP=01"
+    mkv = [v for v in videos if v["dc:title"] == "Demo Clip" and "x-matroska" in v["res"][0]["protocolInfo"]][0]
+    assert mkv["res"][0]["duration"] == "0:00:12.500000"

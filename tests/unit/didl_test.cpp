@@ -1,0 +1,69 @@
+// DIDL-Lite rendering: the filter tokens, the doubled escaping and the exact
+// container elements (items are covered with real files in the scan tests).
+#include <gtest/gtest.h>
+
+#include "dms/DmsDidl.h"
+#include "dms/DmsObject.h"
+
+namespace {
+
+TEST(DidlFilter, TokensAndWildcard) {
+  EXPECT_EQ(DmsDidl_ParseFilter("*"), 0xffffu);
+  EXPECT_EQ(DmsDidl_ParseFilter("dc:title,*"), 0xffffu);
+  EXPECT_EQ(DmsDidl_ParseFilter(""), 0u);
+  EXPECT_EQ(DmsDidl_ParseFilter("upnp:artist"), unsigned(DmsFilter_Artist));  // last token still ends with ","
+  EXPECT_EQ(DmsDidl_ParseFilter("res@size,upnp:album"), unsigned(DmsFilter_Res | DmsFilter_Album));
+  EXPECT_EQ(DmsDidl_ParseFilter("@childCount,@refID,dc:date"),
+            unsigned(DmsFilter_ChildCount | DmsFilter_RefId | DmsFilter_Date));
+  EXPECT_EQ(DmsDidl_ParseFilter("upnp:genre@x,upnp:artists"), 0u);  // no partial tokens
+}
+
+TEST(DidlEscape, DoublesEveryEntity) {
+  EXPECT_EQ(DmsDidl_Escape("a&b\"c'd<e>f"), "a&amp;amp;b&amp;quot;c&amp;apos;d&amp;lt;e&amp;gt;f");
+  EXPECT_EQ(DmsDidl_Escape(""), "");
+}
+
+class DidlContainers : public ::testing::Test {
+ protected:
+  void TearDown() override { DmsObject_Free({0, 0}); }
+  DmsObject* root =
+      DmsObject_New({0, 0}, "My <Box>", dlnaMediaClasses[DmsClass_Container], DmsKind_Container, nullptr, nullptr);
+};
+
+TEST_F(DidlContainers, ExactElements) {
+  DmsObject* volume = DmsObject_New({0, 1}, "/srv/media", dlnaMediaClasses[DmsClass_StorageVolume],
+                                    DmsKind_Container, root, nullptr);
+  DmsObject* folder = DmsObject_New({2049, 77}, "Rock & Roll", dlnaMediaClasses[DmsClass_StorageFolder],
+                                    DmsKind_Container, volume, nullptr);
+  EXPECT_EQ(DmsDidl_RenderObject(root, "10.0.0.1", 80, DmsFilter_All),
+            "&lt;container id=\"0\" parentID=\"-1\"  restricted=\"0\" childCount=\"1\"&gt;"
+            "&lt;upnp:class&gt;object.container&lt;/upnp:class&gt;"
+            "&lt;dc:title&gt;My &amp;lt;Box&amp;gt;&lt;/dc:title&gt;&lt;/container&gt;");
+  EXPECT_EQ(DmsDidl_RenderObject(volume, "10.0.0.1", 80, 0),
+            "&lt;container id=\"0.1\" parentID=\"0\"  restricted=\"0\" &gt;"
+            "&lt;upnp:class&gt;object.container.storageVolume&lt;/upnp:class&gt;"
+            "&lt;dc:title&gt;Volume&lt;/dc:title&gt;&lt;/container&gt;");
+  // A folder that was never read shows a child count of 0, not -1.
+  EXPECT_EQ(DmsDidl_RenderObject(folder, "10.0.0.1", 80, DmsFilter_ChildCount),
+            "&lt;container id=\"2049.77\" parentID=\"0.1\"  restricted=\"0\" childCount=\"0\"&gt;"
+            "&lt;upnp:class&gt;object.container.storageFolder&lt;/upnp:class&gt;"
+            "&lt;dc:title&gt;Rock &amp;amp; Roll&lt;/dc:title&gt;&lt;/container&gt;");
+}
+
+TEST_F(DidlContainers, UnreadableItemFallsBackToItsFileName) {
+  DmsObject* volume = DmsObject_New({0, 1}, "/nonexistent-dms-media", dlnaMediaClasses[DmsClass_StorageVolume],
+                                    DmsKind_Container, root, nullptr);
+  DmsObject* item = DmsObject_New({5, 9}, "Track.One.mp3", dlnaMediaClasses[DmsClass_AudioItem], DmsKind_Item,
+                                  volume, nullptr);
+  DmsObject* reference = DmsObject_New({5 | (2ull << 32), 9}, nullptr, item->upnpClass, DmsKind_Reference, root,
+                                       nullptr);
+  reference->item = item;
+  item->references = reference;
+  const std::string rendered = DmsDidl_RenderObject(reference, "h", 1, DmsFilter_All);
+  EXPECT_EQ(rendered,
+            "&lt;item id=\"8589934597.9\" parentID=\"0\" refID=\"5.9\" restricted=\"0\" &gt;"
+            "&lt;upnp:class&gt;object.item.audioItem&lt;/upnp:class&gt;"
+            "&lt;dc:title&gt;Track.One&lt;/dc:title&gt;&lt;/item&gt;");
+}
+
+}  // namespace

@@ -1,0 +1,213 @@
+// The incremental scan over real temporary directories: what appears, in
+// which order, in which views, and what leaves again.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "dms/DmsLibrary.h"
+#include "dms/DmsObject.h"
+#include "tests/fixtures/ByteWriter.h"
+#include "tests/fixtures/JpegFixture.h"
+#include "tests/fixtures/Mp4Fixture.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+Mp4Bytes song(const std::string& title, const std::optional<std::string>& artist = std::nullopt) {
+  Mp4Bytes items = Mp4Fixture_TextItem(kMp4ItemTitle, title);
+  if (artist) items = Mp4Fixture_Join({items, Mp4Fixture_TextItem(kMp4ItemArtist, *artist)});
+  return Mp4Fixture_Join({Mp4Fixture_Ftyp("M4A "),
+                          Mp4Fixture_Box("moov", Mp4Fixture_Join({Mp4Fixture_Mvhd(1000, 3000),
+                                                                  Mp4Fixture_Track({}),
+                                                                  Mp4Fixture_UserData(items)}))});
+}
+
+std::vector<std::string> titles(const DmsObject* container) {
+  std::vector<std::string> out;
+  for (const DmsObject* child = container->firstChild; child; child = child->nextSibling) {
+    out.push_back(child->item ? child->item->title : child->title);
+  }
+  return out;
+}
+
+const DmsObject* childTitled(const DmsObject* container, const std::string& title) {
+  for (const DmsObject* child = container->firstChild; child; child = child->nextSibling) {
+    if (child->title == title) return child;
+  }
+  return nullptr;
+}
+
+class LibraryScan : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char name[] = "/tmp/dms-scan-XXXXXX";
+    ASSERT_NE(::mkdtemp(name), nullptr);
+    dir = name;
+    auto container = [](DmsObjectId id, DmsObjectId parent, const char* title, DmsMediaClass c) {
+      return DmsObject_New(id, title, dlnaMediaClasses[c], DmsKind_Container, DmsObject_Find(parent), nullptr);
+    };
+    container(DmsId_Root, {9, 9}, "root", DmsClass_Container);
+    volume = container(DmsId_MediaDirectory, DmsId_Root, dir.c_str(), DmsClass_StorageVolume);
+    container(DmsId_Pictures, DmsId_Root, "Pictures", DmsClass_Container);
+    container(DmsId_Videos, DmsId_Root, "Videos", DmsClass_Container);
+    music = container(DmsId_Music, DmsId_Root, "Music", DmsClass_Container);
+    container({0, 13}, DmsId_Music, "Genres", DmsClass_MusicGenre);
+    container({0, 12}, DmsId_Music, "Albums", DmsClass_MusicAlbum);
+    artists = container({0, 11}, DmsId_Music, "Artists", DmsClass_MusicArtist);
+    allMusic = container({0, 10}, DmsId_Music, "All Music", DmsClass_Container);
+    container({0, 20}, DmsId_Videos, "All Videos", DmsClass_Container);
+    moments = container({0, 31}, DmsId_Pictures, "Moments", DmsClass_PhotoAlbum);
+  }
+  void TearDown() override {
+    DmsObject_Free(DmsId_Root);
+    fs::remove_all(dir);
+  }
+
+  void write(const std::string& relative, const std::vector<uint8_t>& bytes) {
+    fs::create_directories((fs::path(dir) / relative).parent_path());
+    ASSERT_TRUE(Fixture_WriteFile(dir + "/" + relative, bytes));
+  }
+
+  int scan(int32_t pass) {
+    int64_t spent = 0;
+    return DmsLibrary_Scan(volume, pass, &spent);
+  }
+
+  std::string dir;
+  DmsObject* volume = nullptr;
+  DmsObject* music = nullptr;
+  DmsObject* artists = nullptr;
+  DmsObject* allMusic = nullptr;
+  DmsObject* moments = nullptr;
+};
+
+TEST_F(LibraryScan, MirrorsFoldersInOrderAndSkipsWhatIsNotMedia) {
+  write("b song.m4a", song("Bee"));
+  write("A song.M4A", song("Ay"));
+  write("Sub/c.m4a", song("Sea"));
+  write(".hidden.m4a", song("Hidden"));
+  write("notes.txt", song("Text"));
+  write("broken.m4a", {1, 2, 3, 4});
+  fs::create_directories(dir + "/Empty/Deeper");
+  write("Pictureless/readme.txt", {'x'});
+
+  const uint32_t before = DmsContent_SystemUpdateId();
+  EXPECT_EQ(scan(0), 1);
+  EXPECT_EQ(titles(volume), (std::vector<std::string>{"A song.M4A", "b song.m4a", "Sub"}));
+  const DmsObject* sub = childTitled(volume, "Sub");
+  ASSERT_NE(sub, nullptr);
+  EXPECT_EQ(sub->upnpClass, dlnaMediaClasses[DmsClass_StorageFolder]);
+  EXPECT_EQ(titles(sub), (std::vector<std::string>{"c.m4a"}));
+
+  struct stat info {};
+  ASSERT_EQ(::stat((dir + "/Sub/c.m4a").c_str(), &info), 0);
+  const DmsObject* item = DmsObject_Find({static_cast<uint64_t>(info.st_dev) + 1, info.st_ino});
+  ASSERT_NE(item, nullptr);
+  EXPECT_EQ(item->parent, sub);
+  EXPECT_STREQ(item->mimeType, "audio/mp4");
+  EXPECT_EQ(item->upnpClass, dlnaMediaClasses[DmsClass_AudioItem]);
+  EXPECT_EQ(DmsContent_SystemUpdateId(), before + 2);  // one per folder that changed
+
+  // Nothing changed on disk: a new pass keeps every object and raises nothing.
+  EXPECT_EQ(scan(1), 1);
+  EXPECT_EQ(DmsObject_Find(item->id), item);
+  EXPECT_EQ(DmsContent_SystemUpdateId(), before + 2);
+}
+
+TEST_F(LibraryScan, ViewsGroupSortAndForgetRemovedItems) {
+  write("one.m4a", song("Zulu", "Nobody"));
+  write("two.m4a", song("alpha"));
+  write("three.m4a", song("Mike"));
+  ASSERT_EQ(scan(0), 1);
+
+  EXPECT_EQ(titles(allMusic), (std::vector<std::string>{"one.m4a", "three.m4a", "two.m4a"}));  // by title
+  EXPECT_EQ(titles(artists), (std::vector<std::string>{"Nobody", "Unknown"}));
+  const DmsObject* unknown = childTitled(artists, "Unknown");
+  ASSERT_NE(unknown, nullptr);
+  EXPECT_EQ(unknown->upnpClass, dlnaMediaClasses[DmsClass_MusicArtist]);
+  EXPECT_EQ(unknown->id.high, 0u);
+  EXPECT_GT(unknown->id.low, 10000u);
+  EXPECT_EQ(unknown->childCount, 2);
+
+  const DmsObject* reference = allMusic->firstChild;
+  ASSERT_NE(reference->item, nullptr);
+  EXPECT_EQ(reference->kind, DmsKind_Reference);
+  EXPECT_EQ(reference->id.high, reference->item->id.high | (2ull << 32));
+  EXPECT_EQ(unknown->firstChild->id.high, unknown->firstChild->item->id.high | (4ull << 32));
+
+  fs::remove(dir + "/two.m4a");
+  const uint32_t before = DmsContent_SystemUpdateId();
+  ASSERT_EQ(scan(1), 1);
+  EXPECT_EQ(titles(volume), (std::vector<std::string>{"one.m4a", "three.m4a"}));
+  EXPECT_EQ(titles(allMusic), (std::vector<std::string>{"one.m4a", "three.m4a"}));
+  EXPECT_EQ(unknown->childCount, 1);
+  EXPECT_EQ(DmsContent_SystemUpdateId(), before + 1);
+}
+
+TEST_F(LibraryScan, RenameInPlaceRecreatesWithTheSameId) {
+  write("old.m4a", song("Song"));
+  ASSERT_EQ(scan(0), 1);
+  const DmsObjectId id = volume->firstChild->id;
+  fs::rename(dir + "/old.m4a", dir + "/new.m4a");
+  ASSERT_EQ(scan(1), 1);
+  ASSERT_NE(volume->firstChild, nullptr);
+  EXPECT_EQ(volume->firstChild->title, "new.m4a");
+  EXPECT_EQ(volume->firstChild->id, id);
+  EXPECT_EQ(volume->firstChild->nextSibling, nullptr);
+  EXPECT_EQ(titles(allMusic), (std::vector<std::string>{"new.m4a"}));
+}
+
+TEST_F(LibraryScan, StepStopsAtItsBudgetAndTheNextResumes) {
+  write("A/a.m4a", song("a"));
+  write("B/b.m4a", song("b"));
+  int64_t spent = DmsLibrary_StepBudget + 1;
+  EXPECT_EQ(DmsLibrary_Scan(volume, 0, &spent), 0);  // nothing read at all
+  EXPECT_EQ(volume->firstChild, nullptr);
+
+  // Reading the volume uses up what is left: its sub-folders wait for the next step.
+  spent = DmsLibrary_StepBudget;
+  EXPECT_EQ(DmsLibrary_Scan(volume, 0, &spent), 0);
+  EXPECT_EQ(titles(volume), (std::vector<std::string>{"A", "B"}));
+  EXPECT_EQ(volume->firstChild->firstChild, nullptr);
+  EXPECT_EQ(scan(0), 1);
+  EXPECT_EQ(titles(volume->firstChild), (std::vector<std::string>{"a.m4a"}));
+  EXPECT_EQ(titles(volume->firstChild->nextSibling), (std::vector<std::string>{"b.m4a"}));
+}
+
+TEST_F(LibraryScan, HardLinkStaysWhereFirstSeen) {
+  write("A/song.m4a", song("Linked"));
+  fs::create_directories(dir + "/B");
+  ASSERT_EQ(::link((dir + "/A/song.m4a").c_str(), (dir + "/B/again.m4a").c_str()), 0);
+  ASSERT_EQ(scan(0), 1);
+  const DmsObject* a = childTitled(volume, "A");
+  ASSERT_NE(a, nullptr);
+  EXPECT_EQ(titles(a), (std::vector<std::string>{"song.m4a"}));
+  EXPECT_EQ(childTitled(volume, "B"), nullptr);  // its only entry was the second name
+  EXPECT_EQ(titles(allMusic).size(), 1u);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(LibraryScan, MomentsByUtcDayNewestFirstWithModificationTimeFallback) {
+  write("dated.jpg", JpegFixture_Build({.exif = JpegFixture_Exif({.dateOriginal = "2020:02:29 23:59:59"})}));
+  write("later.jpg", JpegFixture_Build({.exif = JpegFixture_Exif({.dateOriginal = "2021:01:01 00:00:00"})}));
+  write("undated.jpg", JpegFixture_Build({}));
+  const struct timespec times[2] = {{0, UTIME_OMIT}, {1262304000 + 3600, 0}};  // 2010-01-01 01:00 UTC
+  ASSERT_EQ(::utimensat(AT_FDCWD, (dir + "/undated.jpg").c_str(), times, 0), 0);
+  ASSERT_EQ(scan(0), 1);
+  EXPECT_EQ(titles(moments), (std::vector<std::string>{"2021-01-01", "2020-02-29", "2010-01-01"}));
+  EXPECT_EQ(moments->firstChild->upnpClass, dlnaMediaClasses[DmsClass_PhotoAlbum]);
+  EXPECT_EQ(moments->firstChild->firstChild->id.high, moments->firstChild->firstChild->item->id.high | (16ull << 32));
+}
+
+}  // namespace

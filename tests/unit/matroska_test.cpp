@@ -1,0 +1,402 @@
+// Matroska and WebM files through the media dispatch: document types, Info,
+// the keep rules of tracks, cover attachments, the SeekHead and the bounds
+// that enclosing elements set.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "media/MediaParsers.h"
+#include "media/MediaStream.h"
+#include "tests/fixtures/ByteWriter.h"
+#include "tests/fixtures/MatroskaFixture.h"
+
+namespace {
+
+constexpr int64_t kMiB = 1048576;
+
+MediaStreamPtr parse(const EbmlBytes& bytes) {
+  FixtureFile file(bytes);
+  return MediaStream_new(file.fd(), 0, file.size(), true);
+}
+
+bool declined(const EbmlBytes& bytes) {
+  FixtureFile file(bytes);
+  MediaStream stream;
+  return !MediaParse_Matroska(file.fd(), 0, file.size(), stream, true) &&
+         !MediaStream_new(file.fd(), 0, file.size(), true);
+}
+
+int64_t positionOf(const EbmlBytes& haystack, const EbmlBytes& needle) {
+  auto found = std::search(haystack.begin(), haystack.end(), needle.begin(), needle.end());
+  return found == haystack.end() ? -1 : found - haystack.begin();
+}
+
+EbmlBytes tracks(const std::vector<EbmlBytes>& entries) {
+  ByteWriter payload;
+  for (const EbmlBytes& entry : entries) payload.bytes(entry);
+  return EbmlFixture_Element(MatroskaId::Tracks, payload.data());
+}
+
+EbmlBytes info() { return MatroskaFixture_Info(1000000, 2000.0); }
+
+EbmlBytes videoTrack(uint64_t number = 1) { return MatroskaFixture_VideoTrack(number, 64, 48); }
+
+EbmlBytes audioTrack(std::initializer_list<EbmlBytes> audioChildren) {
+  return EbmlFixture_Master(MatroskaId::TrackEntry,
+                            {EbmlFixture_Unsigned(MatroskaId::TrackNumber, 2),
+                             EbmlFixture_Unsigned(MatroskaId::TrackType, 2),
+                             EbmlFixture_Master(MatroskaId::Audio, audioChildren)});
+}
+
+EbmlBytes track(std::initializer_list<EbmlBytes> children) {
+  return EbmlFixture_Master(MatroskaId::TrackEntry, children);
+}
+
+EbmlBytes attachments(std::initializer_list<EbmlBytes> files) {
+  return EbmlFixture_Master(MatroskaId::Attachments, files);
+}
+
+EbmlBytes mkv(const std::vector<EbmlBytes>& children, bool indexed = false) {
+  return MatroskaFixture_File("matroska", children, indexed);
+}
+
+TEST(Matroska, VideoWithCoverFillsTheRecord) {
+  const EbmlBytes bytes = MatroskaFixture_VideoWithCover();
+  const EbmlBytes jpeg = MatroskaFixture_CoverJpeg();
+  auto stream = parse(bytes);
+  ASSERT_NE(stream, nullptr);
+  EXPECT_EQ(stream->mediaType, MediaType_Video);
+  EXPECT_STREQ(stream->mimeType, "video/x-matroska");
+  EXPECT_EQ(stream->duration, 12500u);
+  EXPECT_EQ(stream->timescale, 1000u);
+  EXPECT_EQ(stream->title, "Demo Clip");
+  EXPECT_FALSE(stream->artist);
+  EXPECT_EQ(stream->date, 1735689600);  // 2025-01-01
+  ASSERT_EQ(stream->streamCount(), 2);
+  const StreamInfo& video = stream->streamInfo[0];
+  EXPECT_EQ(video.streamNumber, 1u);
+  EXPECT_EQ(video.streamKind, uint32_t{MediaType_Video});
+  EXPECT_EQ(video.enabled, 1);
+  EXPECT_EQ(video.width, 320);
+  EXPECT_EQ(video.height, 240);
+  EXPECT_EQ(video.duration, 12500u);
+  EXPECT_EQ(video.timescale, 1000u);
+  const StreamInfo& audio = stream->streamInfo[1];
+  EXPECT_EQ(audio.streamNumber, 2u);
+  EXPECT_EQ(audio.streamKind, uint32_t{MediaType_Audio});
+  EXPECT_EQ(audio.sampleRate, 48000u);
+  EXPECT_EQ(audio.channels, 2);
+  EXPECT_EQ(audio.bitsPerSample, 16);
+  EXPECT_STREQ(stream->coverMimeType, "image/jpeg");
+  EXPECT_EQ(stream->coverOffset, positionOf(bytes, jpeg));
+  EXPECT_EQ(stream->coverLength, static_cast<int64_t>(jpeg.size()));
+}
+
+TEST(Matroska, MediaTypeAndMimeTypeFollowDocTypeAndTracks) {
+  auto webm = parse(MatroskaFixture_WebM());
+  ASSERT_NE(webm, nullptr);
+  EXPECT_EQ(webm->mediaType, MediaType_Video);
+  EXPECT_STREQ(webm->mimeType, "video/webm");
+
+  auto mka = parse(MatroskaFixture_AudioWithTitle());
+  ASSERT_NE(mka, nullptr);
+  EXPECT_EQ(mka->mediaType, MediaType_Audio);
+  EXPECT_STREQ(mka->mimeType, "audio/x-matroska");
+  EXPECT_EQ(mka->title, "Night Drive");
+  EXPECT_EQ(mka->duration, 184000u);
+
+  const auto audio = MatroskaFixture_AudioTrack(1, 44100.0, 2, 16);
+  auto webmAudio = parse(MatroskaFixture_File("webm", {info(), tracks({audio})}));
+  ASSERT_NE(webmAudio, nullptr);
+  EXPECT_EQ(webmAudio->mediaType, MediaType_Audio);
+  EXPECT_STREQ(webmAudio->mimeType, "audio/webm");
+
+  // A video track anywhere makes a video, also after audio and subtitles.
+  const auto subtitle = track({EbmlFixture_Unsigned(MatroskaId::TrackNumber, 3),
+                               EbmlFixture_Unsigned(MatroskaId::TrackType, 17)});
+  auto mixed = parse(mkv({info(), tracks({audio, subtitle, videoTrack(4)})}));
+  ASSERT_NE(mixed, nullptr);
+  EXPECT_EQ(mixed->mediaType, MediaType_Video);
+  EXPECT_STREQ(mixed->mimeType, "video/x-matroska");
+  ASSERT_EQ(mixed->streamCount(), 3);
+  EXPECT_EQ(mixed->streamInfo[1].streamKind, 4u);
+}
+
+TEST(Matroska, OtherDocumentsAreLeftToTheNextParser) {
+  const std::vector<EbmlBytes> body = {info(), tracks({videoTrack()})};
+  EXPECT_FALSE(declined(MatroskaFixture_File("matroska", body)));
+  for (const char* docType : {"mkv", "Matroska", "webmx", "web", ""}) {
+    EXPECT_TRUE(declined(MatroskaFixture_File(docType, body))) << docType;
+  }
+  // DocType sizes below 64 bytes are read (zero padding ends the text).
+  EXPECT_FALSE(declined(MatroskaFixture_File(std::string("webm") + std::string(59, '\0'), body)));
+  EXPECT_TRUE(declined(MatroskaFixture_File(std::string("webm") + std::string(60, '\0'), body)));
+  // No EBML header, or a header without DocType.
+  EXPECT_TRUE(declined(EbmlFixture_Master(MatroskaId::Segment, {info(), tracks({videoTrack()})})));
+  EXPECT_TRUE(declined(EbmlFixture_Join(
+      {EbmlFixture_Master(MatroskaId::EbmlHeader, {EbmlFixture_Unsigned(0x4286, 1)}),
+       EbmlFixture_Master(MatroskaId::Segment, {info(), tracks({videoTrack()})})})));
+  // Nothing to play: no tracks, or subtitles only.
+  EXPECT_TRUE(declined(mkv({info()})));
+  EXPECT_TRUE(
+      declined(mkv({info(), tracks({track({EbmlFixture_Unsigned(MatroskaId::TrackNumber, 1),
+                                           EbmlFixture_Unsigned(MatroskaId::TrackType, 17)})})})));
+}
+
+TEST(Matroska, DurationNeedsAPlausibleTimecodeScale) {
+  struct Case {
+    uint64_t scale;
+    double duration;
+    uint32_t expectDuration;
+    uint32_t expectTimescale;
+  };
+  const Case cases[] = {
+      {0, 5000.0, 0, 1000},          {1000000001, 5000.0, 0, 1000},
+      {1000000, 0.0, 0, 1000},       {1000000, -3.0, 0, 1000},
+      {1000000000, 7.9, 7, 1},       {1, 5000.0, 5000, 1000000000},
+      {100000, 2500.7, 2500, 10000}, {1000000, 1e12, 4294967295u, 1000},
+  };
+  for (const Case& c : cases) {
+    auto stream = parse(mkv({MatroskaFixture_Info(c.scale, c.duration), tracks({videoTrack()})}));
+    ASSERT_NE(stream, nullptr) << c.scale;
+    EXPECT_EQ(stream->duration, c.expectDuration) << c.scale << " " << c.duration;
+    EXPECT_EQ(stream->timescale, c.expectTimescale) << c.scale;
+    EXPECT_EQ(stream->streamInfo[0].duration, c.expectDuration);
+    EXPECT_EQ(stream->streamInfo[0].timescale, c.expectTimescale);
+  }
+}
+
+TEST(Matroska, DateCountsFrom2001) {
+  const std::pair<int64_t, int32_t> cases[] = {
+      {0, 978307200},
+      {-1500000000, 978307199},             // division truncates toward zero
+      {86400LL * 1000000000LL, 978393600},  // one day later
+  };
+  for (const auto& [nanoseconds, expected] : cases) {
+    auto stream = parse(
+        mkv({MatroskaFixture_Info(1000000, 1000.0, "t", nanoseconds), tracks({videoTrack()})}));
+    ASSERT_NE(stream, nullptr);
+    EXPECT_EQ(stream->date, expected) << nanoseconds;
+  }
+  auto undated = parse(mkv({info(), tracks({videoTrack()})}));
+  ASSERT_NE(undated, nullptr);
+  EXPECT_EQ(undated->date, 0);
+  EXPECT_FALSE(undated->title);
+}
+
+TEST(Matroska, CoverNeedsExactNameAndSizeBelowOneMiB) {
+  const EbmlBytes small = {0xFF, 0xD8, 0x11, 0x22, 0x33, 0xFF, 0xD9};
+  auto coverOf = [&](std::initializer_list<EbmlBytes> files) {
+    return parse(mkv({info(), tracks({videoTrack()}), attachments(files)}));
+  };
+
+  auto upper = coverOf({MatroskaFixture_Attachment("Cover.jpg", "image/jpeg", small)});
+  ASSERT_NE(upper, nullptr);
+  EXPECT_EQ(upper->coverLength, 0);
+  EXPECT_EQ(upper->coverMimeType, nullptr);
+
+  // The attachment's own MIME type is not looked at; the first cover wins.
+  const EbmlBytes other = {0xFF, 0xD8, 0x44, 0xFF, 0xD9};
+  auto smallCover = coverOf({MatroskaFixture_Attachment("font.ttf", "font/ttf", {1, 2, 3}),
+                             MatroskaFixture_Attachment("small_cover.jpg", "image/png", small),
+                             MatroskaFixture_Attachment("cover.jpg", "image/jpeg", other)});
+  ASSERT_NE(smallCover, nullptr);
+  EXPECT_EQ(smallCover->coverLength, static_cast<int64_t>(small.size()));
+  EXPECT_STREQ(smallCover->coverMimeType, "image/jpeg");
+
+  // An empty cover ends the search without a cover.
+  auto empty = coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", {}),
+                        MatroskaFixture_Attachment("small_cover.jpg", "image/jpeg", small)});
+  ASSERT_NE(empty, nullptr);
+  EXPECT_EQ(empty->coverLength, 0);
+
+  auto exact =
+      coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", EbmlBytes(kMiB, 0xAB))});
+  ASSERT_NE(exact, nullptr);
+  EXPECT_EQ(exact->coverLength, 0);
+  auto below =
+      coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", EbmlBytes(kMiB - 1, 0xAB))});
+  ASSERT_NE(below, nullptr);
+  EXPECT_EQ(below->coverLength, kMiB - 1);
+
+  // A repeated FileName ends the attachment: the first name counts.
+  auto repeated = coverOf({EbmlFixture_Master(
+      MatroskaId::AttachedFile, {EbmlFixture_Text(MatroskaId::FileName, "cover.jpg"),
+                                 EbmlFixture_Element(MatroskaId::FileData, small),
+                                 EbmlFixture_Text(MatroskaId::FileName, "other.jpg")})});
+  ASSERT_NE(repeated, nullptr);
+  EXPECT_EQ(repeated->coverLength, static_cast<int64_t>(small.size()));
+}
+
+TEST(Matroska, CoverOffsetCountsFromTheFileStart) {
+  const EbmlBytes bytes = MatroskaFixture_VideoWithCover();
+  const EbmlBytes jpeg = MatroskaFixture_CoverJpeg();
+  ByteWriter prefixed;
+  prefixed.fill(37, 0x55).bytes(bytes).fill(5, 0x55);
+  FixtureFile file(prefixed.data());
+  auto stream = MediaStream_new(file.fd(), 37, static_cast<int64_t>(bytes.size()), true);
+  ASSERT_NE(stream, nullptr);
+  EXPECT_EQ(stream->coverOffset, 37 + positionOf(bytes, jpeg));
+  // The given length bounds the data: one byte short cuts the Segment.
+  EXPECT_EQ(MediaStream_new(file.fd(), 37, static_cast<int64_t>(bytes.size()) - 1, true), nullptr);
+}
+
+TEST(Matroska, SectionsBehindAClusterAreFoundThroughTheSeekHead) {
+  const EbmlBytes cover = MatroskaFixture_CoverJpeg();
+  const std::vector<EbmlBytes> late = {
+      MatroskaFixture_Cluster(), MatroskaFixture_Info(1000000, 4000.0, "Late"),
+      tracks({videoTrack()}),
+      attachments({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", cover)})};
+  EXPECT_TRUE(declined(mkv(late, false)));
+
+  const EbmlBytes indexed = mkv(late, true);
+  auto stream = parse(indexed);
+  ASSERT_NE(stream, nullptr);
+  EXPECT_EQ(stream->title, "Late");
+  EXPECT_EQ(stream->duration, 4000u);
+  EXPECT_EQ(stream->streamCount(), 1);
+  EXPECT_EQ(stream->coverOffset, positionOf(indexed, cover));
+
+  // An entry is followed only when its position holds the element it names:
+  // here the Info entry is relabelled as Attachments.
+  EbmlBytes relabelled = indexed;
+  const EbmlBytes infoSeekId = {0x53, 0xAB, 0x84, 0x15, 0x49, 0xA9, 0x66};
+  const int64_t at = positionOf(relabelled, infoSeekId);
+  ASSERT_GT(at, 0);
+  const EbmlBytes attachmentsId = {0x19, 0x41, 0xA4, 0x69};
+  std::copy(attachmentsId.begin(), attachmentsId.end(), relabelled.begin() + at + 3);
+  auto misled = parse(relabelled);
+  ASSERT_NE(misled, nullptr);
+  EXPECT_FALSE(misled->title);
+  EXPECT_EQ(misled->streamCount(), 1);
+  EXPECT_EQ(misled->coverLength, static_cast<int64_t>(cover.size()));
+}
+
+TEST(Matroska, TrackKeepRules) {
+  auto streamsOf = [](std::initializer_list<EbmlBytes> entries) {
+    std::vector<EbmlBytes> all = {videoTrack(100)};
+    all.insert(all.end(), entries);
+    auto stream = parse(mkv({info(), tracks(all)}));
+    return stream ? stream->streamInfo : std::vector<StreamInfo>{};
+  };
+  auto numbered = [](uint64_t number, uint64_t type, std::initializer_list<EbmlBytes> more = {}) {
+    ByteWriter w;
+    w.bytes(EbmlFixture_Unsigned(MatroskaId::TrackNumber, number));
+    w.bytes(EbmlFixture_Unsigned(MatroskaId::TrackType, type));
+    for (const EbmlBytes& e : more) w.bytes(e);
+    return EbmlFixture_Element(MatroskaId::TrackEntry, w.data());
+  };
+
+  // Numbers must be 1 to 2^32-1, types 1 to 254, and the track enabled.
+  auto kept = streamsOf({numbered(0, 1), numbered(0x100000000ull, 1), numbered(0xFFFFFFFFull, 1),
+                         numbered(5, 0), numbered(6, 255), numbered(7, 254),
+                         numbered(8, 1, {EbmlFixture_Unsigned(MatroskaId::FlagEnabled, 0)}),
+                         numbered(9, 1, {EbmlFixture_Unsigned(MatroskaId::FlagEnabled, 1)})});
+  ASSERT_EQ(kept.size(), 4u);
+  EXPECT_EQ(kept[1].streamNumber, 0xFFFFFFFFu);
+  EXPECT_EQ(kept[2].streamNumber, 7u);
+  EXPECT_EQ(kept[2].streamKind, 0u);
+  EXPECT_EQ(kept[3].streamNumber, 9u);
+
+  // FlagDefault, not FlagEnabled, sets the enabled flag; it defaults to 0.
+  auto flags = streamsOf({numbered(2, 2, {EbmlFixture_Unsigned(MatroskaId::FlagDefault, 0)}),
+                          numbered(3, 2, {EbmlFixture_Unsigned(MatroskaId::FlagDefault, 1)}),
+                          numbered(4, 2)});
+  ASSERT_EQ(flags.size(), 4u);
+  EXPECT_EQ(flags[0].enabled, 1);
+  EXPECT_EQ(flags[1].enabled, 0);
+  EXPECT_EQ(flags[2].enabled, 1);
+  EXPECT_EQ(flags[3].enabled, 0);
+
+  // Picture sizes above 65535 reject the track.
+  auto sizes = streamsOf({MatroskaFixture_VideoTrack(2, 65535, 65535),
+                          MatroskaFixture_VideoTrack(3, 65536, 10),
+                          MatroskaFixture_VideoTrack(4, 10, 65536)});
+  ASSERT_EQ(sizes.size(), 2u);
+  EXPECT_EQ(sizes[1].width, 65535);
+  EXPECT_EQ(sizes[1].height, 65535);
+
+  // At most 32 tracks are kept.
+  std::vector<EbmlBytes> many;
+  for (uint64_t n = 1; n <= 40; ++n) many.push_back(MatroskaFixture_AudioTrack(n, 8000.0, 1, 8));
+  auto crowded = parse(mkv({info(), tracks(many)}));
+  ASSERT_NE(crowded, nullptr);
+  EXPECT_EQ(crowded->streamCount(), 32);
+  EXPECT_EQ(crowded->streamInfo.back().streamNumber, 32u);
+}
+
+TEST(Matroska, FailingAudioRejectsItsTrack) {
+  using namespace MatroskaId;
+  auto audioKept = [](std::initializer_list<EbmlBytes> audioChildren) -> int {
+    auto stream = parse(mkv({info(), tracks({videoTrack(), audioTrack(audioChildren)})}));
+    if (!stream) return -1;
+    return static_cast<int>(stream->streamCount()) - 1;
+  };
+  EXPECT_EQ(audioKept({EbmlFixture_Float(SamplingFrequency, 1.0),
+                       EbmlFixture_Unsigned(Channels, 255), EbmlFixture_Unsigned(BitDepth, 64)}),
+            1);
+  EXPECT_EQ(audioKept({EbmlFixture_Float(SamplingFrequency, 0.5)}), 0);
+  EXPECT_EQ(audioKept({EbmlFixture_Float(SamplingFrequency, 4294967296.0)}), 0);
+  EXPECT_EQ(audioKept({EbmlFixture_Unsigned(Channels, 2)}), 0);  // no frequency
+  EXPECT_EQ(audioKept({EbmlFixture_Float(SamplingFrequency, 44100.0),
+                       EbmlFixture_Unsigned(Channels, 256)}),
+            0);
+  EXPECT_EQ(audioKept({EbmlFixture_Float(SamplingFrequency, 44100.0),
+                       EbmlFixture_Unsigned(BitDepth, 65)}),
+            0);
+  // A value of a size its type does not allow fails the element too.
+  EXPECT_EQ(audioKept({EbmlFixture_Element(SamplingFrequency, {0x47, 0x2C})}), 0);
+
+  // Audio-only files with a failing Audio element have nothing left.
+  EXPECT_TRUE(declined(mkv({info(), tracks({audioTrack({EbmlFixture_Unsigned(Channels, 300)})})})));
+
+  // Both frequencies land in one value; the later one wins.
+  auto rate = [](std::initializer_list<EbmlBytes> audioChildren) {
+    auto stream = parse(mkv({info(), tracks({audioTrack(audioChildren)})}));
+    return stream ? stream->streamInfo[0].sampleRate : 0u;
+  };
+  EXPECT_EQ(rate({EbmlFixture_Float(SamplingFrequency, 24000.0),
+                  EbmlFixture_Float(OutputSamplingFrequency, 48000.0)}),
+            48000u);
+  EXPECT_EQ(rate({EbmlFixture_Float(OutputSamplingFrequency, 48000.0),
+                  EbmlFixture_Float(SamplingFrequency, 24000.0)}),
+            24000u);
+}
+
+TEST(Matroska, UnknownSizesAreBoundedByTheParent) {
+  // A live recording: Segment of unknown size, read up to the Cluster.
+  auto live = parse(EbmlFixture_Join(
+      {MatroskaFixture_Header("webm"),
+       EbmlFixture_UnknownSize(
+           MatroskaId::Segment,
+           EbmlFixture_Join({info(), tracks({videoTrack()}),
+                             EbmlFixture_UnknownSize(MatroskaId::Cluster, {0xE7, 0x81, 0x00})}))}));
+  ASSERT_NE(live, nullptr);
+  EXPECT_STREQ(live->mimeType, "video/webm");
+  EXPECT_EQ(live->duration, 2000u);
+
+  // Tracks of unknown size end with their Segment: a track entry stored after
+  // the Segment does not count.
+  auto bounded = parse(EbmlFixture_Join(
+      {MatroskaFixture_Header("matroska"),
+       EbmlFixture_Master(MatroskaId::Segment,
+                          {info(), EbmlFixture_UnknownSize(MatroskaId::Tracks, videoTrack(1))}),
+       MatroskaFixture_AudioTrack(2, 48000.0, 2, 16)}));
+  ASSERT_NE(bounded, nullptr);
+  EXPECT_EQ(bounded->streamCount(), 1);
+
+  // A child claiming more than its parent holds ends that parent's reading;
+  // what was read before it stays.
+  const EbmlBytes audio = MatroskaFixture_AudioTrack(2, 48000.0, 2, 16);
+  EbmlBytes overrun = mkv({info(), tracks({videoTrack(1), audio})});
+  const int64_t audioEntry = positionOf(overrun, audio);
+  ASSERT_GT(audioEntry, 0);
+  overrun[audioEntry + 1] = 0xFE;  // size 126, beyond the Tracks element
+  auto cut = parse(overrun);
+  ASSERT_NE(cut, nullptr);
+  EXPECT_EQ(cut->streamCount(), 1);
+}
+
+}  // namespace

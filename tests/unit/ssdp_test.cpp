@@ -1,0 +1,111 @@
+// M-SEARCH parsing, target matching and the SSDP message template.
+#include <gtest/gtest.h>
+
+#include "ssdp/SSDP.h"
+
+namespace {
+
+const std::vector<std::string> kTypes = {
+    "uuid:",
+    "upnp:rootdevice",
+    "urn:schemas-upnp-org:device:MediaServer:1",
+    "urn:schemas-upnp-org:service:ConnectionManager:1",
+    "urn:schemas-upnp-org:service:ContentDirectory:1",
+};
+const char* kUdn = "444D5300-0000-1000-8000-0A1B2C3D4E5F";
+
+std::optional<SSDPSearch> Search(const std::string& st) {
+  return SSDP_ParseSearch("M-SEARCH * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nMAN: \"ssdp:discover\"\r\nST:" + st +
+                              "\r\nMX: 3\r\n\r\n",
+                          kTypes, kUdn);
+}
+
+TEST(SsdpSearch, FixedTargets) {
+  auto all = Search(" ssdp:all");
+  ASSERT_TRUE(all);
+  EXPECT_TRUE(all->all);
+  auto root = Search("UPnP:RootDevice  ");
+  ASSERT_TRUE(root);
+  EXPECT_FALSE(root->all);
+  EXPECT_EQ(root->target, "upnp:rootdevice");
+  EXPECT_FALSE(Search("ssdp:allx"));
+  EXPECT_FALSE(Search("something:else"));
+  EXPECT_FALSE(Search(""));
+}
+
+TEST(SsdpSearch, UuidMatchesIgnoringCase) {
+  auto lower = Search("uuid:444d5300-0000-1000-8000-0a1b2c3d4e5f");
+  ASSERT_TRUE(lower);
+  EXPECT_EQ(lower->target, "uuid:");
+  EXPECT_FALSE(Search("uuid:444d5300-0000-1000-8000-0a1b2c3d4e50"));
+  EXPECT_FALSE(Search("uuid:"));
+}
+
+TEST(SsdpSearch, UrnVersionRules) {
+  auto cd = Search("urn:schemas-upnp-org:service:ContentDirectory:1");
+  ASSERT_TRUE(cd);
+  EXPECT_EQ(cd->target, "urn:schemas-upnp-org:service:ContentDirectory:1");
+  // The answer names the version and the spelling that were asked for.
+  auto upper = Search("URN:schemas-upnp-org:device:MEDIASERVER:1");
+  ASSERT_TRUE(upper);
+  EXPECT_EQ(upper->target, "URN:schemas-upnp-org:device:MEDIASERVER:1");
+  EXPECT_FALSE(Search("urn:schemas-upnp-org:service:ContentDirectory:2"));
+  EXPECT_FALSE(Search("urn:schemas-upnp-org:service:ContentDirectory:0"));
+  EXPECT_FALSE(Search("urn:schemas-upnp-org:service:ContentDirectory:"));
+  EXPECT_FALSE(Search("urn:schemas-upnp-org:service:AVTransport:1"));
+  EXPECT_FALSE(Search("urn:schemas-upnp-org:service:ContentDirectory:99999999999999999999"));
+}
+
+TEST(SsdpSearch, RejectsMalformedDatagrams) {
+  EXPECT_FALSE(SSDP_ParseSearch("NOTIFY * HTTP/1.1\r\nST: ssdp:all\r\n\r\n", kTypes, kUdn));
+  EXPECT_FALSE(SSDP_ParseSearch("M-SEARCH * HTTP/1.1\r\nMX: 1\r\n\r\n", kTypes, kUdn));
+  // The ST line must end with CR LF.
+  EXPECT_FALSE(SSDP_ParseSearch("M-SEARCH * HTTP/1.1\r\nST: ssdp:all", kTypes, kUdn));
+  // The text ends at the first zero byte, as a received datagram does.
+  EXPECT_FALSE(SSDP_ParseSearch(std::string_view("M-SEARCH\0\r\nST: ssdp:all\r\n", 26), kTypes, kUdn));
+  EXPECT_TRUE(SSDP_ParseSearch("m-search\r\nst: ssdp:all\r\n", kTypes, kUdn));
+}
+
+TEST(SsdpSearch, TypeWithoutColonEndsTheWalk) {
+  const std::vector<std::string> types = {"plain", "urn:a:b:1"};
+  EXPECT_FALSE(SSDP_ParseSearch("M-SEARCH\r\nST: urn:a:b:1\r\n", types, kUdn));
+}
+
+SSDPMessageFields Fields() {
+  SSDPMessageFields fields;
+  fields.maxAge = 1800;
+  fields.address = "10.77.0.1";
+  fields.port = 49152;
+  fields.descriptionPath = "/DMS/Device";
+  fields.osToken = "Linux/6.1";
+  fields.product = "DMS/1.0";
+  fields.udn = kUdn;
+  return fields;
+}
+
+TEST(SsdpMessage, NotifyForUuidType) {
+  EXPECT_EQ(SSDP_MakeMessage(Fields(), "uuid:", "ssdp:alive"),
+            "NOTIFY * HTTP/1.1\r\nHost: 239.255.255.250:1900\r\nCache-Control: max-age=1800\r\n"
+            "Location: http://10.77.0.1:49152/DMS/Device\r\nNT: uuid:444D5300-0000-1000-8000-0A1B2C3D4E5F\r\n"
+            "NTS: ssdp:alive\r\nServer: Linux/6.1 UPnP/1.0 DMS/1.0\r\n"
+            "USN: uuid:444D5300-0000-1000-8000-0A1B2C3D4E5F\r\n\r\n");
+}
+
+TEST(SsdpMessage, SearchResponseForType) {
+  SSDPMessageFields fields = Fields();
+  fields.extra = "X-Test: 1\r\n";
+  EXPECT_EQ(SSDP_MakeMessage(fields, "upnp:rootdevice", nullptr),
+            "HTTP/1.1 200 OK\r\nCache-Control: max-age=1800\r\nLocation: http://10.77.0.1:49152/DMS/Device\r\n"
+            "ST: upnp:rootdevice\r\nEXT:\r\nServer: Linux/6.1 UPnP/1.0 DMS/1.0\r\n"
+            "USN: uuid:444D5300-0000-1000-8000-0A1B2C3D4E5F::upnp:rootdevice\r\nX-Test: 1\r\n\r\n");
+}
+
+TEST(SsdpMessage, CutAt511Bytes) {
+  SSDPMessageFields fields = Fields();
+  fields.product = std::string(600, 'p');
+  std::string message = SSDP_MakeMessage(fields, "upnp:rootdevice", "ssdp:byebye");
+  EXPECT_EQ(message.size(), 511u);
+  EXPECT_NE(message.find("NTS: ssdp:byebye\r\n"), std::string::npos);
+}
+
+}  // namespace
