@@ -294,6 +294,25 @@ def test_invalid_service_makes_creation_fail(responder):
     responder("zero", ("Good", "_g._tcp", 80, "t"))
 
 
+def test_device_thread_runs_a_responder_per_interface(process, peer):
+    """A UPnP device that lists a service: its interface check starts a
+    responder on dms0 named after the hardware address, advertising the bound
+    HTTP port, and closing the device sends the goodbye."""
+    device = process("mdns_test_device")
+    port = device.wait_port()
+    mac = open("/sys/class/net/dms0/address").read().strip().upper().replace(":", "-")
+    packet = next_announcement(peer, mac, timeout=15.0)
+    assert packet is not None, "no announcement after the first interface check"
+    a, ptr, srv, txt = packet.answers
+    assert (a.ttl, a.rdata.address) == (120, ADDR)
+    assert ptr.name == "_upnp-test._tcp.local."
+    assert (srv.rdata.port, srv.rdata.target.to_text()) == (port, f"{mac}.local.")
+    assert txt.rdata.strings == (b"path=/Device",)
+    assert device.stop() == ("", 0)
+    goodbye = next_announcement(peer, mac, timeout=5.0)
+    assert goodbye is not None and {r.ttl for r in goodbye.answers + goodbye.additional} == {0}
+
+
 BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
