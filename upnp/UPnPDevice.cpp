@@ -1,7 +1,8 @@
 // The running device: the HTTP server whose every request lands in
 // UPnPDevice_HandleRequest (body reading, the server's hook, exact-path
 // dispatch to description, SCPD and control), and the device thread that
-// follows the network interfaces and keeps one SSDP engine per interface.
+// follows the network interfaces and keeps one SSDP engine and one mDNS
+// responder per interface.
 #include "upnp/UPnPDevice.h"
 
 #include <netdb.h>
@@ -10,6 +11,7 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <cstdio>
 #include <mutex>
 #include <new>
 #include <string_view>
@@ -17,6 +19,7 @@
 
 #include "http/HTTPServer.h"
 #include "http/NetworkInterface.h"
+#include "mdns/MDNS.h"
 #include "ssdp/SSDP.h"
 
 namespace {
@@ -26,6 +29,7 @@ constexpr int64_t kMaxBody = 2097152;
 constexpr int64_t kChunkSizeLimit = 2147483631;
 constexpr size_t kOsTokenLimit = 127;
 constexpr size_t kAddressTextSize = 16;
+constexpr size_t kHardwareTextSize = 18;  // six pairs joined by "-"
 constexpr useconds_t kTickUs = 200000;
 constexpr unsigned kTickMask = 255;
 constexpr unsigned kInterfaceCheckEvery = 20;
@@ -158,6 +162,7 @@ void AddServerHeader(const UPnPDevice* device, HTTPResponse* response, bool cont
 void ReleaseInterfaces(UPnPDevice* device) {
   for (SSDP* engine : device->ssdpEngines) SSDP_delete(engine);
   device->ssdpEngines.clear();
+  for (MDNSResponder* responder : device->mdnsResponders) MDNS_delete(responder);
   device->mdnsResponders.clear();
   NetworkInterface_delete(device->interfaces);
   device->interfaces = nullptr;
@@ -171,8 +176,9 @@ bool SameAddresses(const NetworkInterface* current, const NetworkInterface* fres
   return !current && !fresh;
 }
 
-// Recreates the SSDP engines when the interface addresses changed since the
-// previous check.
+// Recreates the SSDP engines and mDNS responders when the interface addresses
+// changed since the previous check. A responder announces the interface's
+// hardware address as its host name.
 void CheckInterfaces(UPnPDevice* device) {
   NetworkInterface* fresh = NetworkInterface_new();
   if (SameAddresses(device->interfaces, fresh)) {
@@ -196,6 +202,12 @@ void CheckInterfaces(UPnPDevice* device) {
       device->ssdpEngines[slot] = SSDP_new(device->ssdpTargets, device->ssdpTargetCount, device->udn, host,
                                            device->port, device->descriptionPath, kSsdpMaxAge, gOsToken.c_str(),
                                            product.c_str(), "");
+    }
+    if (device->mdnsServices && device->mdnsServiceCount > 0) {
+      char hardware[kHardwareTextSize] = "";
+      std::snprintf(hardware, sizeof hardware, "%02X-%02X-%02X-%02X-%02X-%02X", i->mac[0], i->mac[1], i->mac[2],
+                    i->mac[3], i->mac[4], i->mac[5]);
+      device->mdnsResponders[slot] = MDNS_new(hardware, host, device->mdnsServices, device->mdnsServiceCount);
     }
   }
 }
@@ -260,6 +272,9 @@ bool UPnPDevice_Open(UPnPDevice* device, uint16_t port) {
   device->server = HTTP_new(&device->port, device, ServerStarted, ServerStopped, StoreDevice, nullptr, nullptr,
                             &kDefaultEntry, ConnectionClosed);
   if (!device->server) return false;
+  for (int32_t i = 0; device->mdnsServices && i < device->mdnsServiceCount; ++i) {
+    device->mdnsServices[i].port = device->port;
+  }
   device->running = true;
   try {
     device->thread = std::thread(DeviceThread, device);

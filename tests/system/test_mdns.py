@@ -1,0 +1,393 @@
+"""The mDNS responder on the wire, seen from the peer namespace.
+
+A test-only executable runs one responder on the namespace's interface; the
+tests listen and query from the other end of the veth pair, as another host
+would, and decode every packet with dnspython (python3-dnspython).
+"""
+import collections
+import ctypes
+import os
+import shutil
+import socket
+import struct
+import subprocess
+import threading
+import time
+
+import pytest
+import dns.exception
+import dns.flags
+import dns.message
+import dns.name
+import dns.rdata
+import dns.rdataclass
+import dns.rdatatype
+
+from conftest import BUILD, Process
+
+GROUP = "224.0.0.251"
+PORT = 5353
+ADDR = os.environ.get("DMS_NETNS_ADDR", "10.77.0.1")
+PEER_ADDR = os.environ.get("DMS_NETNS_PEER_ADDR", "10.77.0.2")
+CLONE_NEWNET = 0x40000000
+CACHE_FLUSH = 0x8000
+
+Record = collections.namedtuple("Record", "name type cache_flush ttl rdata")
+Packet = collections.namedtuple("Packet", "id flags counts answers additional raw")
+
+
+def in_peer_namespace(make):
+    """Calls make() with this thread moved into the peer namespace; sockets it
+    creates stay there."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    with open("/proc/thread-self/ns/net") as home, \
+            open(f"/run/netns/{os.environ['DMS_NETNS_PEER']}") as peer:
+        if libc.setns(peer.fileno(), CLONE_NEWNET) != 0:
+            raise OSError(ctypes.get_errno(), "setns to the peer namespace")
+        try:
+            return make()
+        finally:
+            if libc.setns(home.fileno(), CLONE_NEWNET) != 0:
+                raise OSError(ctypes.get_errno(), "setns back")
+
+
+def peer_socket():
+    """A socket of the peer host on the mDNS group and port."""
+    def make():
+        sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        sock.bind(("", PORT))
+        sock.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                        socket.inet_aton(GROUP) + socket.inet_aton(PEER_ADDR))
+        sock.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(PEER_ADDR))
+        sock.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_LOOP, 0)
+        return sock
+    return in_peer_namespace(make)
+
+
+def decode(raw):
+    """Walks the sections; dnspython decodes each name and record data in class
+    IN (it does not know the cache-flush bit, which is split off here)."""
+    ident, flags, *counts = struct.unpack_from("!6H", raw)
+    offset = 12
+    for _ in range(counts[0]):
+        _, used = dns.name.from_wire(raw, offset)
+        offset += used + 4
+    records = []
+    for _ in range(sum(counts[1:])):
+        name, used = dns.name.from_wire(raw, offset)
+        offset += used
+        rtype, rclass, ttl, length = struct.unpack_from("!HHIH", raw, offset)
+        offset += 10
+        assert rclass & ~CACHE_FLUSH == dns.rdataclass.IN
+        rdata = dns.rdata.from_wire(dns.rdataclass.IN, rtype, raw, offset, length)
+        offset += length
+        records.append(Record(name.to_text(), rtype, bool(rclass & CACHE_FLUSH), ttl, rdata))
+    assert offset == len(raw), "bytes after the last record"
+    return Packet(ident, flags, counts, records[:counts[1]], records[counts[1] + counts[2]:], raw)
+
+
+def announcements(sock, host, timeout):
+    """Yields (arrival time, Packet) for every response whose first answer is
+    the A record of host.local, until `timeout` seconds have passed."""
+    deadline = time.monotonic() + timeout
+    owner = f"{host}.local."
+    while (left := deadline - time.monotonic()) > 0:
+        sock.settimeout(left)
+        try:
+            raw = sock.recv(65536)
+        except socket.timeout:
+            return
+        # Only our packets are decoded strictly: responses without questions
+        # whose first owner is the host name.
+        if len(raw) < 12 or not raw[2] & 0x80 or raw[4:6] != b"\0\0":
+            continue
+        try:
+            first, _ = dns.name.from_wire(raw, 12)
+        except dns.exception.DNSException:
+            continue
+        if first.to_text() != owner:
+            continue
+        packet = decode(raw)
+        if packet.answers and packet.answers[0].type == dns.rdatatype.A:
+            yield time.monotonic(), packet
+
+
+def next_announcement(sock, host, timeout=5.0):
+    for _, packet in announcements(sock, host, timeout):
+        return packet
+    return None
+
+
+def start_responder(host, *services):
+    """Runs mdns_test_responder; services are (instance, type, port, text)."""
+    args = [str(BUILD / "mdns_test_responder"), host, ADDR]
+    for service in services:
+        args += [str(field) for field in service]
+    proc = Process(args, cwd=BUILD)
+    assert proc.popen.stdout.readline() == b"ready\n", proc.stop()
+    return proc
+
+
+@pytest.fixture
+def responder():
+    started = []
+
+    def start(host, *services):
+        proc = start_responder(host, *services)
+        started.append(proc)
+        return proc
+
+    yield start
+    for proc in started:
+        proc.stop()
+
+
+@pytest.fixture
+def peer():
+    sock = peer_socket()
+    yield sock
+    sock.close()
+
+
+class CadenceWatch:
+    """A responder left alone for the whole module while a thread notes when
+    its announcements arrive; the last test of the module reads them, so the
+    30-second wait overlaps every other test."""
+    HOST = "cadence"
+
+    def __init__(self):
+        self.sock = peer_socket()
+        self.arrivals = []
+        self.started = time.monotonic()
+        self.proc = start_responder(self.HOST, ("Cadence", "_cadence._tcp", 9, "x"))
+        self.stopping = threading.Event()
+        self.thread = threading.Thread(target=self.watch, daemon=True)
+        self.thread.start()
+
+    def watch(self):
+        while not self.stopping.is_set():
+            for arrival, _ in announcements(self.sock, self.HOST, 0.5):
+                self.arrivals.append(arrival - self.started)
+
+    def close(self):
+        self.proc.stop()
+        self.stopping.set()
+        self.thread.join()
+        self.sock.close()
+
+
+@pytest.fixture(scope="module", autouse=True)
+def cadence():
+    watch = CadenceWatch()
+    yield watch
+    watch.close()
+
+
+def query(name, rtype, response=False):
+    message = dns.message.make_query(name, rtype)
+    message.id = 0
+    if response:
+        message.flags |= dns.flags.QR
+    return message.to_wire()
+
+
+def test_announcement_carries_host_and_service_records(responder, peer):
+    responder("box", ("Box Media", "_http._tcp", 8200, "path=/\nversion=1"),
+              ("Box Files", "_smb._tcp", 445, ""))
+    packet = next_announcement(peer, "box")
+    assert packet is not None, "no announcement within 5 s of start"
+    assert (packet.id, packet.flags) == (0, 0x8400)
+    assert packet.counts == [0, 7, 0, 3]
+    # Every name after the A record's owner reaches "local" by a pointer.
+    assert packet.raw.count(b"\x05local") == 1
+
+    a, *answers = packet.answers
+    assert (a.name, a.type, a.cache_flush, a.ttl, a.rdata.address) == ("box.local.", 1, True, 120, ADDR)
+    services = [("Box Media", "_http._tcp", 8200, (b"path=/", b"version=1")),
+                ("Box Files", "_smb._tcp", 445, (b"",))]
+    for (instance, stype, port, strings), (ptr, srv, txt) in zip(services, zip(*[iter(answers)] * 3)):
+        full = f"{instance}.{stype}.local."
+        assert (ptr.name, ptr.type, ptr.cache_flush, ptr.ttl) == (f"{stype}.local.", 12, False, 120)
+        assert dns.name.from_text(full) == ptr.rdata.target
+        assert dns.name.from_text(full) == dns.name.from_text(srv.name)
+        assert (srv.type, srv.cache_flush, srv.ttl) == (33, True, 120)
+        assert (srv.rdata.priority, srv.rdata.weight, srv.rdata.port) == (0, 0, port)
+        assert srv.rdata.target.to_text() == "box.local."
+        assert dns.name.from_text(full) == dns.name.from_text(txt.name)
+        assert (txt.type, txt.cache_flush, txt.ttl, txt.rdata.strings) == (16, True, 120, strings)
+
+    host_nsec, *service_nsecs = packet.additional
+    assert (host_nsec.name, host_nsec.type, host_nsec.cache_flush, host_nsec.ttl) == ("box.local.", 47, True, 120)
+    assert host_nsec.rdata.next.to_text() == "box.local."
+    assert host_nsec.rdata.windows == ((0, b"\x40"),)
+    for (instance, stype, _, _), nsec in zip(services, service_nsecs):
+        owner = dns.name.from_text(f"{instance}.{stype}.local.")
+        assert dns.name.from_text(nsec.name) == owner and nsec.rdata.next == owner
+        assert (nsec.type, nsec.cache_flush, nsec.ttl) == (47, True, 120)
+        assert nsec.rdata.windows == ((0, b"\x00\x00\x80\x00\x40"),)  # TXT and SRV
+
+
+def test_only_a_pointer_query_for_a_service_type_triggers_a_packet(responder, peer):
+    responder("quiet", ("Quiet", "_quiet._tcp", 80, "a=1"))
+    assert next_announcement(peer, "quiet") is not None
+    for wire in (query("quiet.local.", "A"),
+                 query("Quiet._quiet._tcp.local.", "SRV"),
+                 query("_quiet._tcp.local.", "ANY"),
+                 query("_other._tcp.local.", "PTR"),
+                 query("_quiet._udp.local.", "PTR"),
+                 query("_quiet._tcp.local.", "PTR", response=True)):
+        peer.sendto(wire, (GROUP, PORT))
+    assert next_announcement(peer, "quiet", timeout=2.0) is None
+
+    # A second question whose name ends in a pointer into the first one.
+    compressed = (struct.pack("!6H", 0, 0, 2, 0, 0, 0)
+                  + b"\x06_dummy\x04_udp\x05local\x00" + struct.pack("!HH", 1, 1)
+                  + b"\x06_quiet\x04_tcp\xc0\x18" + struct.pack("!HH", 12, 1))
+    for wire in (query("_quiet._tcp.local.", "PTR"), compressed):
+        sent = time.monotonic()
+        peer.sendto(wire, (GROUP, PORT))
+        packet = next_announcement(peer, "quiet", timeout=3.0)
+        assert packet is not None, "a matching PTR query went unanswered"
+        assert time.monotonic() - sent < 3.0
+        assert packet.answers[1].name == "_quiet._tcp.local."
+
+
+def test_stop_sends_the_packet_again_with_every_ttl_zero(responder, peer):
+    proc = responder("bye", ("Bye", "_bye._tcp", 7000, "k=v"))
+    hello = next_announcement(peer, "bye")
+    assert hello is not None
+    assert proc.stop() == ("", 0)
+    goodbye = next_announcement(peer, "bye", timeout=5.0)
+    assert goodbye is not None, "no goodbye packet"
+    records = goodbye.answers + goodbye.additional
+    assert len(records) == 6 and all(record.ttl == 0 for record in records)
+    assert records == [record._replace(ttl=0) for record in hello.answers + hello.additional]
+
+
+def test_stop_is_prompt_after_the_interface_lost_its_address(peer):
+    """Responders are deleted when addresses change; the loop-back wake-up
+    cannot reach the thread then, and the stop must not wait for the next
+    30-second poll."""
+    extra = "10.77.0.3"
+    subprocess.run(["ip", "addr", "add", f"{extra}/24", "dev", "dms0"], check=True)
+    try:
+        proc = Process([str(BUILD / "mdns_test_responder"), "gone", extra, "Gone", "_gone._tcp", "9", "x"],
+                       cwd=BUILD)
+        assert proc.popen.stdout.readline() == b"ready\n", proc.stop()
+        # Past the first announcement the thread waits 30 s for input.
+        assert next_announcement(peer, "gone") is not None
+    finally:
+        subprocess.run(["ip", "addr", "del", f"{extra}/24", "dev", "dms0"], check=True)
+    assert proc.stop(timeout=10.0) == ("", 0)
+
+
+def test_invalid_service_makes_creation_fail(responder):
+    binary = str(BUILD / "mdns_test_responder")
+    for services in ([("Zero", "_z._tcp", "0", "t")],
+                     [("Good", "_g._tcp", "80", "t"), ("Zero", "_z._tcp", "0", "t")],
+                     []):
+        args = [binary, "zero", ADDR] + [field for service in services for field in service]
+        result = subprocess.run(args, capture_output=True, timeout=10)
+        assert result.returncode == 1 and result.stdout == b"", services
+    # The same arguments with a real port start a responder.
+    responder("zero", ("Good", "_g._tcp", 80, "t"))
+
+
+def test_device_thread_runs_a_responder_per_interface(process, peer):
+    """A UPnP device that lists a service: its interface check starts a
+    responder on dms0 named after the hardware address, advertising the bound
+    HTTP port, and closing the device sends the goodbye."""
+    device = process("mdns_test_device")
+    port = device.wait_port()
+    mac = open("/sys/class/net/dms0/address").read().strip().upper().replace(":", "-")
+    packet = next_announcement(peer, mac, timeout=15.0)
+    assert packet is not None, "no announcement after the first interface check"
+    a, ptr, srv, txt = packet.answers
+    assert (a.ttl, a.rdata.address) == (120, ADDR)
+    assert ptr.name == "_upnp-test._tcp.local."
+    assert (srv.rdata.port, srv.rdata.target.to_text()) == (port, f"{mac}.local.")
+    assert txt.rdata.strings == (b"path=/Device",)
+    assert device.stop() == ("", 0)
+    goodbye = next_announcement(peer, mac, timeout=5.0)
+    assert goodbye is not None and {r.ttl for r in goodbye.answers + goodbye.additional} == {0}
+
+
+BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <listen>unix:path={socket}</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+"""
+
+AVAHI_CONFIG = """[server]
+host-name=peer
+use-ipv4=yes
+use-ipv6=no
+allow-interfaces=dms1
+enable-dbus=yes
+[wide-area]
+enable-wide-area=no
+[publish]
+disable-publishing=yes
+"""
+
+
+@pytest.mark.skipif(not all(map(shutil.which, ("dbus-daemon", "avahi-daemon", "avahi-browse"))),
+                    reason="needs dbus-daemon, avahi-daemon and avahi-utils")
+def test_avahi_in_the_peer_namespace_resolves_the_service(responder, tmp_path):
+    """A stock mDNS stack as the other host: its own bus and daemon, bound to
+    the peer end of the veth pair only."""
+    responder("box", ("Box Media", "_http._tcp", 8200, "path=/\nversion=1"))
+    bus = tmp_path / "bus"
+    (tmp_path / "bus.conf").write_text(BUS_CONFIG.format(socket=bus))
+    (tmp_path / "avahi.conf").write_text(AVAHI_CONFIG)
+    env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=f"unix:path={bus}")
+    in_peer = ["ip", "netns", "exec", os.environ["DMS_NETNS_PEER"]]
+    daemons = []
+    try:
+        daemons.append(subprocess.Popen(
+            in_peer + ["dbus-daemon", f"--config-file={tmp_path / 'bus.conf'}", "--nofork", "--nopidfile"],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))
+        bus_deadline = time.monotonic() + 10
+        while not bus.exists() and time.monotonic() < bus_deadline:
+            time.sleep(0.05)
+        daemons.append(subprocess.Popen(
+            in_peer + ["avahi-daemon", "--no-drop-root", "--no-chroot", "--no-rlimits",
+                       "-f", str(tmp_path / "avahi.conf")],
+            env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))
+        resolved = []
+        deadline = time.monotonic() + 20
+        while not resolved and time.monotonic() < deadline:
+            browse = subprocess.run(in_peer + ["avahi-browse", "-r", "-t", "-p", "_http._tcp"],
+                                    env=env, capture_output=True, timeout=20)
+            resolved = [line.split(";") for line in browse.stdout.decode().splitlines()
+                        if line.startswith("=;")]
+            if not resolved:
+                time.sleep(0.5)
+    finally:
+        for daemon in reversed(daemons):
+            daemon.terminate()
+            daemon.wait(10)
+    assert resolved, "avahi-browse found nothing"
+    fields = resolved[0]
+    assert fields[1:4] == ["dms1", "IPv4", "Box\\032Media"]
+    assert fields[5:9] == ["local", "box.local", ADDR, "8200"]
+    assert set(fields[9].split(" ")) == {'"path=/"', '"version=1"'}
+
+
+def test_announces_every_30_seconds_without_queries(cadence):
+    """Last in the module: by now most of the wait has passed."""
+    deadline = cadence.started + 36.0
+    while len(cadence.arrivals) < 2 and time.monotonic() < deadline:
+        time.sleep(0.2)
+    arrivals = list(cadence.arrivals)
+    assert len(arrivals) >= 2, f"announcements at {arrivals}"
+    assert arrivals[0] < 3.0
+    assert 28.0 <= arrivals[1] - arrivals[0] <= 32.5
