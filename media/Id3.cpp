@@ -13,6 +13,8 @@
 #include <string>
 #include <string_view>
 
+#include "media/Genres.h"
+
 namespace {
 
 constexpr int64_t kTagHeaderSize = 10;
@@ -38,31 +40,6 @@ enum Id3Encoding : uint8_t {
   Id3Encoding_Utf16BE = 2,
   Id3Encoding_Utf8 = 3,
 };
-
-// ID3v1 genre numbers 0-147 (with the later player extensions); the rest of
-// the 256 slots have no name.
-constexpr std::array<const char*, 256> kGenreNames = {
-    "Blues", "Classic Rock", "Country", "Dance", "Disco", "Funk", "Grunge", "Hip-Hop", "Jazz",
-    "Metal", "New Age", "Oldies", "Other", "Pop", "R&B", "Rap", "Reggae", "Rock", "Techno",
-    "Industrial", "Alternative", "Ska", "Death Metal", "Pranks", "Soundtrack", "Euro-Techno",
-    "Ambient", "Trip-Hop", "Vocal", "Jazz+Funk", "Fusion", "Trance", "Classical", "Instrumental",
-    "Acid", "House", "Game", "Sound Clip", "Gospel", "Noise", "AlternRock", "Bass", "Soul",
-    "Punk", "Space", "Meditative", "Instrumental Pop", "Instrumental Rock", "Ethnic", "Gothic",
-    "Darkwave", "Techno-Industrial", "Electronic", "Pop-Folk", "Eurodance", "Dream",
-    "Southern Rock", "Comedy", "Cult", "Gangsta", "Top 40", "Christian Rap", "Pop/Funk",
-    "Jungle", "Native American", "Cabaret", "New Wave", "Psychadelic", "Rave", "Showtunes",
-    "Trailer", "Lo-Fi", "Tribal", "Acid Punk", "Acid Jazz", "Polka", "Retro", "Musical",
-    "Rock & Roll", "Hard Rock", "Folk", "Folk-Rock", "National Folk", "Swing", "Fast Fusion",
-    "Bebob", "Latin", "Revival", "Celtic", "Bluegrass", "Avantgarde", "Gothic Rock",
-    "Progressive Rock", "Psychedelic Rock", "Symphonic Rock", "Slow Rock", "Big Band", "Chorus",
-    "Easy Listening", "Acoustic", "Humour", "Speech", "Chanson", "Opera", "Chamber Music",
-    "Sonata", "Symphony", "Booty Bass", "Primus", "Porn Groove", "Satire", "Slow Jam", "Club",
-    "Tango", "Samba", "Folklore", "Ballad", "Power Ballad", "Rhythmic Soul", "Freestyle", "Duet",
-    "Punk Rock", "Drum Solo", "A capella", "Euro-House", "Dance Hall", "Goa", "Drum & Bass",
-    "Club-House", "Hardcore", "Terror", "Indie", "BritPop", "Afro-Punk", "Polsk Punk", "Beat",
-    "Christian Gangsta Rap", "Heavy Metal", "Black Metal", "Crossover", "Contemporary Christian",
-    "Christian Rock", "Merengue", "Salsa", "Thrash Metal", "Anime", "JPop", "SynthPop"};
-static_assert(kGenreNames[79] != nullptr && kGenreNames[147] != nullptr && kGenreNames[148] == nullptr);
 
 enum class FrameKind { Title, Artist, Album, Genre, Picture, Year, Day, Time, Other };
 
@@ -158,8 +135,9 @@ std::optional<std::string> genreFromText(std::optional<std::string> text) {
     return text;
   }
   if (number < 0 || number > 255) return text;
-  if (!kGenreNames[static_cast<size_t>(number)]) return std::nullopt;
-  return std::string(kGenreNames[static_cast<size_t>(number)]);
+  const char* name = MediaGenre_Name(static_cast<unsigned>(number));
+  if (!name) return std::nullopt;
+  return std::string(name);
 }
 
 // Scans `count` raw characters with "%d".
