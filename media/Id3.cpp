@@ -7,8 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <cstdio>
-#include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -131,7 +129,8 @@ std::optional<std::string> decodeText(int fd, uint32_t size) {
 std::optional<std::string> genreFromText(std::optional<std::string> text) {
   if (!text) return text;
   int number = 0;
-  if (std::sscanf(text->c_str(), "(%d)", &number) != 1 && std::sscanf(text->c_str(), "%d", &number) != 1) {
+  if (MediaScan_Ints(text->c_str(), "(%d)", &number, 1) != 1 &&
+      MediaScan_Ints(text->c_str(), "%d", &number, 1) != 1) {
     return text;
   }
   if (number < 0 || number > 255) return text;
@@ -140,11 +139,10 @@ std::optional<std::string> genreFromText(std::optional<std::string> text) {
   return std::string(name);
 }
 
-// Scans `count` raw characters with "%d".
+// Scans `count` raw characters with "%d"; a zero byte ends the text.
 bool scanNumber(const uint8_t* bytes, size_t count, int& value) {
-  char text[8] = {};
-  std::copy_n(bytes, std::min(count, sizeof text - 1), text);
-  return std::sscanf(text, "%d", &value) == 1;
+  const std::string_view text(reinterpret_cast<const char*>(bytes), count);
+  return MediaScan_Ints(text.substr(0, text.find('\0')), "%d", &value, 1) == 1;
 }
 
 struct TagDate {
@@ -161,7 +159,7 @@ void readYear(int fd, uint32_t size, TagDate& date) {
     return;
   }
   const std::optional<std::string> text = decodeText(fd, size);
-  if (text && std::sscanf(text->c_str(), "%d", &year) == 1) date.year = year;
+  if (text && MediaScan_Ints(text->c_str(), "%d", &year, 1) == 1) date.year = year;
 }
 
 // DDMM as four raw characters.
@@ -310,12 +308,9 @@ void readFrames(int fd, int64_t position, uint32_t size, unsigned version, uint8
 
 void applyDate(const TagDate& date, MediaStream& stream) {
   if (!date.year) return;
-  std::tm time{};
-  time.tm_year = *date.year - 1900;
-  time.tm_mon = date.month ? *date.month - 1 : 0;
-  time.tm_mday = date.day ? *date.day : 1;
-  const time_t seconds = timegm(&time);
-  if (seconds != static_cast<time_t>(-1)) stream.date = static_cast<int32_t>(seconds);
+  if (auto seconds = MediaDate_Make(*date.year, date.month.value_or(1), date.day.value_or(1), 0, 0, 0)) {
+    stream.date = *seconds;
+  }
 }
 
 }  // namespace

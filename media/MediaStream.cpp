@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cerrno>
@@ -230,4 +231,26 @@ std::optional<int32_t> MediaDate_Make(int year, int month, int day, int hour, in
   const int64_t seconds = static_cast<int64_t>(::timegm(&parts));
   if (seconds == -1 || seconds < INT32_MIN || seconds > INT32_MAX) return std::nullopt;
   return static_cast<int32_t>(seconds);
+}
+
+std::optional<int32_t> MediaDate_Scan(std::string_view text, std::initializer_list<std::string_view> formats,
+                                      int required) {
+  constexpr int kFields = 6;
+  int best[kFields] = {};
+  int bestCount = 0;
+  for (std::string_view format : formats) {
+    int fields[kFields];
+    const int count = std::min(MediaScan_Ints(text, format, fields, kFields), kFields);
+    if (count <= bestCount) continue;
+    bestCount = count;
+    std::copy_n(fields, count, best);
+  }
+  if (bestCount < 1 || bestCount < required) return std::nullopt;
+  return MediaDate_Make(best[0], bestCount >= 2 ? best[1] : 1, bestCount >= 3 ? best[2] : 1,
+                        bestCount >= 4 ? best[3] : 0, bestCount >= 5 ? best[4] : 0, bestCount >= 6 ? best[5] : 0);
+}
+
+std::optional<int32_t> MediaDate_ScanStamp(std::string_view text) {
+  constexpr int kStampFields = 6;
+  return MediaDate_Scan(text, {"%d:%d:%d %d:%d:%d", "%d-%d-%d %d:%d:%d", "%d-%d-%dT%d:%d:%d"}, kStampFields);
 }

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -118,3 +119,15 @@ int MediaScan_Ints(std::string_view text, std::string_view format, int* values, 
 // of range roll over as with timegm. Empty when the time is not representable
 // in 32 bits or comes out as -1 (timegm's failure value).
 std::optional<int32_t> MediaDate_Make(int year, int month, int day, int hour, int minute, int second);
+
+// A date text read by scanning it with each of `formats` in turn (as
+// MediaScan_Ints does, with the fields in the order year, month, day, hour,
+// minute, second). The first format that reads the most numbers wins; fields
+// it lacks default to 1 January, 00:00:00. Empty when fewer than `required`
+// numbers were read or MediaDate_Make refuses the result.
+std::optional<int32_t> MediaDate_Scan(std::string_view text, std::initializer_list<std::string_view> formats,
+                                      int required);
+
+// Photo-style time stamps: "Y:M:D h:m:s", "Y-M-D h:m:s" or "Y-M-DTh:m:s", all
+// six numbers required.
+std::optional<int32_t> MediaDate_ScanStamp(std::string_view text);

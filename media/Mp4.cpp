@@ -7,10 +7,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstdint>
 #include <cstring>
-#include <ctime>
 #include <initializer_list>
 #include <limits>
 #include <memory>
@@ -190,31 +188,6 @@ class BoxWalk {
   int64_t end_;
   unsigned left_;
 };
-
-// Reads the decimal numbers of a "year-month-day" text the way a "%d-%d-%d"
-// scan does and returns how many were read. Values saturate instead of
-// overflowing.
-int scanDateNumbers(const char* text, int numbers[3]) {
-  constexpr int64_t kSaturation = 100000000;
-  const char* p = text;
-  int count = 0;
-  for (; count < 3; ++count) {
-    if (count > 0) {
-      if (*p != '-') break;
-      ++p;
-    }
-    while (std::isspace(static_cast<unsigned char>(*p))) ++p;
-    bool negative = *p == '-';
-    if (*p == '-' || *p == '+') ++p;
-    if (!std::isdigit(static_cast<unsigned char>(*p))) break;
-    int64_t value = 0;
-    for (; std::isdigit(static_cast<unsigned char>(*p)); ++p) {
-      value = std::min(kSaturation, value * 10 + (*p - '0'));
-    }
-    numbers[count] = static_cast<int>(negative ? -value : value);
-  }
-  return count;
-}
 
 struct Mp4Parser {
   int fd;
@@ -513,20 +486,7 @@ void Mp4Parser::readDay(int64_t position, int64_t length) {
       !readBytesAt(fd, position, text.data(), size_t(length))) {
     return;
   }
-  int numbers[3] = {};
-  const int count = scanDateNumbers(text.data(), numbers);
-  if (count == 0) return;
-  std::tm date{};
-  date.tm_year = numbers[0] - 1900;
-  date.tm_mon = count >= 2 ? numbers[1] - 1 : 0;
-  date.tm_mday = count >= 3 ? numbers[2] : 1;
-  const int64_t seconds = timegm(&date);
-  // A date outside the 32-bit range fails like an unrepresentable one.
-  if (seconds == -1 || seconds < std::numeric_limits<int32_t>::min() ||
-      seconds > std::numeric_limits<int32_t>::max()) {
-    return;
-  }
-  stream.date = int32_t(seconds);
+  if (auto date = MediaDate_Scan(text.data(), {"%d-%d-%d"}, 1)) stream.date = *date;
 }
 
 }  // namespace

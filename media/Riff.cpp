@@ -3,9 +3,7 @@
 // and from an embedded ID3v2 tag ("id3 " chunk); a later chunk's value
 // replaces an earlier one.
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -107,25 +105,8 @@ void readInfoDate(int fd, const RiffChunk& chunk, MediaStream& stream) {
   char text[kMaxInfoDate + 1] = {};
   const size_t count = std::min<size_t>(chunk.size, kMaxInfoDate);
   if (!readChunkData(fd, chunk, reinterpret_cast<uint8_t*>(text), count)) return;
-  int year = 0, month = 1, day = 1;
-  int numbers = std::sscanf(text, "%d-%d-%d", &year, &month, &day);
-  if (numbers < 3) {
-    int colonYear = 0, colonMonth = 1, colonDay = 1;
-    const int colonNumbers = std::sscanf(text, "%d:%d:%d", &colonYear, &colonMonth, &colonDay);
-    if (colonNumbers > numbers) {
-      numbers = colonNumbers;
-      year = colonYear;
-      month = colonMonth;
-      day = colonDay;
-    }
-  }
-  if (numbers < 1) return;
-  std::tm time{};
-  time.tm_year = year - 1900;
-  time.tm_mon = numbers >= 2 ? month - 1 : 0;
-  time.tm_mday = numbers >= 3 ? day : 1;
-  const time_t seconds = timegm(&time);
-  if (seconds != static_cast<time_t>(-1)) stream.date = static_cast<int32_t>(seconds);
+  // The colon form is only taken when it reads more numbers than the dashed one.
+  if (auto date = MediaDate_Scan(text, {"%d-%d-%d", "%d:%d:%d"}, 1)) stream.date = *date;
 }
 
 void readInfoList(int fd, const RiffChunk& list, MediaStream& stream) {

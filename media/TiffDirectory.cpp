@@ -7,9 +7,7 @@
 
 #include <algorithm>
 #include <array>
-#include <climits>
 #include <cstring>
-#include <ctime>
 
 #include "media/MediaStream.h"
 
@@ -47,7 +45,6 @@ constexpr size_t kTextBufferSize = 256;
 constexpr size_t kDateBufferSize = 24;
 constexpr uint32_t kMaxSampleCount = 4;
 constexpr uint32_t kMinDateCount = 5;
-constexpr int kTmYearBase = 1900;
 constexpr uint32_t kSlideDuration = 5000;
 constexpr uint32_t kSlideTimescale = 1000;
 
@@ -175,44 +172,6 @@ uint8_t TiffReadBitsPerSample(const TiffSource& source, const TiffEntry& entry) 
   return static_cast<uint8_t>(sum);
 }
 
-bool TiffIsSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-
-// Reads one number as "%d" does: leading white space, an optional sign, at
-// least one digit. Numbers beyond the range of int are refused.
-bool TiffScanNumber(std::string_view& text, int& number) {
-  size_t at = 0;
-  while (at < text.size() && TiffIsSpace(text[at])) ++at;
-  bool negative = false;
-  if (at < text.size() && (text[at] == '+' || text[at] == '-')) negative = text[at++] == '-';
-  const size_t digitsStart = at;
-  int64_t value = 0;
-  while (at < text.size() && text[at] >= '0' && text[at] <= '9') {
-    value = value * 10 + (text[at++] - '0');
-    if (value > INT_MAX) return false;
-  }
-  if (at == digitsStart) return false;
-  number = static_cast<int>(negative ? -value : value);
-  text.remove_prefix(at);
-  return true;
-}
-
-// Matches `text` against a pattern of six numbers ('d') separated by literal
-// characters; a space in the pattern matches any run of white space.
-bool TiffScanDate(std::string_view text, std::string_view pattern, int (&fields)[6]) {
-  size_t field = 0;
-  for (char expected : pattern) {
-    if (expected == 'd') {
-      if (!TiffScanNumber(text, fields[field++])) return false;
-    } else if (expected == ' ') {
-      while (!text.empty() && TiffIsSpace(text[0])) text.remove_prefix(1);
-    } else {
-      if (text.empty() || text[0] != expected) return false;
-      text.remove_prefix(1);
-    }
-  }
-  return field == 6;
-}
-
 }  // namespace
 
 bool TiffHeader_Read(int fd, int64_t start, int64_t size, TiffSource& source, uint32_t& firstOffset) {
@@ -284,22 +243,7 @@ bool TiffDirectory_ReadExif(const TiffSource& source, uint32_t offset, TiffExifD
 int32_t TiffDate_Parse(std::string_view text) {
   text = text.substr(0, kDateBufferSize - 1);
   text = text.substr(0, text.find('\0'));
-  int fields[6];
-  if (!TiffScanDate(text, "d:d:d d:d:d", fields) && !TiffScanDate(text, "d-d-d d:d:d", fields) &&
-      !TiffScanDate(text, "d-d-dTd:d:d", fields)) {
-    return 0;
-  }
-  if (int64_t{fields[0]} - kTmYearBase < INT_MIN) return 0;
-  std::tm time{};
-  time.tm_year = fields[0] - kTmYearBase;
-  time.tm_mon = fields[1] - 1;
-  time.tm_mday = fields[2];
-  time.tm_hour = fields[3];
-  time.tm_min = fields[4];
-  time.tm_sec = fields[5];
-  const int64_t seconds = timegm(&time);
-  if (seconds == -1 || seconds < INT32_MIN || seconds > INT32_MAX) return 0;
-  return static_cast<int32_t>(seconds);
+  return MediaDate_ScanStamp(text).value_or(0);
 }
 
 int32_t TiffDate_Choose(int32_t dateTime, const TiffExifDirectory& exif) {
