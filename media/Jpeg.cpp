@@ -122,7 +122,7 @@ bool MediaParse_Jpeg(int fd, int64_t offset, int64_t length, MediaStream& stream
   }
 
   if (picture.width != 0 && picture.height != 0 && picture.bitsPerPixel != 0) {
-    stream.streamInfo.push_back(TiffPicture_Stream(1, true, picture.width, picture.height, picture.bitsPerPixel));
+    MediaStream_AddPicture(stream, picture.width, picture.height, picture.bitsPerPixel);
   }
   stream.mediaType = MediaType_Image;
   stream.mimeType = "image/jpeg";

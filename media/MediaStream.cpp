@@ -162,9 +162,9 @@ size_t MediaUtf8_Encode(uint16_t unit, char* out) {
 void MediaStream_AddPicture(MediaStream& stream, uint16_t width, uint16_t height, uint8_t bitsPerPixel) {
   constexpr uint32_t kSlideTime = 5000;  // ms
   StreamInfo picture;
-  picture.streamNumber = 1;
+  picture.streamNumber = static_cast<uint32_t>(stream.streamInfo.size() + 1);
   picture.streamKind = MediaType_Image;
-  picture.enabled = 1;
+  picture.enabled = stream.streamInfo.empty() ? 1 : 0;
   picture.duration = kSlideTime;
   picture.timescale = 1000;
   picture.width = width;

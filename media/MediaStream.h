@@ -105,8 +105,9 @@ void MediaBits_Put(uint8_t* buffer, uint32_t position, unsigned count, uint32_t 
 // and returns the number of bytes written.
 size_t MediaUtf8_Encode(uint16_t unit, char* out);
 
-// Appends the single stream of a still picture: stream 1, enabled, shown for
-// the five-second slide time.
+// Appends the stream of a still picture, shown for the five-second slide
+// time. Pictures are numbered in the order they are added and only the first
+// is enabled (the pages of a multi-page file follow it).
 void MediaStream_AddPicture(MediaStream& stream, uint16_t width, uint16_t height, uint8_t bitsPerPixel);
 
 // Reads integers from `text` as sscanf does with a format made of "%d"

@@ -45,8 +45,6 @@ constexpr size_t kTextBufferSize = 256;
 constexpr size_t kDateBufferSize = 24;
 constexpr uint32_t kMaxSampleCount = 4;
 constexpr uint32_t kMinDateCount = 5;
-constexpr uint32_t kSlideDuration = 5000;
-constexpr uint32_t kSlideTimescale = 1000;
 
 uint16_t TiffDecode16(const TiffSource& source, const uint8_t* bytes) {
   return source.bigEndian ? static_cast<uint16_t>(bytes[0] << 8 | bytes[1])
@@ -250,18 +248,4 @@ int32_t TiffDate_Choose(int32_t dateTime, const TiffExifDirectory& exif) {
   if (exif.dateOriginal != 0) return exif.dateOriginal;
   if (exif.dateDigitized != 0) return exif.dateDigitized;
   return dateTime;
-}
-
-StreamInfo TiffPicture_Stream(uint32_t streamNumber, bool enabled, uint16_t width, uint16_t height,
-                              uint8_t bitsPerPixel) {
-  StreamInfo info;
-  info.streamNumber = streamNumber;
-  info.streamKind = MediaType_Image;
-  info.enabled = enabled ? 1 : 0;
-  info.duration = kSlideDuration;
-  info.timescale = kSlideTimescale;
-  info.width = width;
-  info.height = height;
-  info.bitsPerPixel = bitsPerPixel;
-  return info;
 }
