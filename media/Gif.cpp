@@ -17,7 +17,7 @@ bool MediaParse_Gif(int fd, int64_t offset, int64_t length, MediaStream& stream,
   stream.timescale = 1000;
   if (length < static_cast<int64_t>(kHeaderSize)) return false;
   uint8_t header[kHeaderSize];
-  if (MediaSeek(fd, offset, SEEK_SET) != offset || !MediaRead_Bytes(fd, header, sizeof header)) return false;
+  if (!MediaRead_At(fd, offset, header, sizeof header)) return false;
   const std::string_view signature(reinterpret_cast<const char*>(header), 6);
   if (signature != "GIF87a" && signature != "GIF89a") return false;
 

@@ -317,8 +317,7 @@ void applyDate(const TagDate& date, MediaStream& stream) {
 
 bool Id3_ReadTag(int fd, int64_t start, int64_t length, MediaStream& stream) {
   uint8_t header[kTagHeaderSize];
-  if (start < 0 || length < kTagHeaderSize || MediaSeek(fd, start, SEEK_SET) != start ||
-      !MediaRead_Bytes(fd, header, sizeof header)) {
+  if (start < 0 || length < kTagHeaderSize || !MediaRead_At(fd, start, header, sizeof header)) {
     return false;
   }
   uint32_t size = 0;

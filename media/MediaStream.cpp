@@ -116,6 +116,10 @@ int64_t MediaSeek(int fd, int64_t offset, int whence) {
   return static_cast<int64_t>(::lseek(fd, static_cast<off_t>(offset), whence));
 }
 
+bool MediaRead_At(int fd, int64_t position, void* buffer, size_t count) {
+  return MediaSeek(fd, position, SEEK_SET) == position && MediaRead_Bytes(fd, buffer, count);
+}
+
 uint32_t MediaBits_Get(const uint8_t* buffer, uint32_t position, unsigned count) {
   uint32_t result = 0;
   for (unsigned i = 0; i < count && i < 32; ++i, ++position) {

@@ -93,6 +93,10 @@ bool MediaRead_U64BE(int fd, uint64_t& value);
 // 64-bit lseek: the new position, or a negative value on failure.
 int64_t MediaSeek(int fd, int64_t offset, int whence);
 
+// Reads `count` bytes at file position `position` (a seek, then
+// MediaRead_Bytes); the caller has checked that they lie inside its bounds.
+bool MediaRead_At(int fd, int64_t position, void* buffer, size_t count);
+
 // Up to 32 bits from `buffer` starting at bit `position`, most significant bit
 // of each byte first; the first bit read ends up highest in the result.
 uint32_t MediaBits_Get(const uint8_t* buffer, uint32_t position, unsigned count);

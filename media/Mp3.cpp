@@ -150,7 +150,7 @@ bool parseMp3(int fd, int64_t offset, int64_t length, MediaStream& stream, bool 
   const int64_t nextFrame = layout.firstFrame + first.frameLength;
   uint8_t nextBytes[4];
   FrameHeader next;
-  if (MediaSeek(fd, nextFrame, SEEK_SET) != nextFrame || !MediaRead_Bytes(fd, nextBytes, sizeof nextBytes) ||
+  if (!MediaRead_At(fd, nextFrame, nextBytes, sizeof nextBytes) ||
       MediaSeek(fd, layout.firstFrame, SEEK_SET) != layout.firstFrame ||
       !decodeFrameHeader(nextBytes, next) || !sameStream(first, next)) {
     return false;

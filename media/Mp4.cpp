@@ -122,10 +122,6 @@ bool readU32At(int fd, int64_t position, uint32_t& value) {
   return MediaSeek(fd, position, SEEK_SET) == position && MediaRead_U32BE(fd, value);
 }
 
-bool readBytesAt(int fd, int64_t position, void* buffer, size_t count) {
-  return MediaSeek(fd, position, SEEK_SET) == position && MediaRead_Bytes(fd, buffer, count);
-}
-
 // Reads the header of the box at `position`. The whole box must fit in the
 // `available` bytes of its parent; sizes 0 (to the end of the file) and 2 to
 // 7 are refused, as is a 64-bit size under 16.
@@ -379,7 +375,7 @@ void Mp4Parser::readSampleDescription(const Mp4Box& stsd, StreamInfo& info) {
 
   if (info.streamKind == MediaType_Audio) {
     if (fieldsLength < int64_t(kAudioEntryFields) ||
-        !readBytesAt(fd, fields, bytes.data(), kAudioEntryFields)) {
+        !MediaRead_At(fd, fields, bytes.data(), kAudioEntryFields)) {
       return;
     }
     const uint16_t soundVersion = bigEndian16(&bytes[0]);
@@ -395,7 +391,7 @@ void Mp4Parser::readSampleDescription(const Mp4Box& stsd, StreamInfo& info) {
     info.bitsPerSample = uint8_t(sampleSize);
   } else if (info.streamKind == MediaType_Video) {
     if (fieldsLength < int64_t(kVideoEntryFields) ||
-        !readBytesAt(fd, fields, bytes.data(), kVideoEntryFields)) {
+        !MediaRead_At(fd, fields, bytes.data(), kVideoEntryFields)) {
       return;
     }
     // Behind the version, revision, vendor and two quality words; the depth
@@ -458,7 +454,7 @@ void Mp4Parser::readText(uint32_t dataType, int64_t position, int64_t length,
                          std::optional<std::string>& text) {
   if (length < 1 || length > kMaxTextValue) return;
   std::array<char, kMaxTextValue> bytes;
-  if (!readBytesAt(fd, position, bytes.data(), size_t(length))) return;
+  if (!MediaRead_At(fd, position, bytes.data(), size_t(length))) return;
   if (dataType == kDataUtf8) text.emplace(bytes.data(), strnlen(bytes.data(), size_t(length)));
   else if (dataType == kDataUtf16) text.emplace();
 }
@@ -467,7 +463,7 @@ void Mp4Parser::readText(uint32_t dataType, int64_t position, int64_t length,
 void Mp4Parser::readGenreNumber(int64_t position, int64_t length) {
   std::array<uint8_t, kMaxGenreNumberValue> bytes;
   if (length < 1 || length > kMaxGenreNumberValue ||
-      !readBytesAt(fd, position, bytes.data(), size_t(length))) {
+      !MediaRead_At(fd, position, bytes.data(), size_t(length))) {
     return;
   }
   uint32_t number = 0;
@@ -483,7 +479,7 @@ void Mp4Parser::readGenreNumber(int64_t position, int64_t length) {
 void Mp4Parser::readDay(int64_t position, int64_t length) {
   std::array<char, kMaxTextValue + 1> text{};
   if (length < 1 || length > kMaxTextValue ||
-      !readBytesAt(fd, position, text.data(), size_t(length))) {
+      !MediaRead_At(fd, position, text.data(), size_t(length))) {
     return;
   }
   if (auto date = MediaDate_Scan(text.data(), {"%d-%d-%d"}, 1)) stream.date = *date;

@@ -75,7 +75,7 @@ bool MediaParse_Png(int fd, int64_t offset, int64_t length, MediaStream& stream,
   stream.timescale = 1000;
   if (length < static_cast<int64_t>(kPngSignature.size())) return false;
   uint8_t signature[kPngSignature.size()];
-  if (MediaSeek(fd, offset, SEEK_SET) != offset || !MediaRead_Bytes(fd, signature, sizeof signature)) return false;
+  if (!MediaRead_At(fd, offset, signature, sizeof signature)) return false;
   if (std::memcmp(signature, kPngSignature.data(), sizeof signature) != 0) return false;
 
   PngHeader header;

@@ -54,7 +54,7 @@ class RiffWalker {
   bool next(RiffChunk& chunk) {
     uint8_t header[kChunkHeaderSize];
     if (chunksLeft_ <= 0 || position_ + kChunkHeaderSize > end_ ||
-        MediaSeek(fd_, position_, SEEK_SET) != position_ || !MediaRead_Bytes(fd_, header, sizeof header)) {
+        !MediaRead_At(fd_, position_, header, sizeof header)) {
       return false;
     }
     const uint32_t size = le32(header + 4);
@@ -75,15 +75,10 @@ class RiffWalker {
   int chunksLeft_;
 };
 
-// Reads up to `count` bytes of a chunk's data; false on a short read.
-bool readChunkData(int fd, const RiffChunk& chunk, uint8_t* buffer, size_t count) {
-  return MediaSeek(fd, chunk.data, SEEK_SET) == chunk.data && MediaRead_Bytes(fd, buffer, count);
-}
-
 // The list type of a "LIST" chunk, or empty when it has none.
 std::string_view listType(int fd, const RiffChunk& chunk, char (&type)[4]) {
   if (chunk.id() != "LIST" || chunk.size < 4 ||
-      !readChunkData(fd, chunk, reinterpret_cast<uint8_t*>(type), 4)) {
+      !MediaRead_At(fd, chunk.data, type, 4)) {
     return {};
   }
   return std::string_view(type, 4);
@@ -96,7 +91,7 @@ RiffWalker listBody(int fd, const RiffChunk& list, int maxChunks) {
 void readInfoText(int fd, const RiffChunk& chunk, std::optional<std::string>& target) {
   char text[kMaxInfoText];
   const size_t count = std::min<size_t>(chunk.size, sizeof text);
-  if (!readChunkData(fd, chunk, reinterpret_cast<uint8_t*>(text), count)) return;
+  if (!MediaRead_At(fd, chunk.data, text, count)) return;
   target = std::string(text, std::find(text, text + count, '\0'));
 }
 
@@ -104,7 +99,7 @@ void readInfoText(int fd, const RiffChunk& chunk, std::optional<std::string>& ta
 void readInfoDate(int fd, const RiffChunk& chunk, MediaStream& stream) {
   char text[kMaxInfoDate + 1] = {};
   const size_t count = std::min<size_t>(chunk.size, kMaxInfoDate);
-  if (!readChunkData(fd, chunk, reinterpret_cast<uint8_t*>(text), count)) return;
+  if (!MediaRead_At(fd, chunk.data, text, count)) return;
   // The colon form is only taken when it reads more numbers than the dashed one.
   if (auto date = MediaDate_Scan(text, {"%d-%d-%d", "%d:%d:%d"}, 1)) stream.date = *date;
 }
@@ -127,8 +122,7 @@ void readId3Chunk(int fd, const RiffChunk& chunk, MediaStream& stream) {
 
 bool readRiffHeader(int fd, int64_t offset, int64_t length, std::string_view form, int64_t& end) {
   uint8_t header[kRiffHeaderSize];
-  if (length < kRiffHeaderSize || MediaSeek(fd, offset, SEEK_SET) != offset ||
-      !MediaRead_Bytes(fd, header, sizeof header)) {
+  if (length < kRiffHeaderSize || !MediaRead_At(fd, offset, header, sizeof header)) {
     return false;
   }
   const int64_t riffSize = le32(header + 4);
@@ -152,7 +146,7 @@ struct WavFormat {
 
 WavFormat readWavFormat(int fd, const RiffChunk& chunk) {
   uint8_t raw[kFormatSize];
-  if (!readChunkData(fd, chunk, raw, sizeof raw)) return {};
+  if (!MediaRead_At(fd, chunk.data, raw, sizeof raw)) return {};
   return {le16(raw), le16(raw + 2), le32(raw + 4), le32(raw + 8), le16(raw + 12), le16(raw + 14)};
 }
 
@@ -171,7 +165,7 @@ bool parseWav(int fd, int64_t offset, int64_t length, MediaStream& stream) {
       format = readWavFormat(fd, chunk);
     } else if (chunk.id() == "fact" && chunk.size >= 4) {
       uint8_t raw[4];
-      if (readChunkData(fd, chunk, raw, sizeof raw)) factFrames = le32(raw);
+      if (MediaRead_At(fd, chunk.data, raw, sizeof raw)) factFrames = le32(raw);
     } else if (chunk.id() == "data") {
       dataSize = chunk.size;
     } else if (chunk.id() == "id3 ") {
@@ -215,7 +209,7 @@ uint32_t streamKind(std::string_view type) {
 // The stream header; false when it is too short or describes no time.
 bool readStreamHeader(int fd, const RiffChunk& chunk, StreamInfo& info) {
   uint8_t raw[kStreamHeaderSize];
-  if (chunk.size < kStreamHeaderSize || !readChunkData(fd, chunk, raw, sizeof raw)) return false;
+  if (chunk.size < kStreamHeaderSize || !MediaRead_At(fd, chunk.data, raw, sizeof raw)) return false;
   const uint32_t flags = le32(raw + 8);
   const uint32_t scale = le32(raw + 20);
   const uint32_t rate = le32(raw + 24);
@@ -230,7 +224,7 @@ bool readStreamHeader(int fd, const RiffChunk& chunk, StreamInfo& info) {
 
 void readVideoFormat(int fd, const RiffChunk& chunk, StreamInfo& info) {
   uint8_t raw[kVideoFormatRead];
-  if (chunk.size < kVideoFormatSize || !readChunkData(fd, chunk, raw, sizeof raw)) return;
+  if (chunk.size < kVideoFormatSize || !MediaRead_At(fd, chunk.data, raw, sizeof raw)) return;
   const auto width = static_cast<int32_t>(le32(raw + 4));
   const auto height = static_cast<int32_t>(le32(raw + 8));
   const uint16_t bitCount = le16(raw + 14);

@@ -80,9 +80,8 @@ bool TiffFits(const TiffSource& source, uint32_t offset, int64_t length) {
   return static_cast<int64_t>(offset) + length <= source.size;
 }
 
-bool TiffSeek(const TiffSource& source, uint32_t offset) {
-  const int64_t position = source.start + offset;
-  return MediaSeek(source.fd, position, SEEK_SET) == position;
+bool TiffRead(const TiffSource& source, uint32_t offset, void* buffer, size_t count) {
+  return MediaRead_At(source.fd, source.start + offset, buffer, count);
 }
 
 // Reads the entry list at `offset`: the whole directory must fit, at most
@@ -90,7 +89,7 @@ bool TiffSeek(const TiffSource& source, uint32_t offset) {
 bool TiffReadEntries(const TiffSource& source, uint32_t offset, TiffEntryList& list) {
   if (!TiffFits(source, offset, kCountSize + kNextOffsetSize)) return false;
   uint8_t countBytes[kCountSize];
-  if (!TiffSeek(source, offset) || !MediaRead_Bytes(source.fd, countBytes, sizeof countBytes)) return false;
+  if (!TiffRead(source, offset, countBytes, sizeof countBytes)) return false;
   const uint16_t count = TiffDecode16(source, countBytes);
   const int64_t entriesSize = int64_t{count} * static_cast<int64_t>(kEntrySize);
   if (!TiffFits(source, offset, kCountSize + entriesSize + kNextOffsetSize)) return false;
@@ -132,8 +131,7 @@ std::string TiffReadAscii(const TiffSource& source, const TiffEntry& entry, size
     std::memcpy(buffer, entry.field(), length);
   } else {
     const uint32_t offset = entry.field32(source);
-    if (!TiffFits(source, offset, count) || !TiffSeek(source, offset) ||
-        !MediaRead_Bytes(source.fd, buffer, length)) {
+    if (!TiffFits(source, offset, count) || !TiffRead(source, offset, buffer, length)) {
       return {};
     }
   }
@@ -161,8 +159,7 @@ uint8_t TiffReadBitsPerSample(const TiffSource& source, const TiffEntry& entry) 
   if (count != 3 && count != kMaxSampleCount) return 0;
   const uint32_t offset = entry.field32(source);
   uint8_t samples[kMaxSampleCount * 2];
-  if (!TiffFits(source, offset, int64_t{count} * 2) || !TiffSeek(source, offset) ||
-      !MediaRead_Bytes(source.fd, samples, count * 2)) {
+  if (!TiffFits(source, offset, int64_t{count} * 2) || !TiffRead(source, offset, samples, count * 2)) {
     return 0;
   }
   unsigned sum = 0;
@@ -175,7 +172,7 @@ uint8_t TiffReadBitsPerSample(const TiffSource& source, const TiffEntry& entry) 
 bool TiffHeader_Read(int fd, int64_t start, int64_t size, TiffSource& source, uint32_t& firstOffset) {
   if (size < kHeaderSize) return false;
   uint8_t header[kHeaderSize];
-  if (MediaSeek(fd, start, SEEK_SET) != start || !MediaRead_Bytes(fd, header, sizeof header)) return false;
+  if (!MediaRead_At(fd, start, header, sizeof header)) return false;
   TiffSource candidate{fd, start, size, false};
   const uint16_t mark = static_cast<uint16_t>(header[0] << 8 | header[1]);
   if (mark == kByteOrderBig) candidate.bigEndian = true;
