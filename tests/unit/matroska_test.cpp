@@ -10,6 +10,7 @@
 #include "media/MediaParsers.h"
 #include "media/MediaStream.h"
 #include "tests/fixtures/ByteWriter.h"
+#include "tests/fixtures/JpegFixture.h"
 #include "tests/fixtures/MatroskaFixture.h"
 
 namespace {
@@ -64,7 +65,7 @@ EbmlBytes mkv(const std::vector<EbmlBytes>& children, bool indexed = false) {
 
 TEST(Matroska, VideoWithCoverFillsTheRecord) {
   const EbmlBytes bytes = MatroskaFixture_VideoWithCover();
-  const EbmlBytes jpeg = MatroskaFixture_CoverJpeg();
+  const EbmlBytes jpeg = JpegFixture_Cover();
   auto stream = parse(bytes);
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->mediaType, MediaType_Video);
@@ -232,7 +233,7 @@ TEST(Matroska, CoverNeedsExactNameAndSizeBelowOneMiB) {
 
 TEST(Matroska, CoverOffsetCountsFromTheFileStart) {
   const EbmlBytes bytes = MatroskaFixture_VideoWithCover();
-  const EbmlBytes jpeg = MatroskaFixture_CoverJpeg();
+  const EbmlBytes jpeg = JpegFixture_Cover();
   ByteWriter prefixed;
   prefixed.fill(37, 0x55).bytes(bytes).fill(5, 0x55);
   FixtureFile file(prefixed.data());
@@ -244,7 +245,7 @@ TEST(Matroska, CoverOffsetCountsFromTheFileStart) {
 }
 
 TEST(Matroska, SectionsBehindAClusterAreFoundThroughTheSeekHead) {
-  const EbmlBytes cover = MatroskaFixture_CoverJpeg();
+  const EbmlBytes cover = JpegFixture_Cover();
   const std::vector<EbmlBytes> late = {
       MatroskaFixture_Cluster(), MatroskaFixture_Info(1000000, 4000.0, "Late"),
       tracks({videoTrack()}),

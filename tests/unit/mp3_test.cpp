@@ -11,6 +11,7 @@
 
 #include "media/MediaParsers.h"
 #include "tests/fixtures/ByteWriter.h"
+#include "tests/fixtures/JpegFixture.h"
 #include "tests/fixtures/Mp3Fixture.h"
 
 namespace {
@@ -372,7 +373,7 @@ TEST_F(Mp3DateTest, YearDayAndMonthInUtc) {
 
 TEST(Mp3, AttachedPictures) {
   const std::vector<uint8_t> png(10, 0x89);
-  const std::vector<uint8_t> jpeg = Mp3Fixture_JpegBlob();
+  const std::vector<uint8_t> jpeg = JpegFixture_Cover();
   const auto first = Id3Fixture_Picture(3, "image/png", "one", png);
   const auto second = Id3Fixture_Picture(3, "image/jpeg", "two", jpeg);
   const auto tag = Id3TagBuilder(3).frame("APIC", first).frame("APIC", second).build();

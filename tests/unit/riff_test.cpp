@@ -6,6 +6,7 @@
 
 #include "media/MediaStream.h"
 #include "tests/fixtures/ByteWriter.h"
+#include "tests/fixtures/JpegFixture.h"
 #include "tests/fixtures/Mp3Fixture.h"
 #include "tests/fixtures/RiffFixture.h"
 
@@ -135,7 +136,7 @@ TEST(Wav, LaterTagChunkWins) {
   const auto id3 = RiffFixture_Chunk(
       "id3 ", Id3TagBuilder(3)
                   .text("TIT2", "Tag Title")
-                  .frame("APIC", Id3Fixture_Picture(3, "image/jpeg", "", Mp3Fixture_JpegBlob()))
+                  .frame("APIC", Id3Fixture_Picture(3, "image/jpeg", "", JpegFixture_Cover()))
                   .build());
   const auto info = RiffFixture_List("INFO", {RiffFixture_Chunk("INAM", text("Info Title")),
                                               RiffFixture_Chunk("IART", text("Info Artist"))});
@@ -148,7 +149,7 @@ TEST(Wav, LaterTagChunkWins) {
   EXPECT_EQ(stream->title, "Tag Title");
   EXPECT_EQ(stream->artist, "Info Artist");
   // The cover is located in the file, behind everything but the pad byte.
-  const int64_t jpegSize = static_cast<int64_t>(Mp3Fixture_JpegBlob().size());
+  const int64_t jpegSize = static_cast<int64_t>(JpegFixture_Cover().size());
   EXPECT_STREQ(stream->coverMimeType, "image/jpeg");
   EXPECT_EQ(stream->coverLength, jpegSize);
   EXPECT_EQ(stream->coverOffset, static_cast<int64_t>(infoFirst.size()) - jpegSize - (jpegSize & 1));
