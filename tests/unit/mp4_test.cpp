@@ -10,6 +10,7 @@
 #include "media/Mp4.h"
 #include "tests/fixtures/ByteWriter.h"
 #include "tests/fixtures/Mp4Fixture.h"
+#include "tests/fixtures/PngFixture.h"
 
 namespace {
 
@@ -55,7 +56,7 @@ void patchU32(Mp4Bytes& bytes, size_t at, uint32_t value) {
 }
 
 TEST(Mp4, TaggedAudioWithCover) {
-  const Mp4Bytes cover = Mp4Fixture_CoverPng();
+  const Mp4Bytes cover = PngFixture_Picture(8, 8, "", "");
   const Mp4Bytes bytes = Mp4Fixture_M4a(kMp4DataPng, cover);
   auto stream = parse(bytes);
   ASSERT_NE(stream, nullptr);
