@@ -17,55 +17,55 @@ namespace {
 
 constexpr int64_t kMiB = 1048576;
 
-MediaStreamPtr parse(const EbmlBytes& bytes) {
+MediaStreamPtr parse(const std::vector<uint8_t>& bytes) {
   FixtureFile file(bytes);
   return MediaStream_new(file.fd(), 0, file.size(), true);
 }
 
-bool declined(const EbmlBytes& bytes) {
+bool declined(const std::vector<uint8_t>& bytes) {
   FixtureFile file(bytes);
   MediaStream stream;
   return !MediaParse_Matroska(file.fd(), 0, file.size(), stream, true) &&
          !MediaStream_new(file.fd(), 0, file.size(), true);
 }
 
-int64_t positionOf(const EbmlBytes& haystack, const EbmlBytes& needle) {
+int64_t positionOf(const std::vector<uint8_t>& haystack, const std::vector<uint8_t>& needle) {
   auto found = std::search(haystack.begin(), haystack.end(), needle.begin(), needle.end());
   return found == haystack.end() ? -1 : found - haystack.begin();
 }
 
-EbmlBytes tracks(const std::vector<EbmlBytes>& entries) {
+std::vector<uint8_t> tracks(const std::vector<std::vector<uint8_t>>& entries) {
   ByteWriter payload;
-  for (const EbmlBytes& entry : entries) payload.bytes(entry);
+  for (const std::vector<uint8_t>& entry : entries) payload.bytes(entry);
   return EbmlFixture_Element(MatroskaId::Tracks, payload.data());
 }
 
-EbmlBytes info() { return MatroskaFixture_Info(1000000, 2000.0); }
+std::vector<uint8_t> info() { return MatroskaFixture_Info(1000000, 2000.0); }
 
-EbmlBytes videoTrack(uint64_t number = 1) { return MatroskaFixture_VideoTrack(number, 64, 48); }
+std::vector<uint8_t> videoTrack(uint64_t number = 1) { return MatroskaFixture_VideoTrack(number, 64, 48); }
 
-EbmlBytes audioTrack(std::initializer_list<EbmlBytes> audioChildren) {
+std::vector<uint8_t> audioTrack(std::initializer_list<std::vector<uint8_t>> audioChildren) {
   return EbmlFixture_Master(MatroskaId::TrackEntry,
                             {EbmlFixture_Unsigned(MatroskaId::TrackNumber, 2),
                              EbmlFixture_Unsigned(MatroskaId::TrackType, 2),
                              EbmlFixture_Master(MatroskaId::Audio, audioChildren)});
 }
 
-EbmlBytes track(std::initializer_list<EbmlBytes> children) {
+std::vector<uint8_t> track(std::initializer_list<std::vector<uint8_t>> children) {
   return EbmlFixture_Master(MatroskaId::TrackEntry, children);
 }
 
-EbmlBytes attachments(std::initializer_list<EbmlBytes> files) {
+std::vector<uint8_t> attachments(std::initializer_list<std::vector<uint8_t>> files) {
   return EbmlFixture_Master(MatroskaId::Attachments, files);
 }
 
-EbmlBytes mkv(const std::vector<EbmlBytes>& children, bool indexed = false) {
+std::vector<uint8_t> mkv(const std::vector<std::vector<uint8_t>>& children, bool indexed = false) {
   return MatroskaFixture_File("matroska", children, indexed);
 }
 
 TEST(Matroska, VideoWithCoverFillsTheRecord) {
-  const EbmlBytes bytes = MatroskaFixture_VideoWithCover();
-  const EbmlBytes jpeg = JpegFixture_Cover();
+  const std::vector<uint8_t> bytes = MatroskaFixture_VideoWithCover();
+  const std::vector<uint8_t> jpeg = JpegFixture_Cover();
   auto stream = parse(bytes);
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->mediaType, MediaType_Video);
@@ -126,7 +126,7 @@ TEST(Matroska, MediaTypeAndMimeTypeFollowDocTypeAndTracks) {
 }
 
 TEST(Matroska, OtherDocumentsAreLeftToTheNextParser) {
-  const std::vector<EbmlBytes> body = {info(), tracks({videoTrack()})};
+  const std::vector<std::vector<uint8_t>> body = {info(), tracks({videoTrack()})};
   EXPECT_FALSE(declined(MatroskaFixture_File("matroska", body)));
   for (const char* docType : {"mkv", "Matroska", "webmx", "web", ""}) {
     EXPECT_TRUE(declined(MatroskaFixture_File(docType, body))) << docType;
@@ -188,8 +188,8 @@ TEST(Matroska, DateCountsFrom2001) {
 }
 
 TEST(Matroska, CoverNeedsExactNameAndSizeBelowOneMiB) {
-  const EbmlBytes small = {0xFF, 0xD8, 0x11, 0x22, 0x33, 0xFF, 0xD9};
-  auto coverOf = [&](std::initializer_list<EbmlBytes> files) {
+  const std::vector<uint8_t> small = {0xFF, 0xD8, 0x11, 0x22, 0x33, 0xFF, 0xD9};
+  auto coverOf = [&](std::initializer_list<std::vector<uint8_t>> files) {
     return parse(mkv({info(), tracks({videoTrack()}), attachments(files)}));
   };
 
@@ -199,7 +199,7 @@ TEST(Matroska, CoverNeedsExactNameAndSizeBelowOneMiB) {
   EXPECT_EQ(upper->coverMimeType, nullptr);
 
   // The attachment's own MIME type is not looked at; the first cover wins.
-  const EbmlBytes other = {0xFF, 0xD8, 0x44, 0xFF, 0xD9};
+  const std::vector<uint8_t> other = {0xFF, 0xD8, 0x44, 0xFF, 0xD9};
   auto smallCover = coverOf({MatroskaFixture_Attachment("font.ttf", "font/ttf", {1, 2, 3}),
                              MatroskaFixture_Attachment("small_cover.jpg", "image/png", small),
                              MatroskaFixture_Attachment("cover.jpg", "image/jpeg", other)});
@@ -213,12 +213,10 @@ TEST(Matroska, CoverNeedsExactNameAndSizeBelowOneMiB) {
   ASSERT_NE(empty, nullptr);
   EXPECT_EQ(empty->coverLength, 0);
 
-  auto exact =
-      coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", EbmlBytes(kMiB, 0xAB))});
+  auto exact = coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", std::vector<uint8_t>(kMiB, 0xAB))});
   ASSERT_NE(exact, nullptr);
   EXPECT_EQ(exact->coverLength, 0);
-  auto below =
-      coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", EbmlBytes(kMiB - 1, 0xAB))});
+  auto below = coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", std::vector<uint8_t>(kMiB - 1, 0xAB))});
   ASSERT_NE(below, nullptr);
   EXPECT_EQ(below->coverLength, kMiB - 1);
 
@@ -232,8 +230,8 @@ TEST(Matroska, CoverNeedsExactNameAndSizeBelowOneMiB) {
 }
 
 TEST(Matroska, CoverOffsetCountsFromTheFileStart) {
-  const EbmlBytes bytes = MatroskaFixture_VideoWithCover();
-  const EbmlBytes jpeg = JpegFixture_Cover();
+  const std::vector<uint8_t> bytes = MatroskaFixture_VideoWithCover();
+  const std::vector<uint8_t> jpeg = JpegFixture_Cover();
   ByteWriter prefixed;
   prefixed.fill(37, 0x55).bytes(bytes).fill(5, 0x55);
   FixtureFile file(prefixed.data());
@@ -245,14 +243,13 @@ TEST(Matroska, CoverOffsetCountsFromTheFileStart) {
 }
 
 TEST(Matroska, SectionsBehindAClusterAreFoundThroughTheSeekHead) {
-  const EbmlBytes cover = JpegFixture_Cover();
-  const std::vector<EbmlBytes> late = {
-      MatroskaFixture_Cluster(), MatroskaFixture_Info(1000000, 4000.0, "Late"),
-      tracks({videoTrack()}),
+  const std::vector<uint8_t> cover = JpegFixture_Cover();
+  const std::vector<std::vector<uint8_t>> late = {
+      MatroskaFixture_Cluster(), MatroskaFixture_Info(1000000, 4000.0, "Late"), tracks({videoTrack()}),
       attachments({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", cover)})};
   EXPECT_TRUE(declined(mkv(late, false)));
 
-  const EbmlBytes indexed = mkv(late, true);
+  const std::vector<uint8_t> indexed = mkv(late, true);
   auto stream = parse(indexed);
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->title, "Late");
@@ -262,11 +259,11 @@ TEST(Matroska, SectionsBehindAClusterAreFoundThroughTheSeekHead) {
 
   // An entry is followed only when its position holds the element it names:
   // here the Info entry is relabelled as Attachments.
-  EbmlBytes relabelled = indexed;
-  const EbmlBytes infoSeekId = {0x53, 0xAB, 0x84, 0x15, 0x49, 0xA9, 0x66};
+  std::vector<uint8_t> relabelled = indexed;
+  const std::vector<uint8_t> infoSeekId = {0x53, 0xAB, 0x84, 0x15, 0x49, 0xA9, 0x66};
   const int64_t at = positionOf(relabelled, infoSeekId);
   ASSERT_GT(at, 0);
-  const EbmlBytes attachmentsId = {0x19, 0x41, 0xA4, 0x69};
+  const std::vector<uint8_t> attachmentsId = {0x19, 0x41, 0xA4, 0x69};
   std::copy(attachmentsId.begin(), attachmentsId.end(), relabelled.begin() + at + 3);
   auto misled = parse(relabelled);
   ASSERT_NE(misled, nullptr);
@@ -276,17 +273,17 @@ TEST(Matroska, SectionsBehindAClusterAreFoundThroughTheSeekHead) {
 }
 
 TEST(Matroska, TrackKeepRules) {
-  auto streamsOf = [](std::initializer_list<EbmlBytes> entries) {
-    std::vector<EbmlBytes> all = {videoTrack(100)};
+  auto streamsOf = [](std::initializer_list<std::vector<uint8_t>> entries) {
+    std::vector<std::vector<uint8_t>> all = {videoTrack(100)};
     all.insert(all.end(), entries);
     auto stream = parse(mkv({info(), tracks(all)}));
     return stream ? stream->streamInfo : std::vector<StreamInfo>{};
   };
-  auto numbered = [](uint64_t number, uint64_t type, std::initializer_list<EbmlBytes> more = {}) {
+  auto numbered = [](uint64_t number, uint64_t type, std::initializer_list<std::vector<uint8_t>> more = {}) {
     ByteWriter w;
     w.bytes(EbmlFixture_Unsigned(MatroskaId::TrackNumber, number));
     w.bytes(EbmlFixture_Unsigned(MatroskaId::TrackType, type));
-    for (const EbmlBytes& e : more) w.bytes(e);
+    for (const std::vector<uint8_t>& e : more) w.bytes(e);
     return EbmlFixture_Element(MatroskaId::TrackEntry, w.data());
   };
 
@@ -320,7 +317,7 @@ TEST(Matroska, TrackKeepRules) {
   EXPECT_EQ(sizes[1].height, 65535);
 
   // At most 32 tracks are kept.
-  std::vector<EbmlBytes> many;
+  std::vector<std::vector<uint8_t>> many;
   for (uint64_t n = 1; n <= 40; ++n) many.push_back(MatroskaFixture_AudioTrack(n, 8000.0, 1, 8));
   auto crowded = parse(mkv({info(), tracks(many)}));
   ASSERT_NE(crowded, nullptr);
@@ -330,7 +327,7 @@ TEST(Matroska, TrackKeepRules) {
 
 TEST(Matroska, FailingAudioRejectsItsTrack) {
   using namespace MatroskaId;
-  auto audioKept = [](std::initializer_list<EbmlBytes> audioChildren) -> int {
+  auto audioKept = [](std::initializer_list<std::vector<uint8_t>> audioChildren) -> int {
     auto stream = parse(mkv({info(), tracks({videoTrack(), audioTrack(audioChildren)})}));
     if (!stream) return -1;
     return static_cast<int>(stream->streamCount()) - 1;
@@ -354,7 +351,7 @@ TEST(Matroska, FailingAudioRejectsItsTrack) {
   EXPECT_TRUE(declined(mkv({info(), tracks({audioTrack({EbmlFixture_Unsigned(Channels, 300)})})})));
 
   // Both frequencies land in one value; the later one wins.
-  auto rate = [](std::initializer_list<EbmlBytes> audioChildren) {
+  auto rate = [](std::initializer_list<std::vector<uint8_t>> audioChildren) {
     auto stream = parse(mkv({info(), tracks({audioTrack(audioChildren)})}));
     return stream ? stream->streamInfo[0].sampleRate : 0u;
   };
@@ -390,8 +387,8 @@ TEST(Matroska, UnknownSizesAreBoundedByTheParent) {
 
   // A child claiming more than its parent holds ends that parent's reading;
   // what was read before it stays.
-  const EbmlBytes audio = MatroskaFixture_AudioTrack(2, 48000.0, 2, 16);
-  EbmlBytes overrun = mkv({info(), tracks({videoTrack(1), audio})});
+  const std::vector<uint8_t> audio = MatroskaFixture_AudioTrack(2, 48000.0, 2, 16);
+  std::vector<uint8_t> overrun = mkv({info(), tracks({videoTrack(1), audio})});
   const int64_t audioEntry = positionOf(overrun, audio);
   ASSERT_GT(audioEntry, 0);
   overrun[audioEntry + 1] = 0xFE;  // size 126, beyond the Tracks element

@@ -14,7 +14,7 @@
 
 namespace {
 
-MediaStreamPtr parse(const Mp4Bytes& bytes, bool metadataOnly = true) {
+MediaStreamPtr parse(const std::vector<uint8_t>& bytes, bool metadataOnly = true) {
   FixtureFile file(bytes);
   return MediaStream_new(file.fd(), 0, file.size(), metadataOnly);
 }
@@ -35,29 +35,29 @@ Mp4FixtureTrack videoTrack(uint32_t id) {
 }
 
 // An audio file whose item list holds `items`.
-Mp4Bytes withItems(const Mp4Bytes& items) {
+std::vector<uint8_t> withItems(const std::vector<uint8_t>& items) {
   return Mp4Fixture_Join({Mp4Fixture_Ftyp("M4A "),
                           Mp4Fixture_Box("moov", Mp4Fixture_Join({Mp4Fixture_Track(audioTrack()),
                                                                   Mp4Fixture_UserData(items)}))});
 }
 
 // `count` empty boxes of `type`, e.g. padding in front of the movie.
-Mp4Bytes boxes(int count, const char* type) {
-  Mp4Bytes out;
+std::vector<uint8_t> boxes(int count, const char* type) {
+  std::vector<uint8_t> out;
   for (int i = 0; i < count; ++i) {
-    Mp4Bytes box = Mp4Fixture_Box(type, {});
+    std::vector<uint8_t> box = Mp4Fixture_Box(type, {});
     out.insert(out.end(), box.begin(), box.end());
   }
   return out;
 }
 
-void patchU32(Mp4Bytes& bytes, size_t at, uint32_t value) {
+void patchU32(std::vector<uint8_t>& bytes, size_t at, uint32_t value) {
   for (int i = 0; i < 4; ++i) bytes.at(at + i) = uint8_t(value >> (24 - 8 * i));
 }
 
 TEST(Mp4, TaggedAudioWithCover) {
-  const Mp4Bytes cover = PngFixture_Picture(8, 8, "", "");
-  const Mp4Bytes bytes = Mp4Fixture_M4a(kMp4DataPng, cover);
+  const std::vector<uint8_t> cover = PngFixture_Picture(8, 8, "", "");
+  const std::vector<uint8_t> bytes = Mp4Fixture_M4a(kMp4DataPng, cover);
   auto stream = parse(bytes);
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->mediaType, MediaType_Audio);
@@ -80,8 +80,8 @@ TEST(Mp4, TaggedAudioWithCover) {
   EXPECT_STREQ(stream->coverMimeType, "image/png");
   ASSERT_EQ(stream->coverLength, int64_t(cover.size()));
   ASSERT_LE(stream->coverOffset + stream->coverLength, int64_t(bytes.size()));
-  EXPECT_EQ(Mp4Bytes(bytes.begin() + stream->coverOffset, bytes.begin() + stream->coverOffset + 8),
-            Mp4Bytes(cover.begin(), cover.begin() + 8));
+  EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + stream->coverOffset, bytes.begin() + stream->coverOffset + 8),
+            std::vector<uint8_t>(cover.begin(), cover.begin() + 8));
   EXPECT_EQ(stream->seekInfo, nullptr);
 }
 
@@ -121,26 +121,26 @@ TEST(Mp4, VideoTrackDecidesMimeTypeAndTracksKeepFileOrder) {
 }
 
 TEST(Mp4, FileTypeBoxMustLieInFirst512Bytes) {
-  const Mp4Bytes body = Mp4Fixture_Join(
-      {Mp4Fixture_Ftyp("mp42"), Mp4Fixture_Box("moov", Mp4Fixture_Track(audioTrack()))});
+  const std::vector<uint8_t> body =
+      Mp4Fixture_Join({Mp4Fixture_Ftyp("mp42"), Mp4Fixture_Box("moov", Mp4Fixture_Track(audioTrack()))});
   const size_t ftypSize = Mp4Fixture_Ftyp("mp42").size();
   // Padding so that the file type box ends exactly at byte 512, then one past.
   auto padded = [&](size_t end) {
-    return parse(Mp4Fixture_Join({Mp4Fixture_Box("free", Mp4Bytes(end - ftypSize - 8)), body}));
+    return parse(Mp4Fixture_Join({Mp4Fixture_Box("free", std::vector<uint8_t>(end - ftypSize - 8)), body}));
   };
   auto inside = padded(512);
   ASSERT_NE(inside, nullptr);
   EXPECT_STREQ(inside->mimeType, "audio/mp4");
   EXPECT_EQ(padded(513), nullptr);
   // A file type box without its brand is no file type box.
-  EXPECT_EQ(parse(Mp4Fixture_Join(
-                {Mp4Fixture_Box("ftyp", {'m', 'p'}), Mp4Fixture_Box("free", Mp4Bytes(64))})),
-            nullptr);
+  EXPECT_EQ(
+      parse(Mp4Fixture_Join({Mp4Fixture_Box("ftyp", {'m', 'p'}), Mp4Fixture_Box("free", std::vector<uint8_t>(64))})),
+      nullptr);
 }
 
 TEST(Mp4, MovieBoxMustBeAmongFirstEightTopLevelBoxes) {
-  const Mp4Bytes moov = Mp4Fixture_Box("moov", Mp4Fixture_Track(audioTrack()));
-  const Mp4Bytes bigData = Mp4Fixture_LargeBox("mdat", Mp4Bytes(4096, 0x5A));
+  const std::vector<uint8_t> moov = Mp4Fixture_Box("moov", Mp4Fixture_Track(audioTrack()));
+  const std::vector<uint8_t> bigData = Mp4Fixture_LargeBox("mdat", std::vector<uint8_t>(4096, 0x5A));
   // ftyp, five free boxes and a 64-bit media data box: moov is the eighth box.
   auto found = parse(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), boxes(5, "free"), bigData, moov}));
   ASSERT_NE(found, nullptr);
@@ -155,12 +155,12 @@ TEST(Mp4, MovieBoxMustBeAmongFirstEightTopLevelBoxes) {
 }
 
 TEST(Mp4, RefusedBoxSizes) {
-  const Mp4Bytes good = Mp4Fixture_M4a(kMp4DataJpeg, {0xFF, 0xD8, 0xFF, 0xD9});
+  const std::vector<uint8_t> good = Mp4Fixture_M4a(kMp4DataJpeg, {0xFF, 0xD8, 0xFF, 0xD9});
   const size_t moovAt = Mp4Fixture_Ftyp("M4A ").size();
   ASSERT_EQ(parse(good)->streamCount(), 1);
   // 0 (runs to the end of the file), 2 to 7, and more than the file holds.
   for (uint32_t size : {0u, 2u, 7u, uint32_t(good.size())}) {
-    Mp4Bytes bytes = good;
+    std::vector<uint8_t> bytes = good;
     patchU32(bytes, moovAt, size);
     auto stream = parse(bytes);
     ASSERT_NE(stream, nullptr) << size;
@@ -168,19 +168,19 @@ TEST(Mp4, RefusedBoxSizes) {
     EXPECT_FALSE(stream->title.has_value()) << size;
   }
   // A 64-bit size under 16 is refused too.
-  Mp4Bytes large = Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_LargeBox("free", {}),
-                                    Mp4Fixture_Box("moov", Mp4Fixture_Track(audioTrack()))});
+  std::vector<uint8_t> large = Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_LargeBox("free", {}),
+                                                Mp4Fixture_Box("moov", Mp4Fixture_Track(audioTrack()))});
   ASSERT_EQ(parse(large)->streamCount(), 1);
   const size_t lowSizeByte = Mp4Fixture_Ftyp("isom").size() + 15;
   ASSERT_EQ(large.at(lowSizeByte), 16);
   large[lowSizeByte] = 15;
   EXPECT_EQ(parse(large)->streamCount(), 0);
   // A file type box with size 0 makes the file no MP4 at all.
-  Mp4Bytes noType = good;
+  std::vector<uint8_t> noType = good;
   patchU32(noType, 0, 0);
   EXPECT_EQ(parse(noType), nullptr);
   // A 64-bit media data box in front of the movie is skipped over.
-  const Mp4Bytes mov = Mp4Fixture_Mov();
+  const std::vector<uint8_t> mov = Mp4Fixture_Mov();
   auto movie = parse(mov);
   ASSERT_NE(movie, nullptr);
   ASSERT_EQ(movie->streamCount(), 1);
@@ -208,7 +208,7 @@ TEST(Mp4, MovieHeaderVersionOneReadWithVersionZeroOffsets) {
 }
 
 TEST(Mp4, GenreNumbers) {
-  auto genreOf = [](const Mp4Bytes& value) {
+  auto genreOf = [](const std::vector<uint8_t>& value) {
     auto stream = parse(withItems(Mp4Fixture_Join(
         {Mp4Fixture_TextItem(kMp4ItemGenre, "Earlier"), Mp4Fixture_Item("gnre", 0, value)})));
     return stream ? stream->genre : std::optional<std::string>("(not parsed)");
@@ -226,7 +226,7 @@ TEST(Mp4, GenreNumbers) {
 
 TEST(Mp4, CoverTypesAndSizeLimit) {
   auto coverOf = [](uint32_t type, size_t size) {
-    return parse(withItems(Mp4Fixture_Item("covr", type, Mp4Bytes(size, 0xAB))));
+    return parse(withItems(Mp4Fixture_Item("covr", type, std::vector<uint8_t>(size, 0xAB))));
   };
   auto jpeg = coverOf(kMp4DataJpeg, 1048576);
   ASSERT_NE(jpeg, nullptr);
@@ -241,8 +241,8 @@ TEST(Mp4, CoverTypesAndSizeLimit) {
   EXPECT_EQ(coverOf(kMp4DataPng, 0)->coverLength, 0);
 
   // A later cover replaces an earlier one.
-  const Mp4Bytes covers = Mp4Fixture_Join({Mp4Fixture_Item("covr", kMp4DataJpeg, Mp4Bytes(10)),
-                                           Mp4Fixture_Item("covr", kMp4DataPng, Mp4Bytes(20))});
+  const std::vector<uint8_t> covers = Mp4Fixture_Join({Mp4Fixture_Item("covr", kMp4DataJpeg, std::vector<uint8_t>(10)),
+                                                       Mp4Fixture_Item("covr", kMp4DataPng, std::vector<uint8_t>(20))});
   auto two = parse(withItems(covers));
   ASSERT_NE(two, nullptr);
   EXPECT_STREQ(two->coverMimeType, "image/png");
@@ -276,7 +276,7 @@ TEST(Mp4, TextItemsAndDates) {
 }
 
 TEST(Mp4, IncompleteTracksAreDropped) {
-  auto tracksOf = [](const Mp4Bytes& trak) {
+  auto tracksOf = [](const std::vector<uint8_t>& trak) {
     return parse(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", trak)}))
         ->streamCount();
   };
@@ -296,7 +296,7 @@ TEST(Mp4, IncompleteTracksAreDropped) {
 }
 
 TEST(Mp4, SeekDataOnlyWhenAskedFor) {
-  const Mp4Bytes bytes = Mp4Fixture_Video();
+  const std::vector<uint8_t> bytes = Mp4Fixture_Video();
   EXPECT_EQ(parse(bytes, true)->seekInfo, nullptr);
   auto stream = parse(bytes, false);
   ASSERT_NE(stream, nullptr);
