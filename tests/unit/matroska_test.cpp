@@ -12,15 +12,11 @@
 #include "tests/fixtures/ByteWriter.h"
 #include "tests/fixtures/JpegFixture.h"
 #include "tests/fixtures/MatroskaFixture.h"
+#include "tests/fixtures/MediaProbe.h"
 
 namespace {
 
 constexpr int64_t kMiB = 1048576;
-
-MediaStreamPtr parse(const std::vector<uint8_t>& bytes) {
-  FixtureFile file(bytes);
-  return MediaStream_new(file.fd(), 0, file.size(), true);
-}
 
 bool declined(const std::vector<uint8_t>& bytes) {
   FixtureFile file(bytes);
@@ -66,7 +62,7 @@ std::vector<uint8_t> mkv(const std::vector<std::vector<uint8_t>>& children, bool
 TEST(Matroska, VideoWithCoverFillsTheRecord) {
   const std::vector<uint8_t> bytes = MatroskaFixture_VideoWithCover();
   const std::vector<uint8_t> jpeg = JpegFixture_Cover();
-  auto stream = parse(bytes);
+  auto stream = MediaProbe_Bytes(bytes);
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->mediaType, MediaType_Video);
   EXPECT_STREQ(stream->mimeType, "video/x-matroska");
@@ -96,12 +92,12 @@ TEST(Matroska, VideoWithCoverFillsTheRecord) {
 }
 
 TEST(Matroska, MediaTypeAndMimeTypeFollowDocTypeAndTracks) {
-  auto webm = parse(MatroskaFixture_WebM());
+  auto webm = MediaProbe_Bytes(MatroskaFixture_WebM());
   ASSERT_NE(webm, nullptr);
   EXPECT_EQ(webm->mediaType, MediaType_Video);
   EXPECT_STREQ(webm->mimeType, "video/webm");
 
-  auto mka = parse(MatroskaFixture_AudioWithTitle());
+  auto mka = MediaProbe_Bytes(MatroskaFixture_AudioWithTitle());
   ASSERT_NE(mka, nullptr);
   EXPECT_EQ(mka->mediaType, MediaType_Audio);
   EXPECT_STREQ(mka->mimeType, "audio/x-matroska");
@@ -109,7 +105,7 @@ TEST(Matroska, MediaTypeAndMimeTypeFollowDocTypeAndTracks) {
   EXPECT_EQ(mka->duration, 184000u);
 
   const auto audio = MatroskaFixture_AudioTrack(1, 44100.0, 2, 16);
-  auto webmAudio = parse(MatroskaFixture_File("webm", {info(), tracks({audio})}));
+  auto webmAudio = MediaProbe_Bytes(MatroskaFixture_File("webm", {info(), tracks({audio})}));
   ASSERT_NE(webmAudio, nullptr);
   EXPECT_EQ(webmAudio->mediaType, MediaType_Audio);
   EXPECT_STREQ(webmAudio->mimeType, "audio/webm");
@@ -117,7 +113,7 @@ TEST(Matroska, MediaTypeAndMimeTypeFollowDocTypeAndTracks) {
   // A video track anywhere makes a video, also after audio and subtitles.
   const auto subtitle = track({EbmlFixture_Unsigned(MatroskaId::TrackNumber, 3),
                                EbmlFixture_Unsigned(MatroskaId::TrackType, 17)});
-  auto mixed = parse(mkv({info(), tracks({audio, subtitle, videoTrack(4)})}));
+  auto mixed = MediaProbe_Bytes(mkv({info(), tracks({audio, subtitle, videoTrack(4)})}));
   ASSERT_NE(mixed, nullptr);
   EXPECT_EQ(mixed->mediaType, MediaType_Video);
   EXPECT_STREQ(mixed->mimeType, "video/x-matroska");
@@ -160,7 +156,7 @@ TEST(Matroska, DurationNeedsAPlausibleTimecodeScale) {
       {100000, 2500.7, 2500, 10000}, {1000000, 1e12, 4294967295u, 1000},
   };
   for (const Case& c : cases) {
-    auto stream = parse(mkv({MatroskaFixture_Info(c.scale, c.duration), tracks({videoTrack()})}));
+    auto stream = MediaProbe_Bytes(mkv({MatroskaFixture_Info(c.scale, c.duration), tracks({videoTrack()})}));
     ASSERT_NE(stream, nullptr) << c.scale;
     EXPECT_EQ(stream->duration, c.expectDuration) << c.scale << " " << c.duration;
     EXPECT_EQ(stream->timescale, c.expectTimescale) << c.scale;
@@ -176,12 +172,12 @@ TEST(Matroska, DateCountsFrom2001) {
       {86400LL * 1000000000LL, 978393600},  // one day later
   };
   for (const auto& [nanoseconds, expected] : cases) {
-    auto stream = parse(
-        mkv({MatroskaFixture_Info(1000000, 1000.0, "t", nanoseconds), tracks({videoTrack()})}));
+    auto stream =
+        MediaProbe_Bytes(mkv({MatroskaFixture_Info(1000000, 1000.0, "t", nanoseconds), tracks({videoTrack()})}));
     ASSERT_NE(stream, nullptr);
     EXPECT_EQ(stream->date, expected) << nanoseconds;
   }
-  auto undated = parse(mkv({info(), tracks({videoTrack()})}));
+  auto undated = MediaProbe_Bytes(mkv({info(), tracks({videoTrack()})}));
   ASSERT_NE(undated, nullptr);
   EXPECT_EQ(undated->date, 0);
   EXPECT_FALSE(undated->title);
@@ -190,7 +186,7 @@ TEST(Matroska, DateCountsFrom2001) {
 TEST(Matroska, CoverNeedsExactNameAndSizeBelowOneMiB) {
   const std::vector<uint8_t> small = {0xFF, 0xD8, 0x11, 0x22, 0x33, 0xFF, 0xD9};
   auto coverOf = [&](std::initializer_list<std::vector<uint8_t>> files) {
-    return parse(mkv({info(), tracks({videoTrack()}), attachments(files)}));
+    return MediaProbe_Bytes(mkv({info(), tracks({videoTrack()}), attachments(files)}));
   };
 
   auto upper = coverOf({MatroskaFixture_Attachment("Cover.jpg", "image/jpeg", small)});
@@ -250,7 +246,7 @@ TEST(Matroska, SectionsBehindAClusterAreFoundThroughTheSeekHead) {
   EXPECT_TRUE(declined(mkv(late, false)));
 
   const std::vector<uint8_t> indexed = mkv(late, true);
-  auto stream = parse(indexed);
+  auto stream = MediaProbe_Bytes(indexed);
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->title, "Late");
   EXPECT_EQ(stream->duration, 4000u);
@@ -265,7 +261,7 @@ TEST(Matroska, SectionsBehindAClusterAreFoundThroughTheSeekHead) {
   ASSERT_GT(at, 0);
   const std::vector<uint8_t> attachmentsId = {0x19, 0x41, 0xA4, 0x69};
   std::copy(attachmentsId.begin(), attachmentsId.end(), relabelled.begin() + at + 3);
-  auto misled = parse(relabelled);
+  auto misled = MediaProbe_Bytes(relabelled);
   ASSERT_NE(misled, nullptr);
   EXPECT_FALSE(misled->title);
   EXPECT_EQ(misled->streamCount(), 1);
@@ -276,7 +272,7 @@ TEST(Matroska, TrackKeepRules) {
   auto streamsOf = [](std::initializer_list<std::vector<uint8_t>> entries) {
     std::vector<std::vector<uint8_t>> all = {videoTrack(100)};
     all.insert(all.end(), entries);
-    auto stream = parse(mkv({info(), tracks(all)}));
+    auto stream = MediaProbe_Bytes(mkv({info(), tracks(all)}));
     return stream ? stream->streamInfo : std::vector<StreamInfo>{};
   };
   auto numbered = [](uint64_t number, uint64_t type, std::initializer_list<std::vector<uint8_t>> more = {}) {
@@ -319,7 +315,7 @@ TEST(Matroska, TrackKeepRules) {
   // At most 32 tracks are kept.
   std::vector<std::vector<uint8_t>> many;
   for (uint64_t n = 1; n <= 40; ++n) many.push_back(MatroskaFixture_AudioTrack(n, 8000.0, 1, 8));
-  auto crowded = parse(mkv({info(), tracks(many)}));
+  auto crowded = MediaProbe_Bytes(mkv({info(), tracks(many)}));
   ASSERT_NE(crowded, nullptr);
   EXPECT_EQ(crowded->streamCount(), 32);
   EXPECT_EQ(crowded->streamInfo.back().streamNumber, 32u);
@@ -328,7 +324,7 @@ TEST(Matroska, TrackKeepRules) {
 TEST(Matroska, FailingAudioRejectsItsTrack) {
   using namespace MatroskaId;
   auto audioKept = [](std::initializer_list<std::vector<uint8_t>> audioChildren) -> int {
-    auto stream = parse(mkv({info(), tracks({videoTrack(), audioTrack(audioChildren)})}));
+    auto stream = MediaProbe_Bytes(mkv({info(), tracks({videoTrack(), audioTrack(audioChildren)})}));
     if (!stream) return -1;
     return static_cast<int>(stream->streamCount()) - 1;
   };
@@ -352,7 +348,7 @@ TEST(Matroska, FailingAudioRejectsItsTrack) {
 
   // Both frequencies land in one value; the later one wins.
   auto rate = [](std::initializer_list<std::vector<uint8_t>> audioChildren) {
-    auto stream = parse(mkv({info(), tracks({audioTrack(audioChildren)})}));
+    auto stream = MediaProbe_Bytes(mkv({info(), tracks({audioTrack(audioChildren)})}));
     return stream ? stream->streamInfo[0].sampleRate : 0u;
   };
   EXPECT_EQ(rate({EbmlFixture_Float(SamplingFrequency, 24000.0),
@@ -365,22 +361,20 @@ TEST(Matroska, FailingAudioRejectsItsTrack) {
 
 TEST(Matroska, UnknownSizesAreBoundedByTheParent) {
   // A live recording: Segment of unknown size, read up to the Cluster.
-  auto live = parse(EbmlFixture_Join(
+  auto live = MediaProbe_Bytes(EbmlFixture_Join(
       {MatroskaFixture_Header("webm"),
-       EbmlFixture_UnknownSize(
-           MatroskaId::Segment,
-           EbmlFixture_Join({info(), tracks({videoTrack()}),
-                             EbmlFixture_UnknownSize(MatroskaId::Cluster, {0xE7, 0x81, 0x00})}))}));
+       EbmlFixture_UnknownSize(MatroskaId::Segment,
+                               EbmlFixture_Join({info(), tracks({videoTrack()}),
+                                                 EbmlFixture_UnknownSize(MatroskaId::Cluster, {0xE7, 0x81, 0x00})}))}));
   ASSERT_NE(live, nullptr);
   EXPECT_STREQ(live->mimeType, "video/webm");
   EXPECT_EQ(live->duration, 2000u);
 
   // Tracks of unknown size end with their Segment: a track entry stored after
   // the Segment does not count.
-  auto bounded = parse(EbmlFixture_Join(
+  auto bounded = MediaProbe_Bytes(EbmlFixture_Join(
       {MatroskaFixture_Header("matroska"),
-       EbmlFixture_Master(MatroskaId::Segment,
-                          {info(), EbmlFixture_UnknownSize(MatroskaId::Tracks, videoTrack(1))}),
+       EbmlFixture_Master(MatroskaId::Segment, {info(), EbmlFixture_UnknownSize(MatroskaId::Tracks, videoTrack(1))}),
        MatroskaFixture_AudioTrack(2, 48000.0, 2, 16)}));
   ASSERT_NE(bounded, nullptr);
   EXPECT_EQ(bounded->streamCount(), 1);
@@ -392,7 +386,7 @@ TEST(Matroska, UnknownSizesAreBoundedByTheParent) {
   const int64_t audioEntry = positionOf(overrun, audio);
   ASSERT_GT(audioEntry, 0);
   overrun[audioEntry + 1] = 0xFE;  // size 126, beyond the Tracks element
-  auto cut = parse(overrun);
+  auto cut = MediaProbe_Bytes(overrun);
   ASSERT_NE(cut, nullptr);
   EXPECT_EQ(cut->streamCount(), 1);
 }
