@@ -231,16 +231,7 @@ bool MediaParse_Flac(int fd, int64_t offset, int64_t length, MediaStream& stream
   }
 
   if (audio.sampleRate != 0 && audio.totalSamples != 0 && audio.bitsPerSample != 0) {
-    StreamInfo sound;
-    sound.streamNumber = 1;
-    sound.streamKind = MediaType_Audio;
-    sound.enabled = 1;
-    sound.duration = audio.totalSamples;
-    sound.timescale = audio.sampleRate;
-    sound.sampleRate = audio.sampleRate;
-    sound.channels = audio.channels;
-    sound.bitsPerSample = audio.bitsPerSample;
-    stream.streamInfo.push_back(sound);
+    MediaStream_AddSound(stream, audio.totalSamples, audio.sampleRate, audio.channels, audio.bitsPerSample);
     stream.duration = audio.totalSamples;
     stream.timescale = audio.sampleRate;
   }

@@ -177,6 +177,20 @@ void MediaStream_AddPicture(MediaStream& stream, uint16_t width, uint16_t height
   stream.streamInfo.push_back(picture);
 }
 
+void MediaStream_AddSound(MediaStream& stream, uint32_t duration, uint32_t sampleRate, uint8_t channels,
+                          uint8_t bitsPerSample) {
+  StreamInfo sound;
+  sound.streamNumber = 1;
+  sound.streamKind = MediaType_Audio;
+  sound.enabled = 1;
+  sound.duration = duration;
+  sound.timescale = sampleRate;
+  sound.sampleRate = sampleRate;
+  sound.channels = channels;
+  sound.bitsPerSample = bitsPerSample;
+  stream.streamInfo.push_back(sound);
+}
+
 namespace {
 
 bool isSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }

@@ -114,6 +114,11 @@ size_t MediaUtf8_Encode(uint16_t unit, char* out);
 // is enabled (the pages of a multi-page file follow it).
 void MediaStream_AddPicture(MediaStream& stream, uint16_t width, uint16_t height, uint8_t bitsPerPixel);
 
+// Appends the one stream of a plain audio file: stream 1, enabled, lasting
+// `duration` samples at `sampleRate` (which is also its timescale).
+void MediaStream_AddSound(MediaStream& stream, uint32_t duration, uint32_t sampleRate, uint8_t channels,
+                          uint8_t bitsPerSample);
+
 // Reads integers from `text` as sscanf does with a format made of "%d"
 // conversions, white space (matching any run of white space, also none) and
 // other characters (matched exactly). Values beyond the int range saturate.

@@ -179,16 +179,8 @@ bool parseWav(int fd, int64_t offset, int64_t length, MediaStream& stream) {
   if (factFrames) frames = *factFrames;
   else if (format.blockAlign != 0) frames = dataSize / format.blockAlign;
   if (format.sampleRate != 0 && format.channels != 0) {
-    StreamInfo info;
-    info.streamNumber = 1;
-    info.streamKind = MediaType_Audio;
-    info.enabled = 1;
-    info.duration = frames;
-    info.timescale = format.sampleRate;
-    info.sampleRate = format.sampleRate;
-    info.channels = static_cast<uint8_t>(format.channels);
-    info.bitsPerSample = static_cast<uint8_t>(format.bitsPerSample);
-    stream.streamInfo.push_back(info);
+    MediaStream_AddSound(stream, frames, format.sampleRate, static_cast<uint8_t>(format.channels),
+                         static_cast<uint8_t>(format.bitsPerSample));
   }
   stream.mediaType = MediaType_Audio;
   stream.mimeType = "audio/wave";
