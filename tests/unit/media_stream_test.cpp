@@ -128,4 +128,21 @@ TEST(MediaStream, DatesAreUtcAndFitThirtyTwoBits) {
   EXPECT_EQ(MediaDate_Make(INT_MAX, INT_MIN, INT_MAX, 0, 0, 0), std::nullopt);
 }
 
+TEST(MediaStream, DateTextsTakeTheFormatThatReadsMost) {
+  // Missing fields default to 1 January, midnight.
+  EXPECT_EQ(MediaDate_Scan("2009", {"%d-%d-%d"}, 1), 1230768000);
+  EXPECT_EQ(MediaDate_Scan("2009-06-15", {"%d-%d-%d"}, 1), 1245024000);
+  // A second format counts only when it reads more numbers than the first.
+  EXPECT_EQ(MediaDate_Scan("2009:06:15", {"%d-%d-%d"}, 1), 1230768000);
+  EXPECT_EQ(MediaDate_Scan("2009:06:15", {"%d-%d-%d", "%d:%d:%d"}, 1), 1245024000);
+  EXPECT_EQ(MediaDate_Scan("June", {"%d-%d-%d"}, 1), std::nullopt);
+  EXPECT_EQ(MediaDate_Scan("2100-01-01", {"%d-%d-%d"}, 1), std::nullopt);  // beyond 32-bit seconds
+  // Time stamps need all six numbers, in any of the three forms.
+  EXPECT_EQ(MediaDate_ScanStamp("2009:06:15 10:20:30"), 1245061230);
+  EXPECT_EQ(MediaDate_ScanStamp("2009-06-15 10:20:30"), 1245061230);
+  EXPECT_EQ(MediaDate_ScanStamp("2009-06-15T10:20:30"), 1245061230);
+  EXPECT_EQ(MediaDate_ScanStamp("2009-06-15 10:20"), std::nullopt);
+  EXPECT_EQ(MediaDate_ScanStamp("2009-06-15"), std::nullopt);
+}
+
 }  // namespace

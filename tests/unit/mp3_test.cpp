@@ -365,6 +365,11 @@ TEST_F(Mp3DateTest, YearDayAndMonthInUtc) {
   stream = probeTagged(Id3TagBuilder(3).frame("TDAT", {'2', '5', '0', '3'}).text("TYER", "none"));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->date, 0);
+
+  // A year past the 32-bit seconds is refused, not wrapped around.
+  stream = probeTagged(Id3TagBuilder(3).text("TYER", "2100"));
+  ASSERT_NE(stream, nullptr);
+  EXPECT_EQ(stream->date, 0);
 }
 
 TEST(Mp3, AttachedPictures) {
