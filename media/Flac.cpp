@@ -71,7 +71,7 @@ class FlacBlockReader {
   bool readU32LE(uint32_t& value) {
     uint8_t bytes[4];
     if (!read(bytes, sizeof bytes)) return false;
-    value = static_cast<uint32_t>(bytes[0] | bytes[1] << 8 | bytes[2] << 16) | static_cast<uint32_t>(bytes[3]) << 24;
+    value = MediaBytes_U32LE(bytes);
     return true;
   }
   bool skip(uint32_t count) {

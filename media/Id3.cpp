@@ -85,8 +85,8 @@ std::optional<std::string> decodeUtf16(const uint8_t* bytes, size_t count, bool 
   std::string text;
   text.reserve(count * 3 / 2);
   for (size_t i = 0; i + 1 < count; i += 2) {
-    const uint16_t unit = littleEndian ? static_cast<uint16_t>(bytes[i] | (bytes[i + 1] << 8))
-                                       : static_cast<uint16_t>((bytes[i] << 8) | bytes[i]);
+    const uint16_t unit =
+        littleEndian ? MediaBytes_U16LE(bytes + i) : static_cast<uint16_t>((bytes[i] << 8) | bytes[i]);
     if (unit == 0) break;
     char utf8[3];
     text.append(utf8, MediaUtf8_Encode(unit, utf8));
@@ -282,15 +282,14 @@ void readFrames(int fd, int64_t position, uint32_t size, unsigned version, uint8
     uint32_t frameSize = 0;
     uint16_t flags = 0;
     if (version == 2) {
-      frameSize = (uint32_t{header[3]} << 16) | (uint32_t{header[4]} << 8) | header[5];
+      frameSize = MediaBits_Get(header + 3, 0, 24);
     } else {
       if (version == 4) {
         if (!syncsafeValue(header + 4, frameSize)) return;
       } else {
-        frameSize = (uint32_t{header[4]} << 24) | (uint32_t{header[5]} << 16) |
-                    (uint32_t{header[6]} << 8) | header[7];
+        frameSize = MediaBits_Get(header + 4, 0, 32);
       }
-      flags = static_cast<uint16_t>((header[8] << 8) | header[9]);
+      flags = static_cast<uint16_t>(MediaBits_Get(header + 8, 0, 16));
     }
     remaining -= headerSize;
     if (frameSize > remaining) return;

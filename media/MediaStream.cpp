@@ -120,6 +120,12 @@ bool MediaRead_At(int fd, int64_t position, void* buffer, size_t count) {
   return MediaSeek(fd, position, SEEK_SET) == position && MediaRead_Bytes(fd, buffer, count);
 }
 
+uint16_t MediaBytes_U16LE(const uint8_t* bytes) { return static_cast<uint16_t>(bytes[0] | bytes[1] << 8); }
+
+uint32_t MediaBytes_U32LE(const uint8_t* bytes) {
+  return uint32_t{MediaBytes_U16LE(bytes)} | uint32_t{MediaBytes_U16LE(bytes + 2)} << 16;
+}
+
 uint32_t MediaBits_Get(const uint8_t* buffer, uint32_t position, unsigned count) {
   uint32_t result = 0;
   for (unsigned i = 0; i < count && i < 32; ++i, ++position) {

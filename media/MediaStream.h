@@ -97,6 +97,11 @@ int64_t MediaSeek(int fd, int64_t offset, int whence);
 // MediaRead_Bytes); the caller has checked that they lie inside its bounds.
 bool MediaRead_At(int fd, int64_t position, void* buffer, size_t count);
 
+// Little-endian integers from the start of `bytes` (big-endian ones come
+// from MediaBits_Get).
+uint16_t MediaBytes_U16LE(const uint8_t* bytes);
+uint32_t MediaBytes_U32LE(const uint8_t* bytes);
+
 // Up to 32 bits from `buffer` starting at bit `position`, most significant bit
 // of each byte first; the first bit read ends up highest in the result.
 uint32_t MediaBits_Get(const uint8_t* buffer, uint32_t position, unsigned count);

@@ -31,11 +31,6 @@ constexpr uint32_t kStreamFlagDisabled = 0x1;
 constexpr int32_t kMaxPictureHeight = 65535;
 constexpr uint32_t kMaxBitsPerPixel = 255;
 
-uint16_t le16(const uint8_t* b) { return static_cast<uint16_t>(b[0] | (b[1] << 8)); }
-uint32_t le32(const uint8_t* b) {
-  return uint32_t{b[0]} | (uint32_t{b[1]} << 8) | (uint32_t{b[2]} << 16) | (uint32_t{b[3]} << 24);
-}
-
 struct RiffChunk {
   char fourcc[4] = {};
   uint32_t size = 0;
@@ -57,7 +52,7 @@ class RiffWalker {
         !MediaRead_At(fd_, position_, header, sizeof header)) {
       return false;
     }
-    const uint32_t size = le32(header + 4);
+    const uint32_t size = MediaBytes_U32LE(header + 4);
     const int64_t data = position_ + kChunkHeaderSize;
     if (data + size > end_) return false;
     std::copy_n(header, sizeof chunk.fourcc, chunk.fourcc);
@@ -125,7 +120,7 @@ bool readRiffHeader(int fd, int64_t offset, int64_t length, std::string_view for
   if (length < kRiffHeaderSize || !MediaRead_At(fd, offset, header, sizeof header)) {
     return false;
   }
-  const int64_t riffSize = le32(header + 4);
+  const int64_t riffSize = MediaBytes_U32LE(header + 4);
   if (std::string_view(reinterpret_cast<char*>(header), 4) != "RIFF" ||
       riffSize + kChunkHeaderSize > length ||
       std::string_view(reinterpret_cast<char*>(header + 8), 4) != form) {
@@ -147,7 +142,7 @@ struct WavFormat {
 WavFormat readWavFormat(int fd, const RiffChunk& chunk) {
   uint8_t raw[kFormatSize];
   if (!MediaRead_At(fd, chunk.data, raw, sizeof raw)) return {};
-  return {le16(raw), le16(raw + 2), le32(raw + 4), le32(raw + 8), le16(raw + 12), le16(raw + 14)};
+  return {MediaBytes_U16LE(raw), MediaBytes_U16LE(raw + 2), MediaBytes_U32LE(raw + 4), MediaBytes_U32LE(raw + 8), MediaBytes_U16LE(raw + 12), MediaBytes_U16LE(raw + 14)};
 }
 
 bool parseWav(int fd, int64_t offset, int64_t length, MediaStream& stream) {
@@ -165,7 +160,7 @@ bool parseWav(int fd, int64_t offset, int64_t length, MediaStream& stream) {
       format = readWavFormat(fd, chunk);
     } else if (chunk.id() == "fact" && chunk.size >= 4) {
       uint8_t raw[4];
-      if (MediaRead_At(fd, chunk.data, raw, sizeof raw)) factFrames = le32(raw);
+      if (MediaRead_At(fd, chunk.data, raw, sizeof raw)) factFrames = MediaBytes_U32LE(raw);
     } else if (chunk.id() == "data") {
       dataSize = chunk.size;
     } else if (chunk.id() == "id3 ") {
@@ -202,10 +197,10 @@ uint32_t streamKind(std::string_view type) {
 bool readStreamHeader(int fd, const RiffChunk& chunk, StreamInfo& info) {
   uint8_t raw[kStreamHeaderSize];
   if (chunk.size < kStreamHeaderSize || !MediaRead_At(fd, chunk.data, raw, sizeof raw)) return false;
-  const uint32_t flags = le32(raw + 8);
-  const uint32_t scale = le32(raw + 20);
-  const uint32_t rate = le32(raw + 24);
-  const uint32_t length = le32(raw + 32);
+  const uint32_t flags = MediaBytes_U32LE(raw + 8);
+  const uint32_t scale = MediaBytes_U32LE(raw + 20);
+  const uint32_t rate = MediaBytes_U32LE(raw + 24);
+  const uint32_t length = MediaBytes_U32LE(raw + 32);
   if (length == 0 || scale == 0 || rate == 0) return false;
   info.streamKind = streamKind(std::string_view(reinterpret_cast<char*>(raw), 4));
   info.enabled = (flags & kStreamFlagDisabled) ? 0 : 1;
@@ -217,9 +212,9 @@ bool readStreamHeader(int fd, const RiffChunk& chunk, StreamInfo& info) {
 void readVideoFormat(int fd, const RiffChunk& chunk, StreamInfo& info) {
   uint8_t raw[kVideoFormatRead];
   if (chunk.size < kVideoFormatSize || !MediaRead_At(fd, chunk.data, raw, sizeof raw)) return;
-  const auto width = static_cast<int32_t>(le32(raw + 4));
-  const auto height = static_cast<int32_t>(le32(raw + 8));
-  const uint16_t bitCount = le16(raw + 14);
+  const auto width = static_cast<int32_t>(MediaBytes_U32LE(raw + 4));
+  const auto height = static_cast<int32_t>(MediaBytes_U32LE(raw + 8));
+  const uint16_t bitCount = MediaBytes_U16LE(raw + 14);
   if (width < 1 || height == 0 || height < -kMaxPictureHeight || height > kMaxPictureHeight ||
       bitCount > kMaxBitsPerPixel) {
     return;
