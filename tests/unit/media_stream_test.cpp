@@ -73,6 +73,13 @@ TEST(MediaStream, BitReaderAndWriterAgree) {
   EXPECT_EQ(MediaBits_Get(out, 16, 32), 0xDEADBEEFu);
 }
 
+TEST(MediaStream, LittleEndianDecoders) {
+  const uint8_t bytes[4] = {0xEF, 0xBE, 0xAD, 0xDE};
+  EXPECT_EQ(MediaBytes_U16LE(bytes), 0xBEEFu);
+  EXPECT_EQ(MediaBytes_U16LE(bytes + 2), 0xDEADu);
+  EXPECT_EQ(MediaBytes_U32LE(bytes), 0xDEADBEEFu);
+}
+
 TEST(MediaStream, Utf8EncoderWidths) {
   char out[4];
   EXPECT_EQ(MediaUtf8_Encode(0x41, out), 1u);
