@@ -28,8 +28,7 @@ unsigned vintLength(uint8_t first, unsigned maxBytes) {
 }
 
 bool readPayload(int fd, const EbmlElement& element, uint8_t* buffer) {
-  return MediaSeek(fd, element.dataStart, SEEK_SET) == element.dataStart &&
-         MediaRead_Bytes(fd, buffer, static_cast<size_t>(element.size));
+  return MediaRead_At(fd, element.dataStart, buffer, static_cast<size_t>(element.size));
 }
 
 // The payload as a big-endian integer of 0 to 8 bytes.
@@ -49,7 +48,7 @@ bool EbmlRead_Header(int fd, int64_t position, int64_t limit, EbmlElement& eleme
   if (position < 0 || limit - position < 2) return false;
   uint8_t bytes[kIdMaxBytes + kSizeMaxBytes];
   const size_t wanted = static_cast<size_t>(std::min<int64_t>(sizeof bytes, limit - position));
-  if (MediaSeek(fd, position, SEEK_SET) != position || !MediaRead_Bytes(fd, bytes, wanted)) {
+  if (!MediaRead_At(fd, position, bytes, wanted)) {
     return false;
   }
 
@@ -106,8 +105,7 @@ bool EbmlRead_Text(int fd, const EbmlElement& element, size_t maxBytes, std::str
       static_cast<size_t>(std::min<uint64_t>(static_cast<uint64_t>(element.size), maxBytes));
   std::string result(count, '\0');
   if (count > 0) {
-    if (MediaSeek(fd, element.dataStart, SEEK_SET) != element.dataStart ||
-        !MediaRead_Bytes(fd, result.data(), count)) {
+    if (!MediaRead_At(fd, element.dataStart, result.data(), count)) {
       return false;
     }
   }

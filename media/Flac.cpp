@@ -71,7 +71,7 @@ class FlacBlockReader {
   bool readU32LE(uint32_t& value) {
     uint8_t bytes[4];
     if (!read(bytes, sizeof bytes)) return false;
-    value = static_cast<uint32_t>(bytes[0] | bytes[1] << 8 | bytes[2] << 16) | static_cast<uint32_t>(bytes[3]) << 24;
+    value = MediaBytes_U32LE(bytes);
     return true;
   }
   bool skip(uint32_t count) {
@@ -134,15 +134,6 @@ bool flacFieldIs(std::string_view field, std::string_view name) {
   return field.size() == name.size() && ::strncasecmp(field.data(), name.data(), name.size()) == 0;
 }
 
-// A year alone means 1 January, a year and month the first of that month.
-// The numbers must be joined by dashes: "2009:06:15" reads as the year alone.
-std::optional<int32_t> flacDate(std::string_view value) {
-  int parts[3];
-  const int count = MediaScan_Ints(value, "%d-%d-%d", parts, 3);
-  if (count < 1) return std::nullopt;
-  return MediaDate_Make(parts[0], count >= 2 ? parts[1] : 1, count >= 3 ? parts[2] : 1, 0, 0, 0);
-}
-
 void flacTakeComment(std::string_view comment, MediaStream& stream) {
   const size_t equals = comment.find('=');
   if (equals == std::string_view::npos) return;
@@ -153,7 +144,9 @@ void flacTakeComment(std::string_view comment, MediaStream& stream) {
   else if (flacFieldIs(field, "album")) stream.album = std::string(value);
   else if (flacFieldIs(field, "genre")) stream.genre = std::string(value);
   else if (flacFieldIs(field, "date")) {
-    if (auto date = flacDate(value)) stream.date = *date;
+    // A year alone means 1 January, a year and month the first of that month.
+    // The numbers must be joined by dashes: "2009:06:15" reads as the year alone.
+    if (auto date = MediaDate_Scan(value, {"%d-%d-%d"}, 1)) stream.date = *date;
   }
 }
 
@@ -238,16 +231,7 @@ bool MediaParse_Flac(int fd, int64_t offset, int64_t length, MediaStream& stream
   }
 
   if (audio.sampleRate != 0 && audio.totalSamples != 0 && audio.bitsPerSample != 0) {
-    StreamInfo sound;
-    sound.streamNumber = 1;
-    sound.streamKind = MediaType_Audio;
-    sound.enabled = 1;
-    sound.duration = audio.totalSamples;
-    sound.timescale = audio.sampleRate;
-    sound.sampleRate = audio.sampleRate;
-    sound.channels = audio.channels;
-    sound.bitsPerSample = audio.bitsPerSample;
-    stream.streamInfo.push_back(sound);
+    MediaStream_AddSound(stream, audio.totalSamples, audio.sampleRate, audio.channels, audio.bitsPerSample);
     stream.duration = audio.totalSamples;
     stream.timescale = audio.sampleRate;
   }

@@ -17,12 +17,12 @@ bool MediaParse_Gif(int fd, int64_t offset, int64_t length, MediaStream& stream,
   stream.timescale = 1000;
   if (length < static_cast<int64_t>(kHeaderSize)) return false;
   uint8_t header[kHeaderSize];
-  if (MediaSeek(fd, offset, SEEK_SET) != offset || !MediaRead_Bytes(fd, header, sizeof header)) return false;
+  if (!MediaRead_At(fd, offset, header, sizeof header)) return false;
   const std::string_view signature(reinterpret_cast<const char*>(header), 6);
   if (signature != "GIF87a" && signature != "GIF89a") return false;
 
-  const uint16_t width = static_cast<uint16_t>(header[6] | header[7] << 8);
-  const uint16_t height = static_cast<uint16_t>(header[8] | header[9] << 8);
+  const uint16_t width = MediaBytes_U16LE(header + 6);
+  const uint16_t height = MediaBytes_U16LE(header + 8);
   const uint8_t packed = header[10];
   if (width != 0 && height != 0) {
     MediaStream_AddPicture(stream, width, height, static_cast<uint8_t>((packed & kColourBitsMask) + 1));

@@ -7,11 +7,11 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <cstdio>
-#include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "media/Genres.h"
 
 namespace {
 
@@ -38,31 +38,6 @@ enum Id3Encoding : uint8_t {
   Id3Encoding_Utf16BE = 2,
   Id3Encoding_Utf8 = 3,
 };
-
-// ID3v1 genre numbers 0-147 (with the later player extensions); the rest of
-// the 256 slots have no name.
-constexpr std::array<const char*, 256> kGenreNames = {
-    "Blues", "Classic Rock", "Country", "Dance", "Disco", "Funk", "Grunge", "Hip-Hop", "Jazz",
-    "Metal", "New Age", "Oldies", "Other", "Pop", "R&B", "Rap", "Reggae", "Rock", "Techno",
-    "Industrial", "Alternative", "Ska", "Death Metal", "Pranks", "Soundtrack", "Euro-Techno",
-    "Ambient", "Trip-Hop", "Vocal", "Jazz+Funk", "Fusion", "Trance", "Classical", "Instrumental",
-    "Acid", "House", "Game", "Sound Clip", "Gospel", "Noise", "AlternRock", "Bass", "Soul",
-    "Punk", "Space", "Meditative", "Instrumental Pop", "Instrumental Rock", "Ethnic", "Gothic",
-    "Darkwave", "Techno-Industrial", "Electronic", "Pop-Folk", "Eurodance", "Dream",
-    "Southern Rock", "Comedy", "Cult", "Gangsta", "Top 40", "Christian Rap", "Pop/Funk",
-    "Jungle", "Native American", "Cabaret", "New Wave", "Psychadelic", "Rave", "Showtunes",
-    "Trailer", "Lo-Fi", "Tribal", "Acid Punk", "Acid Jazz", "Polka", "Retro", "Musical",
-    "Rock & Roll", "Hard Rock", "Folk", "Folk-Rock", "National Folk", "Swing", "Fast Fusion",
-    "Bebob", "Latin", "Revival", "Celtic", "Bluegrass", "Avantgarde", "Gothic Rock",
-    "Progressive Rock", "Psychedelic Rock", "Symphonic Rock", "Slow Rock", "Big Band", "Chorus",
-    "Easy Listening", "Acoustic", "Humour", "Speech", "Chanson", "Opera", "Chamber Music",
-    "Sonata", "Symphony", "Booty Bass", "Primus", "Porn Groove", "Satire", "Slow Jam", "Club",
-    "Tango", "Samba", "Folklore", "Ballad", "Power Ballad", "Rhythmic Soul", "Freestyle", "Duet",
-    "Punk Rock", "Drum Solo", "A capella", "Euro-House", "Dance Hall", "Goa", "Drum & Bass",
-    "Club-House", "Hardcore", "Terror", "Indie", "BritPop", "Afro-Punk", "Polsk Punk", "Beat",
-    "Christian Gangsta Rap", "Heavy Metal", "Black Metal", "Crossover", "Contemporary Christian",
-    "Christian Rock", "Merengue", "Salsa", "Thrash Metal", "Anime", "JPop", "SynthPop"};
-static_assert(kGenreNames[79] != nullptr && kGenreNames[147] != nullptr && kGenreNames[148] == nullptr);
 
 enum class FrameKind { Title, Artist, Album, Genre, Picture, Year, Day, Time, Other };
 
@@ -110,8 +85,8 @@ std::optional<std::string> decodeUtf16(const uint8_t* bytes, size_t count, bool 
   std::string text;
   text.reserve(count * 3 / 2);
   for (size_t i = 0; i + 1 < count; i += 2) {
-    const uint16_t unit = littleEndian ? static_cast<uint16_t>(bytes[i] | (bytes[i + 1] << 8))
-                                       : static_cast<uint16_t>((bytes[i] << 8) | bytes[i]);
+    const uint16_t unit =
+        littleEndian ? MediaBytes_U16LE(bytes + i) : static_cast<uint16_t>((bytes[i] << 8) | bytes[i]);
     if (unit == 0) break;
     char utf8[3];
     text.append(utf8, MediaUtf8_Encode(unit, utf8));
@@ -154,19 +129,20 @@ std::optional<std::string> decodeText(int fd, uint32_t size) {
 std::optional<std::string> genreFromText(std::optional<std::string> text) {
   if (!text) return text;
   int number = 0;
-  if (std::sscanf(text->c_str(), "(%d)", &number) != 1 && std::sscanf(text->c_str(), "%d", &number) != 1) {
+  if (MediaScan_Ints(text->c_str(), "(%d)", &number, 1) != 1 &&
+      MediaScan_Ints(text->c_str(), "%d", &number, 1) != 1) {
     return text;
   }
   if (number < 0 || number > 255) return text;
-  if (!kGenreNames[static_cast<size_t>(number)]) return std::nullopt;
-  return std::string(kGenreNames[static_cast<size_t>(number)]);
+  const char* name = MediaGenre_Name(static_cast<unsigned>(number));
+  if (!name) return std::nullopt;
+  return std::string(name);
 }
 
-// Scans `count` raw characters with "%d".
+// Scans `count` raw characters with "%d"; a zero byte ends the text.
 bool scanNumber(const uint8_t* bytes, size_t count, int& value) {
-  char text[8] = {};
-  std::copy_n(bytes, std::min(count, sizeof text - 1), text);
-  return std::sscanf(text, "%d", &value) == 1;
+  const std::string_view text(reinterpret_cast<const char*>(bytes), count);
+  return MediaScan_Ints(text.substr(0, text.find('\0')), "%d", &value, 1) == 1;
 }
 
 struct TagDate {
@@ -183,7 +159,7 @@ void readYear(int fd, uint32_t size, TagDate& date) {
     return;
   }
   const std::optional<std::string> text = decodeText(fd, size);
-  if (text && std::sscanf(text->c_str(), "%d", &year) == 1) date.year = year;
+  if (text && MediaScan_Ints(text->c_str(), "%d", &year, 1) == 1) date.year = year;
 }
 
 // DDMM as four raw characters.
@@ -306,15 +282,14 @@ void readFrames(int fd, int64_t position, uint32_t size, unsigned version, uint8
     uint32_t frameSize = 0;
     uint16_t flags = 0;
     if (version == 2) {
-      frameSize = (uint32_t{header[3]} << 16) | (uint32_t{header[4]} << 8) | header[5];
+      frameSize = MediaBits_Get(header + 3, 0, 24);
     } else {
       if (version == 4) {
         if (!syncsafeValue(header + 4, frameSize)) return;
       } else {
-        frameSize = (uint32_t{header[4]} << 24) | (uint32_t{header[5]} << 16) |
-                    (uint32_t{header[6]} << 8) | header[7];
+        frameSize = MediaBits_Get(header + 4, 0, 32);
       }
-      flags = static_cast<uint16_t>((header[8] << 8) | header[9]);
+      flags = static_cast<uint16_t>(MediaBits_Get(header + 8, 0, 16));
     }
     remaining -= headerSize;
     if (frameSize > remaining) return;
@@ -332,20 +307,16 @@ void readFrames(int fd, int64_t position, uint32_t size, unsigned version, uint8
 
 void applyDate(const TagDate& date, MediaStream& stream) {
   if (!date.year) return;
-  std::tm time{};
-  time.tm_year = *date.year - 1900;
-  time.tm_mon = date.month ? *date.month - 1 : 0;
-  time.tm_mday = date.day ? *date.day : 1;
-  const time_t seconds = timegm(&time);
-  if (seconds != static_cast<time_t>(-1)) stream.date = static_cast<int32_t>(seconds);
+  if (auto seconds = MediaDate_Make(*date.year, date.month.value_or(1), date.day.value_or(1), 0, 0, 0)) {
+    stream.date = *seconds;
+  }
 }
 
 }  // namespace
 
 bool Id3_ReadTag(int fd, int64_t start, int64_t length, MediaStream& stream) {
   uint8_t header[kTagHeaderSize];
-  if (start < 0 || length < kTagHeaderSize || MediaSeek(fd, start, SEEK_SET) != start ||
-      !MediaRead_Bytes(fd, header, sizeof header)) {
+  if (start < 0 || length < kTagHeaderSize || !MediaRead_At(fd, start, header, sizeof header)) {
     return false;
   }
   uint32_t size = 0;

@@ -85,8 +85,8 @@ void JpegReadFrame(int fd, uint16_t segmentLength, JpegPicture& picture) {
   if (precision != 8 && precision != 12 && precision != 16) return;
   if (components != 1 && components != 3 && components != 4) return;
   if (segmentLength != components * 3 + kMinFrameLength) return;
-  picture.height = static_cast<uint16_t>(frame[1] << 8 | frame[2]);
-  picture.width = static_cast<uint16_t>(frame[3] << 8 | frame[4]);
+  picture.height = static_cast<uint16_t>(MediaBits_Get(frame + 1, 0, 16));
+  picture.width = static_cast<uint16_t>(MediaBits_Get(frame + 3, 0, 16));
   picture.bitsPerPixel = static_cast<uint8_t>(precision * components);
 }
 
@@ -122,7 +122,7 @@ bool MediaParse_Jpeg(int fd, int64_t offset, int64_t length, MediaStream& stream
   }
 
   if (picture.width != 0 && picture.height != 0 && picture.bitsPerPixel != 0) {
-    stream.streamInfo.push_back(TiffPicture_Stream(1, true, picture.width, picture.height, picture.bitsPerPixel));
+    MediaStream_AddPicture(stream, picture.width, picture.height, picture.bitsPerPixel);
   }
   stream.mediaType = MediaType_Image;
   stream.mimeType = "image/jpeg";

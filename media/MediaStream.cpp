@@ -207,6 +207,16 @@ int64_t MediaSeek(int fd, int64_t offset, int whence) {
   return target;
 }
 
+bool MediaRead_At(int fd, int64_t position, void* buffer, size_t count) {
+  return MediaSeek(fd, position, SEEK_SET) == position && MediaRead_Bytes(fd, buffer, count);
+}
+
+uint16_t MediaBytes_U16LE(const uint8_t* bytes) { return static_cast<uint16_t>(bytes[0] | bytes[1] << 8); }
+
+uint32_t MediaBytes_U32LE(const uint8_t* bytes) {
+  return uint32_t{MediaBytes_U16LE(bytes)} | uint32_t{MediaBytes_U16LE(bytes + 2)} << 16;
+}
+
 uint32_t MediaBits_Get(const uint8_t* buffer, uint32_t position, unsigned count) {
   uint32_t result = 0;
   for (unsigned i = 0; i < count && i < 32; ++i, ++position) {
@@ -253,15 +263,29 @@ size_t MediaUtf8_Encode(uint16_t unit, char* out) {
 void MediaStream_AddPicture(MediaStream& stream, uint16_t width, uint16_t height, uint8_t bitsPerPixel) {
   constexpr uint32_t kSlideTime = 5000;  // ms
   StreamInfo picture;
-  picture.streamNumber = 1;
+  picture.streamNumber = static_cast<uint32_t>(stream.streamInfo.size() + 1);
   picture.streamKind = MediaType_Image;
-  picture.enabled = 1;
+  picture.enabled = stream.streamInfo.empty() ? 1 : 0;
   picture.duration = kSlideTime;
   picture.timescale = 1000;
   picture.width = width;
   picture.height = height;
   picture.bitsPerPixel = bitsPerPixel;
   stream.streamInfo.push_back(picture);
+}
+
+void MediaStream_AddSound(MediaStream& stream, uint32_t duration, uint32_t sampleRate, uint8_t channels,
+                          uint8_t bitsPerSample) {
+  StreamInfo sound;
+  sound.streamNumber = 1;
+  sound.streamKind = MediaType_Audio;
+  sound.enabled = 1;
+  sound.duration = duration;
+  sound.timescale = sampleRate;
+  sound.sampleRate = sampleRate;
+  sound.channels = channels;
+  sound.bitsPerSample = bitsPerSample;
+  stream.streamInfo.push_back(sound);
 }
 
 namespace {
@@ -322,4 +346,26 @@ std::optional<int32_t> MediaDate_Make(int year, int month, int day, int hour, in
   const int64_t seconds = static_cast<int64_t>(::timegm(&parts));
   if (seconds == -1 || seconds < INT32_MIN || seconds > INT32_MAX) return std::nullopt;
   return static_cast<int32_t>(seconds);
+}
+
+std::optional<int32_t> MediaDate_Scan(std::string_view text, std::initializer_list<std::string_view> formats,
+                                      int required) {
+  constexpr int kFields = 6;
+  int best[kFields] = {};
+  int bestCount = 0;
+  for (std::string_view format : formats) {
+    int fields[kFields];
+    const int count = std::min(MediaScan_Ints(text, format, fields, kFields), kFields);
+    if (count <= bestCount) continue;
+    bestCount = count;
+    std::copy_n(fields, count, best);
+  }
+  if (bestCount < 1 || bestCount < required) return std::nullopt;
+  return MediaDate_Make(best[0], bestCount >= 2 ? best[1] : 1, bestCount >= 3 ? best[2] : 1,
+                        bestCount >= 4 ? best[3] : 0, bestCount >= 5 ? best[4] : 0, bestCount >= 6 ? best[5] : 0);
+}
+
+std::optional<int32_t> MediaDate_ScanStamp(std::string_view text) {
+  constexpr int kStampFields = 6;
+  return MediaDate_Scan(text, {"%d:%d:%d %d:%d:%d", "%d-%d-%d %d:%d:%d", "%d-%d-%dT%d:%d:%d"}, kStampFields);
 }

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -92,6 +93,15 @@ bool MediaRead_U64BE(int fd, uint64_t& value);
 // 64-bit lseek: the new position, or a negative value on failure.
 int64_t MediaSeek(int fd, int64_t offset, int whence);
 
+// Reads `count` bytes at file position `position` (a seek, then
+// MediaRead_Bytes); the caller has checked that they lie inside its bounds.
+bool MediaRead_At(int fd, int64_t position, void* buffer, size_t count);
+
+// Little-endian integers from the start of `bytes` (big-endian ones come
+// from MediaBits_Get).
+uint16_t MediaBytes_U16LE(const uint8_t* bytes);
+uint32_t MediaBytes_U32LE(const uint8_t* bytes);
+
 // Up to 32 bits from `buffer` starting at bit `position`, most significant bit
 // of each byte first; the first bit read ends up highest in the result.
 uint32_t MediaBits_Get(const uint8_t* buffer, uint32_t position, unsigned count);
@@ -104,9 +114,15 @@ void MediaBits_Put(uint8_t* buffer, uint32_t position, unsigned count, uint32_t 
 // and returns the number of bytes written.
 size_t MediaUtf8_Encode(uint16_t unit, char* out);
 
-// Appends the single stream of a still picture: stream 1, enabled, shown for
-// the five-second slide time.
+// Appends the stream of a still picture, shown for the five-second slide
+// time. Pictures are numbered in the order they are added and only the first
+// is enabled (the pages of a multi-page file follow it).
 void MediaStream_AddPicture(MediaStream& stream, uint16_t width, uint16_t height, uint8_t bitsPerPixel);
+
+// Appends the one stream of a plain audio file: stream 1, enabled, lasting
+// `duration` samples at `sampleRate` (which is also its timescale).
+void MediaStream_AddSound(MediaStream& stream, uint32_t duration, uint32_t sampleRate, uint8_t channels,
+                          uint8_t bitsPerSample);
 
 // Reads integers from `text` as sscanf does with a format made of "%d"
 // conversions, white space (matching any run of white space, also none) and
@@ -118,3 +134,15 @@ int MediaScan_Ints(std::string_view text, std::string_view format, int* values, 
 // of range roll over as with timegm. Empty when the time is not representable
 // in 32 bits or comes out as -1 (timegm's failure value).
 std::optional<int32_t> MediaDate_Make(int year, int month, int day, int hour, int minute, int second);
+
+// A date text read by scanning it with each of `formats` in turn (as
+// MediaScan_Ints does, with the fields in the order year, month, day, hour,
+// minute, second). The first format that reads the most numbers wins; fields
+// it lacks default to 1 January, 00:00:00. Empty when fewer than `required`
+// numbers were read or MediaDate_Make refuses the result.
+std::optional<int32_t> MediaDate_Scan(std::string_view text, std::initializer_list<std::string_view> formats,
+                                      int required);
+
+// Photo-style time stamps: "Y:M:D h:m:s", "Y-M-D h:m:s" or "Y-M-DTh:m:s", all
+// six numbers required.
+std::optional<int32_t> MediaDate_ScanStamp(std::string_view text);

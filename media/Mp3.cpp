@@ -17,6 +17,7 @@ constexpr size_t kSearchBufferSize = 1024;
 constexpr size_t kSearchPositions = 512;
 constexpr size_t kXingTocSize = 100;
 constexpr uint8_t kChannelModeSingle = 3;
+constexpr uint8_t kDecodedBitsPerSample = 16;  // what a decoder delivers
 constexpr uint8_t kLayerI = 3;
 constexpr uint8_t kLayerIII = 1;
 constexpr uint8_t kVersionMpeg1 = 3;
@@ -150,7 +151,7 @@ bool parseMp3(int fd, int64_t offset, int64_t length, MediaStream& stream, bool 
   const int64_t nextFrame = layout.firstFrame + first.frameLength;
   uint8_t nextBytes[4];
   FrameHeader next;
-  if (MediaSeek(fd, nextFrame, SEEK_SET) != nextFrame || !MediaRead_Bytes(fd, nextBytes, sizeof nextBytes) ||
+  if (!MediaRead_At(fd, nextFrame, nextBytes, sizeof nextBytes) ||
       MediaSeek(fd, layout.firstFrame, SEEK_SET) != layout.firstFrame ||
       !decodeFrameHeader(nextBytes, next) || !sameStream(first, next)) {
     return false;
@@ -161,16 +162,8 @@ bool parseMp3(int fd, int64_t offset, int64_t length, MediaStream& stream, bool 
   if (first.sampleRate != 0 && totalSamples != 0) {
     stream.duration = totalSamples;
     stream.timescale = first.sampleRate;
-    StreamInfo info;
-    info.streamNumber = 1;
-    info.streamKind = MediaType_Audio;
-    info.enabled = 1;
-    info.duration = totalSamples;
-    info.timescale = first.sampleRate;
-    info.sampleRate = first.sampleRate;
-    info.channels = first.channelMode == kChannelModeSingle ? 1 : 2;
-    info.bitsPerSample = 16;
-    stream.streamInfo.push_back(info);
+    MediaStream_AddSound(stream, totalSamples, first.sampleRate, first.channelMode == kChannelModeSingle ? 1 : 2,
+                         kDecodedBitsPerSample);
   }
   if (!metadataOnly) {
     auto seek = std::unique_ptr<Mp3SeekInfo>(new (std::nothrow) Mp3SeekInfo);

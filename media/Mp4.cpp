@@ -7,10 +7,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstdint>
 #include <cstring>
-#include <ctime>
 #include <initializer_list>
 #include <limits>
 #include <memory>
@@ -124,10 +122,6 @@ bool readU32At(int fd, int64_t position, uint32_t& value) {
   return MediaSeek(fd, position, SEEK_SET) == position && MediaRead_U32BE(fd, value);
 }
 
-bool readBytesAt(int fd, int64_t position, void* buffer, size_t count) {
-  return MediaSeek(fd, position, SEEK_SET) == position && MediaRead_Bytes(fd, buffer, count);
-}
-
 // Reads the header of the box at `position`. The whole box must fit in the
 // `available` bytes of its parent; sizes 0 (to the end of the file) and 2 to
 // 7 are refused, as is a 64-bit size under 16.
@@ -190,31 +184,6 @@ class BoxWalk {
   int64_t end_;
   unsigned left_;
 };
-
-// Reads the decimal numbers of a "year-month-day" text the way a "%d-%d-%d"
-// scan does and returns how many were read. Values saturate instead of
-// overflowing.
-int scanDateNumbers(const char* text, int numbers[3]) {
-  constexpr int64_t kSaturation = 100000000;
-  const char* p = text;
-  int count = 0;
-  for (; count < 3; ++count) {
-    if (count > 0) {
-      if (*p != '-') break;
-      ++p;
-    }
-    while (std::isspace(static_cast<unsigned char>(*p))) ++p;
-    bool negative = *p == '-';
-    if (*p == '-' || *p == '+') ++p;
-    if (!std::isdigit(static_cast<unsigned char>(*p))) break;
-    int64_t value = 0;
-    for (; std::isdigit(static_cast<unsigned char>(*p)); ++p) {
-      value = std::min(kSaturation, value * 10 + (*p - '0'));
-    }
-    numbers[count] = static_cast<int>(negative ? -value : value);
-  }
-  return count;
-}
 
 struct Mp4Parser {
   int fd;
@@ -406,7 +375,7 @@ void Mp4Parser::readSampleDescription(const Mp4Box& stsd, StreamInfo& info) {
 
   if (info.streamKind == MediaType_Audio) {
     if (fieldsLength < int64_t(kAudioEntryFields) ||
-        !readBytesAt(fd, fields, bytes.data(), kAudioEntryFields)) {
+        !MediaRead_At(fd, fields, bytes.data(), kAudioEntryFields)) {
       return;
     }
     const uint16_t soundVersion = bigEndian16(&bytes[0]);
@@ -422,7 +391,7 @@ void Mp4Parser::readSampleDescription(const Mp4Box& stsd, StreamInfo& info) {
     info.bitsPerSample = uint8_t(sampleSize);
   } else if (info.streamKind == MediaType_Video) {
     if (fieldsLength < int64_t(kVideoEntryFields) ||
-        !readBytesAt(fd, fields, bytes.data(), kVideoEntryFields)) {
+        !MediaRead_At(fd, fields, bytes.data(), kVideoEntryFields)) {
       return;
     }
     // Behind the version, revision, vendor and two quality words; the depth
@@ -485,7 +454,7 @@ void Mp4Parser::readText(uint32_t dataType, int64_t position, int64_t length,
                          std::optional<std::string>& text) {
   if (length < 1 || length > kMaxTextValue) return;
   std::array<char, kMaxTextValue> bytes;
-  if (!readBytesAt(fd, position, bytes.data(), size_t(length))) return;
+  if (!MediaRead_At(fd, position, bytes.data(), size_t(length))) return;
   if (dataType == kDataUtf8) text.emplace(bytes.data(), strnlen(bytes.data(), size_t(length)));
   else if (dataType == kDataUtf16) text.emplace();
 }
@@ -494,7 +463,7 @@ void Mp4Parser::readText(uint32_t dataType, int64_t position, int64_t length,
 void Mp4Parser::readGenreNumber(int64_t position, int64_t length) {
   std::array<uint8_t, kMaxGenreNumberValue> bytes;
   if (length < 1 || length > kMaxGenreNumberValue ||
-      !readBytesAt(fd, position, bytes.data(), size_t(length))) {
+      !MediaRead_At(fd, position, bytes.data(), size_t(length))) {
     return;
   }
   uint32_t number = 0;
@@ -510,23 +479,10 @@ void Mp4Parser::readGenreNumber(int64_t position, int64_t length) {
 void Mp4Parser::readDay(int64_t position, int64_t length) {
   std::array<char, kMaxTextValue + 1> text{};
   if (length < 1 || length > kMaxTextValue ||
-      !readBytesAt(fd, position, text.data(), size_t(length))) {
+      !MediaRead_At(fd, position, text.data(), size_t(length))) {
     return;
   }
-  int numbers[3] = {};
-  const int count = scanDateNumbers(text.data(), numbers);
-  if (count == 0) return;
-  std::tm date{};
-  date.tm_year = numbers[0] - 1900;
-  date.tm_mon = count >= 2 ? numbers[1] - 1 : 0;
-  date.tm_mday = count >= 3 ? numbers[2] : 1;
-  const int64_t seconds = timegm(&date);
-  // A date outside the 32-bit range fails like an unrepresentable one.
-  if (seconds == -1 || seconds < std::numeric_limits<int32_t>::min() ||
-      seconds > std::numeric_limits<int32_t>::max()) {
-    return;
-  }
-  stream.date = int32_t(seconds);
+  if (auto date = MediaDate_Scan(text.data(), {"%d-%d-%d"}, 1)) stream.date = *date;
 }
 
 }  // namespace

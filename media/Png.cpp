@@ -56,19 +56,6 @@ void pngReadHeader(int fd, PngHeader& header) {
   header = {width, height, data[8], data[9]};
 }
 
-std::optional<int32_t> pngCreationDate(const char* text) {
-  static constexpr const char* kFormats[] = {
-      "%d:%d:%d %d:%d:%d",
-      "%d-%d-%d %d:%d:%d",
-      "%d-%d-%dT%d:%d:%d",
-  };
-  for (const char* format : kFormats) {
-    int v[6];
-    if (MediaScan_Ints(text, format, v, 6) == 6) return MediaDate_Make(v[0], v[1], v[2], v[3], v[4], v[5]);
-  }
-  return std::nullopt;
-}
-
 // A text chunk of `length` bytes at the current position: keyword, zero byte,
 // text. Only the title and the creation time are taken.
 void pngReadText(int fd, uint32_t length, MediaStream& stream) {
@@ -77,7 +64,7 @@ void pngReadText(int fd, uint32_t length, MediaStream& stream) {
   if (length > kTitleKeyword.size() + 1 && ::strcasecmp(chunk, kTitleKeyword.data()) == 0) {
     stream.title = std::string(chunk + kTitleKeyword.size() + 1);
   } else if (length > kCreationKeyword.size() + 1 && ::strcasecmp(chunk, kCreationKeyword.data()) == 0) {
-    if (auto date = pngCreationDate(chunk + kCreationKeyword.size() + 1)) stream.date = *date;
+    if (auto date = MediaDate_ScanStamp(chunk + kCreationKeyword.size() + 1)) stream.date = *date;
   }
 }
 
@@ -88,7 +75,7 @@ bool MediaParse_Png(int fd, int64_t offset, int64_t length, MediaStream& stream,
   stream.timescale = 1000;
   if (length < static_cast<int64_t>(kPngSignature.size())) return false;
   uint8_t signature[kPngSignature.size()];
-  if (MediaSeek(fd, offset, SEEK_SET) != offset || !MediaRead_Bytes(fd, signature, sizeof signature)) return false;
+  if (!MediaRead_At(fd, offset, signature, sizeof signature)) return false;
   if (std::memcmp(signature, kPngSignature.data(), sizeof signature) != 0) return false;
 
   PngHeader header;

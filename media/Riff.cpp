@@ -3,9 +3,7 @@
 // and from an embedded ID3v2 tag ("id3 " chunk); a later chunk's value
 // replaces an earlier one.
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -33,11 +31,6 @@ constexpr uint32_t kStreamFlagDisabled = 0x1;
 constexpr int32_t kMaxPictureHeight = 65535;
 constexpr uint32_t kMaxBitsPerPixel = 255;
 
-uint16_t le16(const uint8_t* b) { return static_cast<uint16_t>(b[0] | (b[1] << 8)); }
-uint32_t le32(const uint8_t* b) {
-  return uint32_t{b[0]} | (uint32_t{b[1]} << 8) | (uint32_t{b[2]} << 16) | (uint32_t{b[3]} << 24);
-}
-
 struct RiffChunk {
   char fourcc[4] = {};
   uint32_t size = 0;
@@ -56,10 +49,10 @@ class RiffWalker {
   bool next(RiffChunk& chunk) {
     uint8_t header[kChunkHeaderSize];
     if (chunksLeft_ <= 0 || position_ + kChunkHeaderSize > end_ ||
-        MediaSeek(fd_, position_, SEEK_SET) != position_ || !MediaRead_Bytes(fd_, header, sizeof header)) {
+        !MediaRead_At(fd_, position_, header, sizeof header)) {
       return false;
     }
-    const uint32_t size = le32(header + 4);
+    const uint32_t size = MediaBytes_U32LE(header + 4);
     const int64_t data = position_ + kChunkHeaderSize;
     if (data + size > end_) return false;
     std::copy_n(header, sizeof chunk.fourcc, chunk.fourcc);
@@ -77,15 +70,10 @@ class RiffWalker {
   int chunksLeft_;
 };
 
-// Reads up to `count` bytes of a chunk's data; false on a short read.
-bool readChunkData(int fd, const RiffChunk& chunk, uint8_t* buffer, size_t count) {
-  return MediaSeek(fd, chunk.data, SEEK_SET) == chunk.data && MediaRead_Bytes(fd, buffer, count);
-}
-
 // The list type of a "LIST" chunk, or empty when it has none.
 std::string_view listType(int fd, const RiffChunk& chunk, char (&type)[4]) {
   if (chunk.id() != "LIST" || chunk.size < 4 ||
-      !readChunkData(fd, chunk, reinterpret_cast<uint8_t*>(type), 4)) {
+      !MediaRead_At(fd, chunk.data, type, 4)) {
     return {};
   }
   return std::string_view(type, 4);
@@ -98,7 +86,7 @@ RiffWalker listBody(int fd, const RiffChunk& list, int maxChunks) {
 void readInfoText(int fd, const RiffChunk& chunk, std::optional<std::string>& target) {
   char text[kMaxInfoText];
   const size_t count = std::min<size_t>(chunk.size, sizeof text);
-  if (!readChunkData(fd, chunk, reinterpret_cast<uint8_t*>(text), count)) return;
+  if (!MediaRead_At(fd, chunk.data, text, count)) return;
   target = std::string(text, std::find(text, text + count, '\0'));
 }
 
@@ -106,26 +94,9 @@ void readInfoText(int fd, const RiffChunk& chunk, std::optional<std::string>& ta
 void readInfoDate(int fd, const RiffChunk& chunk, MediaStream& stream) {
   char text[kMaxInfoDate + 1] = {};
   const size_t count = std::min<size_t>(chunk.size, kMaxInfoDate);
-  if (!readChunkData(fd, chunk, reinterpret_cast<uint8_t*>(text), count)) return;
-  int year = 0, month = 1, day = 1;
-  int numbers = std::sscanf(text, "%d-%d-%d", &year, &month, &day);
-  if (numbers < 3) {
-    int colonYear = 0, colonMonth = 1, colonDay = 1;
-    const int colonNumbers = std::sscanf(text, "%d:%d:%d", &colonYear, &colonMonth, &colonDay);
-    if (colonNumbers > numbers) {
-      numbers = colonNumbers;
-      year = colonYear;
-      month = colonMonth;
-      day = colonDay;
-    }
-  }
-  if (numbers < 1) return;
-  std::tm time{};
-  time.tm_year = year - 1900;
-  time.tm_mon = numbers >= 2 ? month - 1 : 0;
-  time.tm_mday = numbers >= 3 ? day : 1;
-  const time_t seconds = timegm(&time);
-  if (seconds != static_cast<time_t>(-1)) stream.date = static_cast<int32_t>(seconds);
+  if (!MediaRead_At(fd, chunk.data, text, count)) return;
+  // The colon form is only taken when it reads more numbers than the dashed one.
+  if (auto date = MediaDate_Scan(text, {"%d-%d-%d", "%d:%d:%d"}, 1)) stream.date = *date;
 }
 
 void readInfoList(int fd, const RiffChunk& list, MediaStream& stream) {
@@ -146,11 +117,10 @@ void readId3Chunk(int fd, const RiffChunk& chunk, MediaStream& stream) {
 
 bool readRiffHeader(int fd, int64_t offset, int64_t length, std::string_view form, int64_t& end) {
   uint8_t header[kRiffHeaderSize];
-  if (length < kRiffHeaderSize || MediaSeek(fd, offset, SEEK_SET) != offset ||
-      !MediaRead_Bytes(fd, header, sizeof header)) {
+  if (length < kRiffHeaderSize || !MediaRead_At(fd, offset, header, sizeof header)) {
     return false;
   }
-  const int64_t riffSize = le32(header + 4);
+  const int64_t riffSize = MediaBytes_U32LE(header + 4);
   if (std::string_view(reinterpret_cast<char*>(header), 4) != "RIFF" ||
       riffSize + kChunkHeaderSize > length ||
       std::string_view(reinterpret_cast<char*>(header + 8), 4) != form) {
@@ -171,8 +141,8 @@ struct WavFormat {
 
 WavFormat readWavFormat(int fd, const RiffChunk& chunk) {
   uint8_t raw[kFormatSize];
-  if (!readChunkData(fd, chunk, raw, sizeof raw)) return {};
-  return {le16(raw), le16(raw + 2), le32(raw + 4), le32(raw + 8), le16(raw + 12), le16(raw + 14)};
+  if (!MediaRead_At(fd, chunk.data, raw, sizeof raw)) return {};
+  return {MediaBytes_U16LE(raw), MediaBytes_U16LE(raw + 2), MediaBytes_U32LE(raw + 4), MediaBytes_U32LE(raw + 8), MediaBytes_U16LE(raw + 12), MediaBytes_U16LE(raw + 14)};
 }
 
 bool parseWav(int fd, int64_t offset, int64_t length, MediaStream& stream) {
@@ -190,7 +160,7 @@ bool parseWav(int fd, int64_t offset, int64_t length, MediaStream& stream) {
       format = readWavFormat(fd, chunk);
     } else if (chunk.id() == "fact" && chunk.size >= 4) {
       uint8_t raw[4];
-      if (readChunkData(fd, chunk, raw, sizeof raw)) factFrames = le32(raw);
+      if (MediaRead_At(fd, chunk.data, raw, sizeof raw)) factFrames = MediaBytes_U32LE(raw);
     } else if (chunk.id() == "data") {
       dataSize = chunk.size;
     } else if (chunk.id() == "id3 ") {
@@ -204,16 +174,8 @@ bool parseWav(int fd, int64_t offset, int64_t length, MediaStream& stream) {
   if (factFrames) frames = *factFrames;
   else if (format.blockAlign != 0) frames = dataSize / format.blockAlign;
   if (format.sampleRate != 0 && format.channels != 0) {
-    StreamInfo info;
-    info.streamNumber = 1;
-    info.streamKind = MediaType_Audio;
-    info.enabled = 1;
-    info.duration = frames;
-    info.timescale = format.sampleRate;
-    info.sampleRate = format.sampleRate;
-    info.channels = static_cast<uint8_t>(format.channels);
-    info.bitsPerSample = static_cast<uint8_t>(format.bitsPerSample);
-    stream.streamInfo.push_back(info);
+    MediaStream_AddSound(stream, frames, format.sampleRate, static_cast<uint8_t>(format.channels),
+                         static_cast<uint8_t>(format.bitsPerSample));
   }
   stream.mediaType = MediaType_Audio;
   stream.mimeType = "audio/wave";
@@ -234,11 +196,11 @@ uint32_t streamKind(std::string_view type) {
 // The stream header; false when it is too short or describes no time.
 bool readStreamHeader(int fd, const RiffChunk& chunk, StreamInfo& info) {
   uint8_t raw[kStreamHeaderSize];
-  if (chunk.size < kStreamHeaderSize || !readChunkData(fd, chunk, raw, sizeof raw)) return false;
-  const uint32_t flags = le32(raw + 8);
-  const uint32_t scale = le32(raw + 20);
-  const uint32_t rate = le32(raw + 24);
-  const uint32_t length = le32(raw + 32);
+  if (chunk.size < kStreamHeaderSize || !MediaRead_At(fd, chunk.data, raw, sizeof raw)) return false;
+  const uint32_t flags = MediaBytes_U32LE(raw + 8);
+  const uint32_t scale = MediaBytes_U32LE(raw + 20);
+  const uint32_t rate = MediaBytes_U32LE(raw + 24);
+  const uint32_t length = MediaBytes_U32LE(raw + 32);
   if (length == 0 || scale == 0 || rate == 0) return false;
   info.streamKind = streamKind(std::string_view(reinterpret_cast<char*>(raw), 4));
   info.enabled = (flags & kStreamFlagDisabled) ? 0 : 1;
@@ -249,10 +211,10 @@ bool readStreamHeader(int fd, const RiffChunk& chunk, StreamInfo& info) {
 
 void readVideoFormat(int fd, const RiffChunk& chunk, StreamInfo& info) {
   uint8_t raw[kVideoFormatRead];
-  if (chunk.size < kVideoFormatSize || !readChunkData(fd, chunk, raw, sizeof raw)) return;
-  const auto width = static_cast<int32_t>(le32(raw + 4));
-  const auto height = static_cast<int32_t>(le32(raw + 8));
-  const uint16_t bitCount = le16(raw + 14);
+  if (chunk.size < kVideoFormatSize || !MediaRead_At(fd, chunk.data, raw, sizeof raw)) return;
+  const auto width = static_cast<int32_t>(MediaBytes_U32LE(raw + 4));
+  const auto height = static_cast<int32_t>(MediaBytes_U32LE(raw + 8));
+  const uint16_t bitCount = MediaBytes_U16LE(raw + 14);
   if (width < 1 || height == 0 || height < -kMaxPictureHeight || height > kMaxPictureHeight ||
       bitCount > kMaxBitsPerPixel) {
     return;

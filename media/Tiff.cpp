@@ -38,8 +38,7 @@ bool MediaParse_Tiff(int fd, int64_t offset, int64_t length, MediaStream& stream
     if (directory.width == 0 || directory.height == 0 || directory.bitsPerPixel == 0) continue;
 
     const bool first = stream.streamInfo.empty();
-    stream.streamInfo.push_back(TiffPicture_Stream(static_cast<uint32_t>(stream.streamInfo.size() + 1), first,
-                                                   directory.width, directory.height, directory.bitsPerPixel));
+    MediaStream_AddPicture(stream, directory.width, directory.height, directory.bitsPerPixel);
     if (!first) continue;
     stream.title = std::move(directory.description);
     stream.artist = std::move(directory.artist);

@@ -7,9 +7,7 @@
 
 #include <algorithm>
 #include <array>
-#include <climits>
 #include <cstring>
-#include <ctime>
 
 #include "media/MediaStream.h"
 
@@ -47,9 +45,6 @@ constexpr size_t kTextBufferSize = 256;
 constexpr size_t kDateBufferSize = 24;
 constexpr uint32_t kMaxSampleCount = 4;
 constexpr uint32_t kMinDateCount = 5;
-constexpr int kTmYearBase = 1900;
-constexpr uint32_t kSlideDuration = 5000;
-constexpr uint32_t kSlideTimescale = 1000;
 
 uint16_t TiffDecode16(const TiffSource& source, const uint8_t* bytes) {
   return source.bigEndian ? static_cast<uint16_t>(bytes[0] << 8 | bytes[1])
@@ -85,9 +80,8 @@ bool TiffFits(const TiffSource& source, uint32_t offset, int64_t length) {
   return static_cast<int64_t>(offset) + length <= source.size;
 }
 
-bool TiffSeek(const TiffSource& source, uint32_t offset) {
-  const int64_t position = source.start + offset;
-  return MediaSeek(source.fd, position, SEEK_SET) == position;
+bool TiffRead(const TiffSource& source, uint32_t offset, void* buffer, size_t count) {
+  return MediaRead_At(source.fd, source.start + offset, buffer, count);
 }
 
 // Reads the entry list at `offset`: the whole directory must fit, at most
@@ -95,7 +89,7 @@ bool TiffSeek(const TiffSource& source, uint32_t offset) {
 bool TiffReadEntries(const TiffSource& source, uint32_t offset, TiffEntryList& list) {
   if (!TiffFits(source, offset, kCountSize + kNextOffsetSize)) return false;
   uint8_t countBytes[kCountSize];
-  if (!TiffSeek(source, offset) || !MediaRead_Bytes(source.fd, countBytes, sizeof countBytes)) return false;
+  if (!TiffRead(source, offset, countBytes, sizeof countBytes)) return false;
   const uint16_t count = TiffDecode16(source, countBytes);
   const int64_t entriesSize = int64_t{count} * static_cast<int64_t>(kEntrySize);
   if (!TiffFits(source, offset, kCountSize + entriesSize + kNextOffsetSize)) return false;
@@ -137,8 +131,7 @@ std::string TiffReadAscii(const TiffSource& source, const TiffEntry& entry, size
     std::memcpy(buffer, entry.field(), length);
   } else {
     const uint32_t offset = entry.field32(source);
-    if (!TiffFits(source, offset, count) || !TiffSeek(source, offset) ||
-        !MediaRead_Bytes(source.fd, buffer, length)) {
+    if (!TiffFits(source, offset, count) || !TiffRead(source, offset, buffer, length)) {
       return {};
     }
   }
@@ -166,8 +159,7 @@ uint8_t TiffReadBitsPerSample(const TiffSource& source, const TiffEntry& entry) 
   if (count != 3 && count != kMaxSampleCount) return 0;
   const uint32_t offset = entry.field32(source);
   uint8_t samples[kMaxSampleCount * 2];
-  if (!TiffFits(source, offset, int64_t{count} * 2) || !TiffSeek(source, offset) ||
-      !MediaRead_Bytes(source.fd, samples, count * 2)) {
+  if (!TiffFits(source, offset, int64_t{count} * 2) || !TiffRead(source, offset, samples, count * 2)) {
     return 0;
   }
   unsigned sum = 0;
@@ -175,50 +167,12 @@ uint8_t TiffReadBitsPerSample(const TiffSource& source, const TiffEntry& entry) 
   return static_cast<uint8_t>(sum);
 }
 
-bool TiffIsSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-
-// Reads one number as "%d" does: leading white space, an optional sign, at
-// least one digit. Numbers beyond the range of int are refused.
-bool TiffScanNumber(std::string_view& text, int& number) {
-  size_t at = 0;
-  while (at < text.size() && TiffIsSpace(text[at])) ++at;
-  bool negative = false;
-  if (at < text.size() && (text[at] == '+' || text[at] == '-')) negative = text[at++] == '-';
-  const size_t digitsStart = at;
-  int64_t value = 0;
-  while (at < text.size() && text[at] >= '0' && text[at] <= '9') {
-    value = value * 10 + (text[at++] - '0');
-    if (value > INT_MAX) return false;
-  }
-  if (at == digitsStart) return false;
-  number = static_cast<int>(negative ? -value : value);
-  text.remove_prefix(at);
-  return true;
-}
-
-// Matches `text` against a pattern of six numbers ('d') separated by literal
-// characters; a space in the pattern matches any run of white space.
-bool TiffScanDate(std::string_view text, std::string_view pattern, int (&fields)[6]) {
-  size_t field = 0;
-  for (char expected : pattern) {
-    if (expected == 'd') {
-      if (!TiffScanNumber(text, fields[field++])) return false;
-    } else if (expected == ' ') {
-      while (!text.empty() && TiffIsSpace(text[0])) text.remove_prefix(1);
-    } else {
-      if (text.empty() || text[0] != expected) return false;
-      text.remove_prefix(1);
-    }
-  }
-  return field == 6;
-}
-
 }  // namespace
 
 bool TiffHeader_Read(int fd, int64_t start, int64_t size, TiffSource& source, uint32_t& firstOffset) {
   if (size < kHeaderSize) return false;
   uint8_t header[kHeaderSize];
-  if (MediaSeek(fd, start, SEEK_SET) != start || !MediaRead_Bytes(fd, header, sizeof header)) return false;
+  if (!MediaRead_At(fd, start, header, sizeof header)) return false;
   TiffSource candidate{fd, start, size, false};
   const uint16_t mark = static_cast<uint16_t>(header[0] << 8 | header[1]);
   if (mark == kByteOrderBig) candidate.bigEndian = true;
@@ -284,40 +238,11 @@ bool TiffDirectory_ReadExif(const TiffSource& source, uint32_t offset, TiffExifD
 int32_t TiffDate_Parse(std::string_view text) {
   text = text.substr(0, kDateBufferSize - 1);
   text = text.substr(0, text.find('\0'));
-  int fields[6];
-  if (!TiffScanDate(text, "d:d:d d:d:d", fields) && !TiffScanDate(text, "d-d-d d:d:d", fields) &&
-      !TiffScanDate(text, "d-d-dTd:d:d", fields)) {
-    return 0;
-  }
-  if (int64_t{fields[0]} - kTmYearBase < INT_MIN) return 0;
-  std::tm time{};
-  time.tm_year = fields[0] - kTmYearBase;
-  time.tm_mon = fields[1] - 1;
-  time.tm_mday = fields[2];
-  time.tm_hour = fields[3];
-  time.tm_min = fields[4];
-  time.tm_sec = fields[5];
-  const int64_t seconds = timegm(&time);
-  if (seconds == -1 || seconds < INT32_MIN || seconds > INT32_MAX) return 0;
-  return static_cast<int32_t>(seconds);
+  return MediaDate_ScanStamp(text).value_or(0);
 }
 
 int32_t TiffDate_Choose(int32_t dateTime, const TiffExifDirectory& exif) {
   if (exif.dateOriginal != 0) return exif.dateOriginal;
   if (exif.dateDigitized != 0) return exif.dateDigitized;
   return dateTime;
-}
-
-StreamInfo TiffPicture_Stream(uint32_t streamNumber, bool enabled, uint16_t width, uint16_t height,
-                              uint8_t bitsPerPixel) {
-  StreamInfo info;
-  info.streamNumber = streamNumber;
-  info.streamKind = MediaType_Image;
-  info.enabled = enabled ? 1 : 0;
-  info.duration = kSlideDuration;
-  info.timescale = kSlideTimescale;
-  info.width = width;
-  info.height = height;
-  info.bitsPerPixel = bitsPerPixel;
-  return info;
 }

@@ -56,8 +56,3 @@ int32_t TiffDate_Parse(std::string_view text);
 // The picture's date: DateTimeOriginal, else DateTimeDigitized, else the
 // directory's DateTime.
 int32_t TiffDate_Choose(int32_t dateTime, const TiffExifDirectory& exif);
-
-// The stream record of a still picture as both parsers report it: shown for
-// five seconds in a slide show.
-StreamInfo TiffPicture_Stream(uint32_t streamNumber, bool enabled, uint16_t width, uint16_t height,
-                              uint8_t bitsPerPixel);

@@ -31,7 +31,7 @@ const std::vector<DemoFile>& demoFiles() {
       {"Videos/Demo Clip.mp4", Mp4Fixture_Video},
       {"Videos/Demo Movie.mov", Mp4Fixture_Mov},
       {"Music/Demo Artist/Demo Album/Demo Song.m4a",
-       [] { return Mp4Fixture_M4a(kMp4DataPng, Mp4Fixture_CoverPng()); }},
+       [] { return Mp4Fixture_M4a(kMp4DataPng, PngFixture_Picture(8, 8, "", "")); }},
       {"Pictures/Holiday/harbour.jpg",
        [] {
          return JpegFixture_Build({.exif = JpegFixture_Exif({.description = "Harbour at dawn",

@@ -9,6 +9,7 @@
 #include "media/Flac.h"
 #include "tests/fixtures/ByteWriter.h"
 #include "tests/fixtures/FlacFixture.h"
+#include "tests/fixtures/JpegFixture.h"
 #include "tests/fixtures/MediaProbe.h"
 
 namespace {
@@ -50,7 +51,7 @@ TEST(Flac, TaggedSongWithCover) {
   EXPECT_EQ(stream->genre, "Jazz");
   EXPECT_EQ(stream->date, k2009June15);
   EXPECT_STREQ(stream->coverMimeType, "image/jpeg");
-  const auto jpeg = FlacFixture_JpegBlob(16, 16);
+  const auto jpeg = JpegFixture_Cover();
   ASSERT_EQ(stream->coverLength, int64_t(jpeg.size()));
   ASSERT_LE(stream->coverOffset + stream->coverLength, int64_t(bytes.size()));
   EXPECT_EQ(0, std::memcmp(bytes.data() + stream->coverOffset, jpeg.data(), jpeg.size()));

@@ -8,6 +8,7 @@
 #include "media/TiffDirectory.h"
 #include "tests/fixtures/ByteWriter.h"
 #include "tests/fixtures/JpegFixture.h"
+#include "tests/fixtures/MediaProbe.h"
 
 namespace {
 
@@ -15,17 +16,12 @@ constexpr int32_t kJuly4th = 1278246600;  // 2010-07-04 12:30:00 UTC
 constexpr int32_t kJanuary2nd = 1293937445;  // 2011-01-02 03:04:05 UTC
 constexpr int32_t kLeapDay = 1330559999;  // 2012-02-29 23:59:59 UTC
 
-MediaStreamPtr parse(const std::vector<uint8_t>& bytes) {
-  FixtureFile file(bytes);
-  return MediaStream_new(file.fd(), 0, file.size(), true);
-}
-
 TEST(Jpeg, OnlyTheListedMarkersAreFrames) {
   const std::vector<uint16_t> frames = {0xFFC0, 0xFFC1, 0xFFC2, 0xFFC3, 0xFFC5, 0xFFC7,
                                         0xFFC9, 0xFFCA, 0xFFCB, 0xFFCD, 0xFFCE, 0xFFCF};
   for (uint16_t marker = 0xFFC0; marker <= 0xFFCF; ++marker) {
     SCOPED_TRACE(marker);
-    auto stream = parse(JpegFixture_Build({.frameMarker = marker}));
+    auto stream = MediaProbe_Bytes(JpegFixture_Build({.frameMarker = marker}));
     ASSERT_NE(stream, nullptr);
     EXPECT_EQ(stream->mediaType, MediaType_Image);
     EXPECT_STREQ(stream->mimeType, "image/jpeg");
@@ -34,17 +30,17 @@ TEST(Jpeg, OnlyTheListedMarkersAreFrames) {
   }
 
   // Tables, reserved markers and 0xFFC6 in front of the frame are passed over.
-  auto stream = parse(JpegFixture_Build({.segmentsBeforeFrame = {0xFFC4, 0xFFC6, 0xFFC8, 0xFFCC}}));
+  auto stream = MediaProbe_Bytes(JpegFixture_Build({.segmentsBeforeFrame = {0xFFC4, 0xFFC6, 0xFFC8, 0xFFCC}}));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->streamCount(), 1);
 }
 
 TEST(Jpeg, FrameBehindSixteenSegmentsIsNotReached) {
-  auto reached = parse(JpegFixture_Build({.segmentsBeforeFrame = std::vector<uint16_t>(15, 0xFFE2)}));
+  auto reached = MediaProbe_Bytes(JpegFixture_Build({.segmentsBeforeFrame = std::vector<uint16_t>(15, 0xFFE2)}));
   ASSERT_NE(reached, nullptr);
   EXPECT_EQ(reached->streamCount(), 1);
 
-  auto missed = parse(JpegFixture_Build({.segmentsBeforeFrame = std::vector<uint16_t>(16, 0xFFE2)}));
+  auto missed = MediaProbe_Bytes(JpegFixture_Build({.segmentsBeforeFrame = std::vector<uint16_t>(16, 0xFFE2)}));
   ASSERT_NE(missed, nullptr);
   EXPECT_EQ(missed->mediaType, MediaType_Image);
   EXPECT_EQ(missed->streamCount(), 0);
@@ -57,8 +53,8 @@ TEST(Jpeg, DepthIsPrecisionTimesComponents) {
   for (const Case c : {Case{8, 3, 24}, Case{8, 1, 8}, Case{12, 3, 36}, Case{16, 4, 64}, Case{10, 3, 0},
                        Case{8, 2, 0}}) {
     SCOPED_TRACE(testing::Message() << int(c.precision) << "x" << int(c.components));
-    auto stream = parse(JpegFixture_Build({.width = 640, .height = 480, .precision = c.precision,
-                                           .components = c.components}));
+    auto stream = MediaProbe_Bytes(
+        JpegFixture_Build({.width = 640, .height = 480, .precision = c.precision, .components = c.components}));
     ASSERT_NE(stream, nullptr);
     if (c.bitsPerPixel == 0) {
       EXPECT_EQ(stream->streamCount(), 0);
@@ -80,7 +76,7 @@ TEST(Jpeg, ExifTextsDateAndThumbnailInBothByteOrders) {
     const auto exif = JpegFixture_Exif({.bigEndian = bigEndian, .description = "Harbour at dawn",
                                         .artist = "Ann", .dateTime = "2010:07:04 12:30:00"});
     const auto bytes = JpegFixture_Build({.exif = exif});
-    auto stream = parse(bytes);
+    auto stream = MediaProbe_Bytes(bytes);
     ASSERT_NE(stream, nullptr);
     EXPECT_EQ(stream->title, "Harbour at dawn");
     EXPECT_EQ(stream->artist, "Ann");  // short enough to sit in the entry itself
@@ -98,15 +94,15 @@ TEST(Jpeg, ExifTextsDateAndThumbnailInBothByteOrders) {
 }
 
 TEST(Jpeg, ThumbnailReachingPastTheExifBlockGivesNoCover) {
-  auto stream = parse(JpegFixture_Build(
-      {.exif = JpegFixture_Exif({.description = "kept", .thumbnailLengthSlack = 1})}));
+  auto stream = MediaProbe_Bytes(
+      JpegFixture_Build({.exif = JpegFixture_Exif({.description = "kept", .thumbnailLengthSlack = 1})}));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->coverMimeType, nullptr);
   EXPECT_EQ(stream->coverLength, 0);
   EXPECT_EQ(stream->title, "kept");
   EXPECT_EQ(stream->streamCount(), 1);
 
-  auto none = parse(JpegFixture_Build({.exif = JpegFixture_Exif({.thumbnail = false})}));
+  auto none = MediaProbe_Bytes(JpegFixture_Build({.exif = JpegFixture_Exif({.thumbnail = false})}));
   ASSERT_NE(none, nullptr);
   EXPECT_EQ(none->coverLength, 0);
 }
@@ -137,9 +133,9 @@ TEST(Jpeg, DateTimeOriginalWinsOverDigitizedOverDateTime) {
                        Case{"", "", "2012-02-29T23:59:59", kLeapDay},
                        Case{"2010:07:04 12:30:00", "not a date", "", kJuly4th}}) {
     SCOPED_TRACE(testing::Message() << c.dateTime << " / " << c.digitized << " / " << c.original);
-    auto stream = parse(JpegFixture_Build({.exif = JpegFixture_Exif(
-                                               {.dateTime = c.dateTime, .dateOriginal = c.original,
-                                                .dateDigitized = c.digitized})}));
+    auto stream = MediaProbe_Bytes(JpegFixture_Build(
+        {.exif =
+             JpegFixture_Exif({.dateTime = c.dateTime, .dateOriginal = c.original, .dateDigitized = c.digitized})}));
     ASSERT_NE(stream, nullptr);
     EXPECT_EQ(stream->date, c.expected);
   }
@@ -163,11 +159,11 @@ TEST(Jpeg, DateTextForms) {
 }
 
 TEST(Jpeg, DamagedFilesKeepWhatWasRead) {
-  EXPECT_EQ(parse({0xFF, 0xD8, 0xFF}), nullptr);  // too short
-  EXPECT_EQ(parse({0xFF, 0xD0, 0xFF, 0xE0, 0, 2}), nullptr);
+  EXPECT_EQ(MediaProbe_Bytes({0xFF, 0xD8, 0xFF}), nullptr);  // too short
+  EXPECT_EQ(MediaProbe_Bytes({0xFF, 0xD0, 0xFF, 0xE0, 0, 2}), nullptr);
 
   // The start test is loose: 0xFF, any byte with the bits of 0xD8, 0xFF.
-  auto loose = parse({0xFF, 0xD9, 0xFF, 0xE0});
+  auto loose = MediaProbe_Bytes({0xFF, 0xD9, 0xFF, 0xE0});
   ASSERT_NE(loose, nullptr);
   EXPECT_STREQ(loose->mimeType, "image/jpeg");
   EXPECT_EQ(loose->streamCount(), 0);
@@ -175,7 +171,7 @@ TEST(Jpeg, DamagedFilesKeepWhatWasRead) {
   // A broken EXIF signature is passed over; the frame still gives the size.
   auto bytes = JpegFixture_Build({.exif = JpegFixture_Exif({.description = "lost"})});
   bytes[9] = 'F';
-  auto stream = parse(bytes);
+  auto stream = MediaProbe_Bytes(bytes);
   ASSERT_NE(stream, nullptr);
   EXPECT_FALSE(stream->title);
   EXPECT_EQ(stream->coverLength, 0);
@@ -184,7 +180,7 @@ TEST(Jpeg, DamagedFilesKeepWhatWasRead) {
   // A segment length running past the end stops the walk before the frame.
   auto cut = JpegFixture_Build({});
   cut.resize(8);
-  auto truncated = parse(cut);
+  auto truncated = MediaProbe_Bytes(cut);
   ASSERT_NE(truncated, nullptr);
   EXPECT_EQ(truncated->streamCount(), 0);
 }

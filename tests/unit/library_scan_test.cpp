@@ -21,8 +21,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-Mp4Bytes song(const std::string& title, const std::optional<std::string>& artist = std::nullopt) {
-  Mp4Bytes items = Mp4Fixture_TextItem(kMp4ItemTitle, title);
+std::vector<uint8_t> song(const std::string& title, const std::optional<std::string>& artist = std::nullopt) {
+  std::vector<uint8_t> items = Mp4Fixture_TextItem(kMp4ItemTitle, title);
   if (artist) items = Mp4Fixture_Join({items, Mp4Fixture_TextItem(kMp4ItemArtist, *artist)});
   return Mp4Fixture_Join({Mp4Fixture_Ftyp("M4A "),
                           Mp4Fixture_Box("moov", Mp4Fixture_Join({Mp4Fixture_Mvhd(1000, 3000),

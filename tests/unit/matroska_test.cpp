@@ -10,62 +10,59 @@
 #include "media/MediaParsers.h"
 #include "media/MediaStream.h"
 #include "tests/fixtures/ByteWriter.h"
+#include "tests/fixtures/JpegFixture.h"
 #include "tests/fixtures/MatroskaFixture.h"
+#include "tests/fixtures/MediaProbe.h"
 
 namespace {
 
 constexpr int64_t kMiB = 1048576;
 
-MediaStreamPtr parse(const EbmlBytes& bytes) {
-  FixtureFile file(bytes);
-  return MediaStream_new(file.fd(), 0, file.size(), true);
-}
-
-bool declined(const EbmlBytes& bytes) {
+bool declined(const std::vector<uint8_t>& bytes) {
   FixtureFile file(bytes);
   MediaStream stream;
   return !MediaParse_Matroska(file.fd(), 0, file.size(), stream, true) &&
          !MediaStream_new(file.fd(), 0, file.size(), true);
 }
 
-int64_t positionOf(const EbmlBytes& haystack, const EbmlBytes& needle) {
+int64_t positionOf(const std::vector<uint8_t>& haystack, const std::vector<uint8_t>& needle) {
   auto found = std::search(haystack.begin(), haystack.end(), needle.begin(), needle.end());
   return found == haystack.end() ? -1 : found - haystack.begin();
 }
 
-EbmlBytes tracks(const std::vector<EbmlBytes>& entries) {
+std::vector<uint8_t> tracks(const std::vector<std::vector<uint8_t>>& entries) {
   ByteWriter payload;
-  for (const EbmlBytes& entry : entries) payload.bytes(entry);
+  for (const std::vector<uint8_t>& entry : entries) payload.bytes(entry);
   return EbmlFixture_Element(MatroskaId::Tracks, payload.data());
 }
 
-EbmlBytes info() { return MatroskaFixture_Info(1000000, 2000.0); }
+std::vector<uint8_t> info() { return MatroskaFixture_Info(1000000, 2000.0); }
 
-EbmlBytes videoTrack(uint64_t number = 1) { return MatroskaFixture_VideoTrack(number, 64, 48); }
+std::vector<uint8_t> videoTrack(uint64_t number = 1) { return MatroskaFixture_VideoTrack(number, 64, 48); }
 
-EbmlBytes audioTrack(std::initializer_list<EbmlBytes> audioChildren) {
+std::vector<uint8_t> audioTrack(std::initializer_list<std::vector<uint8_t>> audioChildren) {
   return EbmlFixture_Master(MatroskaId::TrackEntry,
                             {EbmlFixture_Unsigned(MatroskaId::TrackNumber, 2),
                              EbmlFixture_Unsigned(MatroskaId::TrackType, 2),
                              EbmlFixture_Master(MatroskaId::Audio, audioChildren)});
 }
 
-EbmlBytes track(std::initializer_list<EbmlBytes> children) {
+std::vector<uint8_t> track(std::initializer_list<std::vector<uint8_t>> children) {
   return EbmlFixture_Master(MatroskaId::TrackEntry, children);
 }
 
-EbmlBytes attachments(std::initializer_list<EbmlBytes> files) {
+std::vector<uint8_t> attachments(std::initializer_list<std::vector<uint8_t>> files) {
   return EbmlFixture_Master(MatroskaId::Attachments, files);
 }
 
-EbmlBytes mkv(const std::vector<EbmlBytes>& children, bool indexed = false) {
+std::vector<uint8_t> mkv(const std::vector<std::vector<uint8_t>>& children, bool indexed = false) {
   return MatroskaFixture_File("matroska", children, indexed);
 }
 
 TEST(Matroska, VideoWithCoverFillsTheRecord) {
-  const EbmlBytes bytes = MatroskaFixture_VideoWithCover();
-  const EbmlBytes jpeg = MatroskaFixture_CoverJpeg();
-  auto stream = parse(bytes);
+  const std::vector<uint8_t> bytes = MatroskaFixture_VideoWithCover();
+  const std::vector<uint8_t> jpeg = JpegFixture_Cover();
+  auto stream = MediaProbe_Bytes(bytes);
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->mediaType, MediaType_Video);
   EXPECT_STREQ(stream->mimeType, "video/x-matroska");
@@ -95,12 +92,12 @@ TEST(Matroska, VideoWithCoverFillsTheRecord) {
 }
 
 TEST(Matroska, MediaTypeAndMimeTypeFollowDocTypeAndTracks) {
-  auto webm = parse(MatroskaFixture_WebM());
+  auto webm = MediaProbe_Bytes(MatroskaFixture_WebM());
   ASSERT_NE(webm, nullptr);
   EXPECT_EQ(webm->mediaType, MediaType_Video);
   EXPECT_STREQ(webm->mimeType, "video/webm");
 
-  auto mka = parse(MatroskaFixture_AudioWithTitle());
+  auto mka = MediaProbe_Bytes(MatroskaFixture_AudioWithTitle());
   ASSERT_NE(mka, nullptr);
   EXPECT_EQ(mka->mediaType, MediaType_Audio);
   EXPECT_STREQ(mka->mimeType, "audio/x-matroska");
@@ -108,7 +105,7 @@ TEST(Matroska, MediaTypeAndMimeTypeFollowDocTypeAndTracks) {
   EXPECT_EQ(mka->duration, 184000u);
 
   const auto audio = MatroskaFixture_AudioTrack(1, 44100.0, 2, 16);
-  auto webmAudio = parse(MatroskaFixture_File("webm", {info(), tracks({audio})}));
+  auto webmAudio = MediaProbe_Bytes(MatroskaFixture_File("webm", {info(), tracks({audio})}));
   ASSERT_NE(webmAudio, nullptr);
   EXPECT_EQ(webmAudio->mediaType, MediaType_Audio);
   EXPECT_STREQ(webmAudio->mimeType, "audio/webm");
@@ -116,7 +113,7 @@ TEST(Matroska, MediaTypeAndMimeTypeFollowDocTypeAndTracks) {
   // A video track anywhere makes a video, also after audio and subtitles.
   const auto subtitle = track({EbmlFixture_Unsigned(MatroskaId::TrackNumber, 3),
                                EbmlFixture_Unsigned(MatroskaId::TrackType, 17)});
-  auto mixed = parse(mkv({info(), tracks({audio, subtitle, videoTrack(4)})}));
+  auto mixed = MediaProbe_Bytes(mkv({info(), tracks({audio, subtitle, videoTrack(4)})}));
   ASSERT_NE(mixed, nullptr);
   EXPECT_EQ(mixed->mediaType, MediaType_Video);
   EXPECT_STREQ(mixed->mimeType, "video/x-matroska");
@@ -125,7 +122,7 @@ TEST(Matroska, MediaTypeAndMimeTypeFollowDocTypeAndTracks) {
 }
 
 TEST(Matroska, OtherDocumentsAreLeftToTheNextParser) {
-  const std::vector<EbmlBytes> body = {info(), tracks({videoTrack()})};
+  const std::vector<std::vector<uint8_t>> body = {info(), tracks({videoTrack()})};
   EXPECT_FALSE(declined(MatroskaFixture_File("matroska", body)));
   for (const char* docType : {"mkv", "Matroska", "webmx", "web", ""}) {
     EXPECT_TRUE(declined(MatroskaFixture_File(docType, body))) << docType;
@@ -159,7 +156,7 @@ TEST(Matroska, DurationNeedsAPlausibleTimecodeScale) {
       {100000, 2500.7, 2500, 10000}, {1000000, 1e12, 4294967295u, 1000},
   };
   for (const Case& c : cases) {
-    auto stream = parse(mkv({MatroskaFixture_Info(c.scale, c.duration), tracks({videoTrack()})}));
+    auto stream = MediaProbe_Bytes(mkv({MatroskaFixture_Info(c.scale, c.duration), tracks({videoTrack()})}));
     ASSERT_NE(stream, nullptr) << c.scale;
     EXPECT_EQ(stream->duration, c.expectDuration) << c.scale << " " << c.duration;
     EXPECT_EQ(stream->timescale, c.expectTimescale) << c.scale;
@@ -175,21 +172,21 @@ TEST(Matroska, DateCountsFrom2001) {
       {86400LL * 1000000000LL, 978393600},  // one day later
   };
   for (const auto& [nanoseconds, expected] : cases) {
-    auto stream = parse(
-        mkv({MatroskaFixture_Info(1000000, 1000.0, "t", nanoseconds), tracks({videoTrack()})}));
+    auto stream =
+        MediaProbe_Bytes(mkv({MatroskaFixture_Info(1000000, 1000.0, "t", nanoseconds), tracks({videoTrack()})}));
     ASSERT_NE(stream, nullptr);
     EXPECT_EQ(stream->date, expected) << nanoseconds;
   }
-  auto undated = parse(mkv({info(), tracks({videoTrack()})}));
+  auto undated = MediaProbe_Bytes(mkv({info(), tracks({videoTrack()})}));
   ASSERT_NE(undated, nullptr);
   EXPECT_EQ(undated->date, 0);
   EXPECT_FALSE(undated->title);
 }
 
 TEST(Matroska, CoverNeedsExactNameAndSizeBelowOneMiB) {
-  const EbmlBytes small = {0xFF, 0xD8, 0x11, 0x22, 0x33, 0xFF, 0xD9};
-  auto coverOf = [&](std::initializer_list<EbmlBytes> files) {
-    return parse(mkv({info(), tracks({videoTrack()}), attachments(files)}));
+  const std::vector<uint8_t> small = {0xFF, 0xD8, 0x11, 0x22, 0x33, 0xFF, 0xD9};
+  auto coverOf = [&](std::initializer_list<std::vector<uint8_t>> files) {
+    return MediaProbe_Bytes(mkv({info(), tracks({videoTrack()}), attachments(files)}));
   };
 
   auto upper = coverOf({MatroskaFixture_Attachment("Cover.jpg", "image/jpeg", small)});
@@ -198,7 +195,7 @@ TEST(Matroska, CoverNeedsExactNameAndSizeBelowOneMiB) {
   EXPECT_EQ(upper->coverMimeType, nullptr);
 
   // The attachment's own MIME type is not looked at; the first cover wins.
-  const EbmlBytes other = {0xFF, 0xD8, 0x44, 0xFF, 0xD9};
+  const std::vector<uint8_t> other = {0xFF, 0xD8, 0x44, 0xFF, 0xD9};
   auto smallCover = coverOf({MatroskaFixture_Attachment("font.ttf", "font/ttf", {1, 2, 3}),
                              MatroskaFixture_Attachment("small_cover.jpg", "image/png", small),
                              MatroskaFixture_Attachment("cover.jpg", "image/jpeg", other)});
@@ -212,12 +209,10 @@ TEST(Matroska, CoverNeedsExactNameAndSizeBelowOneMiB) {
   ASSERT_NE(empty, nullptr);
   EXPECT_EQ(empty->coverLength, 0);
 
-  auto exact =
-      coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", EbmlBytes(kMiB, 0xAB))});
+  auto exact = coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", std::vector<uint8_t>(kMiB, 0xAB))});
   ASSERT_NE(exact, nullptr);
   EXPECT_EQ(exact->coverLength, 0);
-  auto below =
-      coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", EbmlBytes(kMiB - 1, 0xAB))});
+  auto below = coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", std::vector<uint8_t>(kMiB - 1, 0xAB))});
   ASSERT_NE(below, nullptr);
   EXPECT_EQ(below->coverLength, kMiB - 1);
 
@@ -231,8 +226,8 @@ TEST(Matroska, CoverNeedsExactNameAndSizeBelowOneMiB) {
 }
 
 TEST(Matroska, CoverOffsetCountsFromTheFileStart) {
-  const EbmlBytes bytes = MatroskaFixture_VideoWithCover();
-  const EbmlBytes jpeg = MatroskaFixture_CoverJpeg();
+  const std::vector<uint8_t> bytes = MatroskaFixture_VideoWithCover();
+  const std::vector<uint8_t> jpeg = JpegFixture_Cover();
   ByteWriter prefixed;
   prefixed.fill(37, 0x55).bytes(bytes).fill(5, 0x55);
   FixtureFile file(prefixed.data());
@@ -244,15 +239,14 @@ TEST(Matroska, CoverOffsetCountsFromTheFileStart) {
 }
 
 TEST(Matroska, SectionsBehindAClusterAreFoundThroughTheSeekHead) {
-  const EbmlBytes cover = MatroskaFixture_CoverJpeg();
-  const std::vector<EbmlBytes> late = {
-      MatroskaFixture_Cluster(), MatroskaFixture_Info(1000000, 4000.0, "Late"),
-      tracks({videoTrack()}),
+  const std::vector<uint8_t> cover = JpegFixture_Cover();
+  const std::vector<std::vector<uint8_t>> late = {
+      MatroskaFixture_Cluster(), MatroskaFixture_Info(1000000, 4000.0, "Late"), tracks({videoTrack()}),
       attachments({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", cover)})};
   EXPECT_TRUE(declined(mkv(late, false)));
 
-  const EbmlBytes indexed = mkv(late, true);
-  auto stream = parse(indexed);
+  const std::vector<uint8_t> indexed = mkv(late, true);
+  auto stream = MediaProbe_Bytes(indexed);
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->title, "Late");
   EXPECT_EQ(stream->duration, 4000u);
@@ -261,13 +255,13 @@ TEST(Matroska, SectionsBehindAClusterAreFoundThroughTheSeekHead) {
 
   // An entry is followed only when its position holds the element it names:
   // here the Info entry is relabelled as Attachments.
-  EbmlBytes relabelled = indexed;
-  const EbmlBytes infoSeekId = {0x53, 0xAB, 0x84, 0x15, 0x49, 0xA9, 0x66};
+  std::vector<uint8_t> relabelled = indexed;
+  const std::vector<uint8_t> infoSeekId = {0x53, 0xAB, 0x84, 0x15, 0x49, 0xA9, 0x66};
   const int64_t at = positionOf(relabelled, infoSeekId);
   ASSERT_GT(at, 0);
-  const EbmlBytes attachmentsId = {0x19, 0x41, 0xA4, 0x69};
+  const std::vector<uint8_t> attachmentsId = {0x19, 0x41, 0xA4, 0x69};
   std::copy(attachmentsId.begin(), attachmentsId.end(), relabelled.begin() + at + 3);
-  auto misled = parse(relabelled);
+  auto misled = MediaProbe_Bytes(relabelled);
   ASSERT_NE(misled, nullptr);
   EXPECT_FALSE(misled->title);
   EXPECT_EQ(misled->streamCount(), 1);
@@ -275,17 +269,17 @@ TEST(Matroska, SectionsBehindAClusterAreFoundThroughTheSeekHead) {
 }
 
 TEST(Matroska, TrackKeepRules) {
-  auto streamsOf = [](std::initializer_list<EbmlBytes> entries) {
-    std::vector<EbmlBytes> all = {videoTrack(100)};
+  auto streamsOf = [](std::initializer_list<std::vector<uint8_t>> entries) {
+    std::vector<std::vector<uint8_t>> all = {videoTrack(100)};
     all.insert(all.end(), entries);
-    auto stream = parse(mkv({info(), tracks(all)}));
+    auto stream = MediaProbe_Bytes(mkv({info(), tracks(all)}));
     return stream ? stream->streamInfo : std::vector<StreamInfo>{};
   };
-  auto numbered = [](uint64_t number, uint64_t type, std::initializer_list<EbmlBytes> more = {}) {
+  auto numbered = [](uint64_t number, uint64_t type, std::initializer_list<std::vector<uint8_t>> more = {}) {
     ByteWriter w;
     w.bytes(EbmlFixture_Unsigned(MatroskaId::TrackNumber, number));
     w.bytes(EbmlFixture_Unsigned(MatroskaId::TrackType, type));
-    for (const EbmlBytes& e : more) w.bytes(e);
+    for (const std::vector<uint8_t>& e : more) w.bytes(e);
     return EbmlFixture_Element(MatroskaId::TrackEntry, w.data());
   };
 
@@ -319,9 +313,9 @@ TEST(Matroska, TrackKeepRules) {
   EXPECT_EQ(sizes[1].height, 65535);
 
   // At most 32 tracks are kept.
-  std::vector<EbmlBytes> many;
+  std::vector<std::vector<uint8_t>> many;
   for (uint64_t n = 1; n <= 40; ++n) many.push_back(MatroskaFixture_AudioTrack(n, 8000.0, 1, 8));
-  auto crowded = parse(mkv({info(), tracks(many)}));
+  auto crowded = MediaProbe_Bytes(mkv({info(), tracks(many)}));
   ASSERT_NE(crowded, nullptr);
   EXPECT_EQ(crowded->streamCount(), 32);
   EXPECT_EQ(crowded->streamInfo.back().streamNumber, 32u);
@@ -329,8 +323,8 @@ TEST(Matroska, TrackKeepRules) {
 
 TEST(Matroska, FailingAudioRejectsItsTrack) {
   using namespace MatroskaId;
-  auto audioKept = [](std::initializer_list<EbmlBytes> audioChildren) -> int {
-    auto stream = parse(mkv({info(), tracks({videoTrack(), audioTrack(audioChildren)})}));
+  auto audioKept = [](std::initializer_list<std::vector<uint8_t>> audioChildren) -> int {
+    auto stream = MediaProbe_Bytes(mkv({info(), tracks({videoTrack(), audioTrack(audioChildren)})}));
     if (!stream) return -1;
     return static_cast<int>(stream->streamCount()) - 1;
   };
@@ -353,8 +347,8 @@ TEST(Matroska, FailingAudioRejectsItsTrack) {
   EXPECT_TRUE(declined(mkv({info(), tracks({audioTrack({EbmlFixture_Unsigned(Channels, 300)})})})));
 
   // Both frequencies land in one value; the later one wins.
-  auto rate = [](std::initializer_list<EbmlBytes> audioChildren) {
-    auto stream = parse(mkv({info(), tracks({audioTrack(audioChildren)})}));
+  auto rate = [](std::initializer_list<std::vector<uint8_t>> audioChildren) {
+    auto stream = MediaProbe_Bytes(mkv({info(), tracks({audioTrack(audioChildren)})}));
     return stream ? stream->streamInfo[0].sampleRate : 0u;
   };
   EXPECT_EQ(rate({EbmlFixture_Float(SamplingFrequency, 24000.0),
@@ -367,34 +361,32 @@ TEST(Matroska, FailingAudioRejectsItsTrack) {
 
 TEST(Matroska, UnknownSizesAreBoundedByTheParent) {
   // A live recording: Segment of unknown size, read up to the Cluster.
-  auto live = parse(EbmlFixture_Join(
+  auto live = MediaProbe_Bytes(EbmlFixture_Join(
       {MatroskaFixture_Header("webm"),
-       EbmlFixture_UnknownSize(
-           MatroskaId::Segment,
-           EbmlFixture_Join({info(), tracks({videoTrack()}),
-                             EbmlFixture_UnknownSize(MatroskaId::Cluster, {0xE7, 0x81, 0x00})}))}));
+       EbmlFixture_UnknownSize(MatroskaId::Segment,
+                               EbmlFixture_Join({info(), tracks({videoTrack()}),
+                                                 EbmlFixture_UnknownSize(MatroskaId::Cluster, {0xE7, 0x81, 0x00})}))}));
   ASSERT_NE(live, nullptr);
   EXPECT_STREQ(live->mimeType, "video/webm");
   EXPECT_EQ(live->duration, 2000u);
 
   // Tracks of unknown size end with their Segment: a track entry stored after
   // the Segment does not count.
-  auto bounded = parse(EbmlFixture_Join(
+  auto bounded = MediaProbe_Bytes(EbmlFixture_Join(
       {MatroskaFixture_Header("matroska"),
-       EbmlFixture_Master(MatroskaId::Segment,
-                          {info(), EbmlFixture_UnknownSize(MatroskaId::Tracks, videoTrack(1))}),
+       EbmlFixture_Master(MatroskaId::Segment, {info(), EbmlFixture_UnknownSize(MatroskaId::Tracks, videoTrack(1))}),
        MatroskaFixture_AudioTrack(2, 48000.0, 2, 16)}));
   ASSERT_NE(bounded, nullptr);
   EXPECT_EQ(bounded->streamCount(), 1);
 
   // A child claiming more than its parent holds ends that parent's reading;
   // what was read before it stays.
-  const EbmlBytes audio = MatroskaFixture_AudioTrack(2, 48000.0, 2, 16);
-  EbmlBytes overrun = mkv({info(), tracks({videoTrack(1), audio})});
+  const std::vector<uint8_t> audio = MatroskaFixture_AudioTrack(2, 48000.0, 2, 16);
+  std::vector<uint8_t> overrun = mkv({info(), tracks({videoTrack(1), audio})});
   const int64_t audioEntry = positionOf(overrun, audio);
   ASSERT_GT(audioEntry, 0);
   overrun[audioEntry + 1] = 0xFE;  // size 126, beyond the Tracks element
-  auto cut = parse(overrun);
+  auto cut = MediaProbe_Bytes(overrun);
   ASSERT_NE(cut, nullptr);
   EXPECT_EQ(cut->streamCount(), 1);
 }

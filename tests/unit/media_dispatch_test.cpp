@@ -9,6 +9,7 @@
 #include "tests/fixtures/ByteWriter.h"
 #include "tests/fixtures/FlacFixture.h"
 #include "tests/fixtures/GifFixture.h"
+#include "tests/fixtures/JpegFixture.h"
 #include "tests/fixtures/MediaProbe.h"
 #include "tests/fixtures/PngFixture.h"
 
@@ -63,7 +64,7 @@ TEST(MediaDispatch, SignaturesCountOnlyAtTheOffset) {
   auto stream = MediaStream_new(fixture.fd(), 100, int64_t(song.size()), true);
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->title, "Offset song");
-  const auto jpeg = FlacFixture_JpegBlob(16, 16);
+  const auto jpeg = JpegFixture_Cover();
   ASSERT_EQ(stream->coverLength, int64_t(jpeg.size()));
   EXPECT_EQ(file.data()[stream->coverOffset], 0xFF);
   EXPECT_EQ(file.data()[stream->coverOffset + 1], 0xD8);

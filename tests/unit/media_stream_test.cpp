@@ -73,6 +73,13 @@ TEST(MediaStream, BitReaderAndWriterAgree) {
   EXPECT_EQ(MediaBits_Get(out, 16, 32), 0xDEADBEEFu);
 }
 
+TEST(MediaStream, LittleEndianDecoders) {
+  const uint8_t bytes[4] = {0xEF, 0xBE, 0xAD, 0xDE};
+  EXPECT_EQ(MediaBytes_U16LE(bytes), 0xBEEFu);
+  EXPECT_EQ(MediaBytes_U16LE(bytes + 2), 0xDEADu);
+  EXPECT_EQ(MediaBytes_U32LE(bytes), 0xDEADBEEFu);
+}
+
 TEST(MediaStream, Utf8EncoderWidths) {
   char out[4];
   EXPECT_EQ(MediaUtf8_Encode(0x41, out), 1u);
@@ -126,6 +133,23 @@ TEST(MediaStream, DatesAreUtcAndFitThirtyTwoBits) {
   EXPECT_EQ(MediaDate_Make(2038, 1, 19, 3, 14, 7), INT32_MAX);
   EXPECT_EQ(MediaDate_Make(2038, 1, 19, 3, 14, 8), std::nullopt);
   EXPECT_EQ(MediaDate_Make(INT_MAX, INT_MIN, INT_MAX, 0, 0, 0), std::nullopt);
+}
+
+TEST(MediaStream, DateTextsTakeTheFormatThatReadsMost) {
+  // Missing fields default to 1 January, midnight.
+  EXPECT_EQ(MediaDate_Scan("2009", {"%d-%d-%d"}, 1), 1230768000);
+  EXPECT_EQ(MediaDate_Scan("2009-06-15", {"%d-%d-%d"}, 1), 1245024000);
+  // A second format counts only when it reads more numbers than the first.
+  EXPECT_EQ(MediaDate_Scan("2009:06:15", {"%d-%d-%d"}, 1), 1230768000);
+  EXPECT_EQ(MediaDate_Scan("2009:06:15", {"%d-%d-%d", "%d:%d:%d"}, 1), 1245024000);
+  EXPECT_EQ(MediaDate_Scan("June", {"%d-%d-%d"}, 1), std::nullopt);
+  EXPECT_EQ(MediaDate_Scan("2100-01-01", {"%d-%d-%d"}, 1), std::nullopt);  // beyond 32-bit seconds
+  // Time stamps need all six numbers, in any of the three forms.
+  EXPECT_EQ(MediaDate_ScanStamp("2009:06:15 10:20:30"), 1245061230);
+  EXPECT_EQ(MediaDate_ScanStamp("2009-06-15 10:20:30"), 1245061230);
+  EXPECT_EQ(MediaDate_ScanStamp("2009-06-15T10:20:30"), 1245061230);
+  EXPECT_EQ(MediaDate_ScanStamp("2009-06-15 10:20"), std::nullopt);
+  EXPECT_EQ(MediaDate_ScanStamp("2009-06-15"), std::nullopt);
 }
 
 }  // namespace

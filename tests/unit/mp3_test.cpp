@@ -11,14 +11,11 @@
 
 #include "media/MediaParsers.h"
 #include "tests/fixtures/ByteWriter.h"
+#include "tests/fixtures/JpegFixture.h"
+#include "tests/fixtures/MediaProbe.h"
 #include "tests/fixtures/Mp3Fixture.h"
 
 namespace {
-
-MediaStreamPtr probe(const std::vector<uint8_t>& bytes, bool metadataOnly = true) {
-  FixtureFile file(bytes);
-  return MediaStream_new(file.fd(), 0, file.size(), metadataOnly);
-}
 
 std::vector<uint8_t> join(std::vector<uint8_t> a, const std::vector<uint8_t>& b) {
   a.insert(a.end(), b.begin(), b.end());
@@ -27,7 +24,7 @@ std::vector<uint8_t> join(std::vector<uint8_t> a, const std::vector<uint8_t>& b)
 
 // A tag in front of ten plain stereo frames.
 MediaStreamPtr probeTagged(const Id3TagBuilder& tag) {
-  return probe(join(tag.build(), Mp3Fixture_Frames(kMp3Mpeg1Stereo, 10)));
+  return MediaProbe_Bytes(join(tag.build(), Mp3Fixture_Frames(kMp3Mpeg1Stereo, 10)));
 }
 
 std::vector<uint8_t> latin1(std::string_view text) {
@@ -37,7 +34,7 @@ std::vector<uint8_t> latin1(std::string_view text) {
 }
 
 TEST(Mp3, PlainFramesGiveDurationFromLengthAndOneStream) {
-  auto stream = probe(Mp3Fixture_Frames(kMp3Mpeg1Stereo, 10));
+  auto stream = MediaProbe_Bytes(Mp3Fixture_Frames(kMp3Mpeg1Stereo, 10));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->mediaType, MediaType_Audio);
   EXPECT_STREQ(stream->mimeType, "audio/mpeg");
@@ -55,15 +52,15 @@ TEST(Mp3, PlainFramesGiveDurationFromLengthAndOneStream) {
   EXPECT_EQ(stream->seekInfo, nullptr);  // metadata only
 
   // MPEG-2 Layer III frames hold 576 samples; single channel counts as one.
-  stream = probe(Mp3Fixture_Frames(kMp3Mpeg2Stereo, 20));
+  stream = MediaProbe_Bytes(Mp3Fixture_Frames(kMp3Mpeg2Stereo, 20));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->duration, 20u * 576);
   EXPECT_EQ(stream->timescale, 22050u);
-  stream = probe(Mp3Fixture_Frames(kMp3Mpeg1Mono, 10));
+  stream = MediaProbe_Bytes(Mp3Fixture_Frames(kMp3Mpeg1Mono, 10));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->streamInfo.at(0).channels, 1);
   // Layer I: 384 samples in frames of 32 bytes.
-  stream = probe(Mp3Fixture_Frames(kMp3Mpeg1LayerI, 40));
+  stream = MediaProbe_Bytes(Mp3Fixture_Frames(kMp3Mpeg1LayerI, 40));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->duration, 40u * 384);
   EXPECT_EQ(stream->timescale, 48000u);
@@ -71,27 +68,27 @@ TEST(Mp3, PlainFramesGiveDurationFromLengthAndOneStream) {
   // A trailing partial frame does not count.
   auto bytes = Mp3Fixture_Frames(kMp3Mpeg1Stereo, 10);
   bytes.resize(bytes.size() + 416, 0);
-  stream = probe(bytes);
+  stream = MediaProbe_Bytes(bytes);
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->duration, 10u * 1152);
 }
 
 TEST(Mp3, RefusesWhatIsNotMpegAudio) {
   // Too short behind the (absent) tag: two frames are 834 bytes.
-  EXPECT_EQ(probe(Mp3Fixture_Frames(kMp3Mpeg1Stereo, 2)), nullptr);
-  EXPECT_NE(probe(Mp3Fixture_Frames(kMp3Mpeg1Stereo, 3)), nullptr);
+  EXPECT_EQ(MediaProbe_Bytes(Mp3Fixture_Frames(kMp3Mpeg1Stereo, 2)), nullptr);
+  EXPECT_NE(MediaProbe_Bytes(Mp3Fixture_Frames(kMp3Mpeg1Stereo, 3)), nullptr);
 
   // Junk between tag and audio: the header must start within 512 bytes.
   const auto tag = Id3TagBuilder(3).text("TIT2", "x").build();
   const auto frames = Mp3Fixture_Frames(kMp3Mpeg1Stereo, 10);
-  EXPECT_NE(probe(join(join(tag, std::vector<uint8_t>(511, 0)), frames)), nullptr);
-  EXPECT_EQ(probe(join(join(tag, std::vector<uint8_t>(512, 0)), frames)), nullptr);
+  EXPECT_NE(MediaProbe_Bytes(join(join(tag, std::vector<uint8_t>(511, 0)), frames)), nullptr);
+  EXPECT_EQ(MediaProbe_Bytes(join(join(tag, std::vector<uint8_t>(512, 0)), frames)), nullptr);
 
   // Free format (bitrate index 0) and the reserved index 15.
   for (uint8_t bitrateByte : {0x00, 0xF0}) {
     ByteWriter out;
     for (int i = 0; i < 8; ++i) out.u8(0xFF).u8(0xFB).u8(bitrateByte).u8(0).fill(413);
-    EXPECT_EQ(probe(out.data()), nullptr) << int(bitrateByte);
+    EXPECT_EQ(MediaProbe_Bytes(out.data()), nullptr) << int(bitrateByte);
   }
   // Reserved version bits (01) and layer bits (00), reserved sample rate.
   for (const std::vector<uint8_t>& header :
@@ -99,16 +96,16 @@ TEST(Mp3, RefusesWhatIsNotMpegAudio) {
         std::vector<uint8_t>{0xFF, 0xFB, 0x9C, 0x00}}) {
     ByteWriter out;
     for (int i = 0; i < 8; ++i) out.bytes(header).fill(413);
-    EXPECT_EQ(probe(out.data()), nullptr);
+    EXPECT_EQ(MediaProbe_Bytes(out.data()), nullptr);
   }
 
   // The next frame must be there and agree on the stream's shape.
   auto mismatch = Mp3Fixture_Frames(kMp3Mpeg1Stereo, 10);
   mismatch[417 + 3] = 0xC0;  // second frame in single-channel mode
-  EXPECT_EQ(probe(mismatch), nullptr);
+  EXPECT_EQ(MediaProbe_Bytes(mismatch), nullptr);
   auto broken = Mp3Fixture_Frames(kMp3Mpeg1Stereo, 10);
   broken[417] = 0;
-  EXPECT_EQ(probe(broken), nullptr);
+  EXPECT_EQ(MediaProbe_Bytes(broken), nullptr);
 }
 
 TEST(Mp3, DeclineDropsTagDataFromTheRecord) {
@@ -125,36 +122,36 @@ TEST(Mp3, DeclineDropsTagDataFromTheRecord) {
   EXPECT_EQ(stream.coverMimeType, nullptr);
   EXPECT_EQ(stream.coverOffset, 0);
   EXPECT_EQ(stream.coverLength, 0);
-  EXPECT_EQ(probe(bytes), nullptr);
+  EXPECT_EQ(MediaProbe_Bytes(bytes), nullptr);
 }
 
 TEST(Mp3, XingHeaderCountsAndSeekData) {
   // Frame count from the Xing header replaces the one from the length.
   auto bytes =
       join(Mp3Fixture_VbrFrame(kMp3Mpeg1Stereo, "Xing", 1, 1000, 0), Mp3Fixture_Frames(kMp3Mpeg1Stereo, 5));
-  auto stream = probe(bytes);
+  auto stream = MediaProbe_Bytes(bytes);
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->duration, 1000u * 1152);
   EXPECT_EQ(stream->timescale, 44100u);
 
   // "Info" is not recognised: the count comes from length / frame length.
-  stream = probe(
+  stream = MediaProbe_Bytes(
       join(Mp3Fixture_VbrFrame(kMp3Mpeg1Stereo, "Info", 1, 1000, 0), Mp3Fixture_Frames(kMp3Mpeg1Stereo, 5)));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->duration, 6u * 1152);
 
   // The header's place depends on version and channel mode.
-  stream =
-      probe(join(Mp3Fixture_VbrFrame(kMp3Mpeg1Mono, "Xing", 1, 300, 0), Mp3Fixture_Frames(kMp3Mpeg1Mono, 5)));
+  stream = MediaProbe_Bytes(
+      join(Mp3Fixture_VbrFrame(kMp3Mpeg1Mono, "Xing", 1, 300, 0), Mp3Fixture_Frames(kMp3Mpeg1Mono, 5)));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->duration, 300u * 1152);
-  stream = probe(
+  stream = MediaProbe_Bytes(
       join(Mp3Fixture_VbrFrame(kMp3Mpeg2Stereo, "Xing", 1, 300, 0), Mp3Fixture_Frames(kMp3Mpeg2Stereo, 8)));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->duration, 300u * 576);
 
   // A zero frame count leaves no stream and the one-millisecond duration.
-  stream = probe(
+  stream = MediaProbe_Bytes(
       join(Mp3Fixture_VbrFrame(kMp3Mpeg1Stereo, "Xing", 1, 0, 0), Mp3Fixture_Frames(kMp3Mpeg1Stereo, 5)));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->streamCount(), 0);
@@ -166,7 +163,7 @@ TEST(Mp3, XingHeaderCountsAndSeekData) {
   const auto tag = Id3TagBuilder(3).text("TIT2", "x").build();
   bytes = join(tag, join(Mp3Fixture_VbrFrame(kMp3Mpeg1Stereo, "Xing", 7, 500, 1000),
                          Mp3Fixture_Frames(kMp3Mpeg1Stereo, 5)));
-  stream = probe(bytes, false);
+  stream = MediaProbe_Bytes(bytes, false);
   ASSERT_NE(stream, nullptr);
   auto* seek = dynamic_cast<Mp3SeekInfo*>(stream->seekInfo.get());
   ASSERT_NE(seek, nullptr);
@@ -181,7 +178,7 @@ TEST(Mp3, XingHeaderCountsAndSeekData) {
   // A byte count beyond the data is ignored; without a table the frame length is kept.
   bytes =
       join(Mp3Fixture_VbrFrame(kMp3Mpeg1Stereo, "Xing", 2, 0, 999999), Mp3Fixture_Frames(kMp3Mpeg1Stereo, 5));
-  stream = probe(bytes, false);
+  stream = MediaProbe_Bytes(bytes, false);
   ASSERT_NE(stream, nullptr);
   seek = dynamic_cast<Mp3SeekInfo*>(stream->seekInfo.get());
   ASSERT_NE(seek, nullptr);
@@ -368,15 +365,20 @@ TEST_F(Mp3DateTest, YearDayAndMonthInUtc) {
   stream = probeTagged(Id3TagBuilder(3).frame("TDAT", {'2', '5', '0', '3'}).text("TYER", "none"));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->date, 0);
+
+  // A year past the 32-bit seconds is refused, not wrapped around.
+  stream = probeTagged(Id3TagBuilder(3).text("TYER", "2100"));
+  ASSERT_NE(stream, nullptr);
+  EXPECT_EQ(stream->date, 0);
 }
 
 TEST(Mp3, AttachedPictures) {
   const std::vector<uint8_t> png(10, 0x89);
-  const std::vector<uint8_t> jpeg = Mp3Fixture_JpegBlob();
+  const std::vector<uint8_t> jpeg = JpegFixture_Cover();
   const auto first = Id3Fixture_Picture(3, "image/png", "one", png);
   const auto second = Id3Fixture_Picture(3, "image/jpeg", "two", jpeg);
   const auto tag = Id3TagBuilder(3).frame("APIC", first).frame("APIC", second).build();
-  auto stream = probe(join(tag, Mp3Fixture_Frames(kMp3Mpeg1Stereo, 10)));
+  auto stream = MediaProbe_Bytes(join(tag, Mp3Fixture_Frames(kMp3Mpeg1Stereo, 10)));
   ASSERT_NE(stream, nullptr);
   // The last picture wins; it lies at the end of the tag.
   EXPECT_STREQ(stream->coverMimeType, "image/jpeg");
@@ -412,7 +414,7 @@ TEST(Mp3, AttachedPictures) {
   };
   for (const Case& c : cases) {
     const auto bytes = c.tag.build();
-    stream = probe(join(bytes, Mp3Fixture_Frames(kMp3Mpeg1Stereo, 10)));
+    stream = MediaProbe_Bytes(join(bytes, Mp3Fixture_Frames(kMp3Mpeg1Stereo, 10)));
     ASSERT_NE(stream, nullptr);
     EXPECT_STREQ(stream->coverMimeType, c.mime);
     EXPECT_EQ(stream->coverLength, c.length);

@@ -1,22 +1,20 @@
 // MP4, M4A and QuickTime files through the whole dispatch: where the file type
 // and movie boxes may lie, tracks and MIME types, item-list tags and covers,
 // box sizes that are refused, and the seek data.
+#include "media/Mp4.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "media/Genres.h"
 #include "media/MediaStream.h"
-#include "media/Mp4.h"
 #include "tests/fixtures/ByteWriter.h"
+#include "tests/fixtures/MediaProbe.h"
 #include "tests/fixtures/Mp4Fixture.h"
+#include "tests/fixtures/PngFixture.h"
 
 namespace {
-
-MediaStreamPtr parse(const Mp4Bytes& bytes, bool metadataOnly = true) {
-  FixtureFile file(bytes);
-  return MediaStream_new(file.fd(), 0, file.size(), metadataOnly);
-}
 
 Mp4FixtureTrack audioTrack(uint32_t id = 1) {
   Mp4FixtureTrack track;
@@ -34,30 +32,30 @@ Mp4FixtureTrack videoTrack(uint32_t id) {
 }
 
 // An audio file whose item list holds `items`.
-Mp4Bytes withItems(const Mp4Bytes& items) {
+std::vector<uint8_t> withItems(const std::vector<uint8_t>& items) {
   return Mp4Fixture_Join({Mp4Fixture_Ftyp("M4A "),
                           Mp4Fixture_Box("moov", Mp4Fixture_Join({Mp4Fixture_Track(audioTrack()),
                                                                   Mp4Fixture_UserData(items)}))});
 }
 
 // `count` empty boxes of `type`, e.g. padding in front of the movie.
-Mp4Bytes boxes(int count, const char* type) {
-  Mp4Bytes out;
+std::vector<uint8_t> boxes(int count, const char* type) {
+  std::vector<uint8_t> out;
   for (int i = 0; i < count; ++i) {
-    Mp4Bytes box = Mp4Fixture_Box(type, {});
+    std::vector<uint8_t> box = Mp4Fixture_Box(type, {});
     out.insert(out.end(), box.begin(), box.end());
   }
   return out;
 }
 
-void patchU32(Mp4Bytes& bytes, size_t at, uint32_t value) {
+void patchU32(std::vector<uint8_t>& bytes, size_t at, uint32_t value) {
   for (int i = 0; i < 4; ++i) bytes.at(at + i) = uint8_t(value >> (24 - 8 * i));
 }
 
 TEST(Mp4, TaggedAudioWithCover) {
-  const Mp4Bytes cover = Mp4Fixture_CoverPng();
-  const Mp4Bytes bytes = Mp4Fixture_M4a(kMp4DataPng, cover);
-  auto stream = parse(bytes);
+  const std::vector<uint8_t> cover = PngFixture_Picture(8, 8, "", "");
+  const std::vector<uint8_t> bytes = Mp4Fixture_M4a(kMp4DataPng, cover);
+  auto stream = MediaProbe_Bytes(bytes);
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->mediaType, MediaType_Audio);
   EXPECT_STREQ(stream->mimeType, "audio/mp4");
@@ -79,13 +77,13 @@ TEST(Mp4, TaggedAudioWithCover) {
   EXPECT_STREQ(stream->coverMimeType, "image/png");
   ASSERT_EQ(stream->coverLength, int64_t(cover.size()));
   ASSERT_LE(stream->coverOffset + stream->coverLength, int64_t(bytes.size()));
-  EXPECT_EQ(Mp4Bytes(bytes.begin() + stream->coverOffset, bytes.begin() + stream->coverOffset + 8),
-            Mp4Bytes(cover.begin(), cover.begin() + 8));
+  EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + stream->coverOffset, bytes.begin() + stream->coverOffset + 8),
+            std::vector<uint8_t>(cover.begin(), cover.begin() + 8));
   EXPECT_EQ(stream->seekInfo, nullptr);
 }
 
 TEST(Mp4, VideoTrackDecidesMimeTypeAndTracksKeepFileOrder) {
-  auto video = parse(Mp4Fixture_Video());
+  auto video = MediaProbe_Bytes(Mp4Fixture_Video());
   ASSERT_NE(video, nullptr);
   EXPECT_EQ(video->mediaType, MediaType_Video);
   EXPECT_STREQ(video->mimeType, "video/mp4");
@@ -104,14 +102,13 @@ TEST(Mp4, VideoTrackDecidesMimeTypeAndTracksKeepFileOrder) {
   // gives no media type at all.
   Mp4FixtureTrack subtitles = audioTrack(3);
   subtitles.handler = "sbtl";
-  auto mixed = parse(Mp4Fixture_Join(
+  auto mixed = MediaProbe_Bytes(Mp4Fixture_Join(
       {Mp4Fixture_Ftyp("M4A "),
-       Mp4Fixture_Box("moov", Mp4Fixture_Join({Mp4Fixture_Track(audioTrack(1)),
-                                               Mp4Fixture_Track(videoTrack(2))}))}));
+       Mp4Fixture_Box("moov", Mp4Fixture_Join({Mp4Fixture_Track(audioTrack(1)), Mp4Fixture_Track(videoTrack(2))}))}));
   ASSERT_NE(mixed, nullptr);
   EXPECT_STREQ(mixed->mimeType, "video/mp4");
-  auto other = parse(Mp4Fixture_Join(
-      {Mp4Fixture_Ftyp("M4A "), Mp4Fixture_Box("moov", Mp4Fixture_Track(subtitles))}));
+  auto other =
+      MediaProbe_Bytes(Mp4Fixture_Join({Mp4Fixture_Ftyp("M4A "), Mp4Fixture_Box("moov", Mp4Fixture_Track(subtitles))}));
   ASSERT_NE(other, nullptr);
   EXPECT_EQ(other->mediaType, MediaType_None);
   EXPECT_EQ(other->mimeType, nullptr);
@@ -120,32 +117,32 @@ TEST(Mp4, VideoTrackDecidesMimeTypeAndTracksKeepFileOrder) {
 }
 
 TEST(Mp4, FileTypeBoxMustLieInFirst512Bytes) {
-  const Mp4Bytes body = Mp4Fixture_Join(
-      {Mp4Fixture_Ftyp("mp42"), Mp4Fixture_Box("moov", Mp4Fixture_Track(audioTrack()))});
+  const std::vector<uint8_t> body =
+      Mp4Fixture_Join({Mp4Fixture_Ftyp("mp42"), Mp4Fixture_Box("moov", Mp4Fixture_Track(audioTrack()))});
   const size_t ftypSize = Mp4Fixture_Ftyp("mp42").size();
   // Padding so that the file type box ends exactly at byte 512, then one past.
   auto padded = [&](size_t end) {
-    return parse(Mp4Fixture_Join({Mp4Fixture_Box("free", Mp4Bytes(end - ftypSize - 8)), body}));
+    return MediaProbe_Bytes(Mp4Fixture_Join({Mp4Fixture_Box("free", std::vector<uint8_t>(end - ftypSize - 8)), body}));
   };
   auto inside = padded(512);
   ASSERT_NE(inside, nullptr);
   EXPECT_STREQ(inside->mimeType, "audio/mp4");
   EXPECT_EQ(padded(513), nullptr);
   // A file type box without its brand is no file type box.
-  EXPECT_EQ(parse(Mp4Fixture_Join(
-                {Mp4Fixture_Box("ftyp", {'m', 'p'}), Mp4Fixture_Box("free", Mp4Bytes(64))})),
+  EXPECT_EQ(MediaProbe_Bytes(Mp4Fixture_Join(
+                {Mp4Fixture_Box("ftyp", {'m', 'p'}), Mp4Fixture_Box("free", std::vector<uint8_t>(64))})),
             nullptr);
 }
 
 TEST(Mp4, MovieBoxMustBeAmongFirstEightTopLevelBoxes) {
-  const Mp4Bytes moov = Mp4Fixture_Box("moov", Mp4Fixture_Track(audioTrack()));
-  const Mp4Bytes bigData = Mp4Fixture_LargeBox("mdat", Mp4Bytes(4096, 0x5A));
+  const std::vector<uint8_t> moov = Mp4Fixture_Box("moov", Mp4Fixture_Track(audioTrack()));
+  const std::vector<uint8_t> bigData = Mp4Fixture_LargeBox("mdat", std::vector<uint8_t>(4096, 0x5A));
   // ftyp, five free boxes and a 64-bit media data box: moov is the eighth box.
-  auto found = parse(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), boxes(5, "free"), bigData, moov}));
+  auto found = MediaProbe_Bytes(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), boxes(5, "free"), bigData, moov}));
   ASSERT_NE(found, nullptr);
   EXPECT_EQ(found->streamCount(), 1);
   // One more box in front: the file is still taken, but without streams.
-  auto hidden = parse(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), boxes(6, "free"), bigData, moov}));
+  auto hidden = MediaProbe_Bytes(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), boxes(6, "free"), bigData, moov}));
   ASSERT_NE(hidden, nullptr);
   EXPECT_EQ(hidden->streamCount(), 0);
   EXPECT_EQ(hidden->mediaType, MediaType_None);
@@ -154,33 +151,33 @@ TEST(Mp4, MovieBoxMustBeAmongFirstEightTopLevelBoxes) {
 }
 
 TEST(Mp4, RefusedBoxSizes) {
-  const Mp4Bytes good = Mp4Fixture_M4a(kMp4DataJpeg, {0xFF, 0xD8, 0xFF, 0xD9});
+  const std::vector<uint8_t> good = Mp4Fixture_M4a(kMp4DataJpeg, {0xFF, 0xD8, 0xFF, 0xD9});
   const size_t moovAt = Mp4Fixture_Ftyp("M4A ").size();
-  ASSERT_EQ(parse(good)->streamCount(), 1);
+  ASSERT_EQ(MediaProbe_Bytes(good)->streamCount(), 1);
   // 0 (runs to the end of the file), 2 to 7, and more than the file holds.
   for (uint32_t size : {0u, 2u, 7u, uint32_t(good.size())}) {
-    Mp4Bytes bytes = good;
+    std::vector<uint8_t> bytes = good;
     patchU32(bytes, moovAt, size);
-    auto stream = parse(bytes);
+    auto stream = MediaProbe_Bytes(bytes);
     ASSERT_NE(stream, nullptr) << size;
     EXPECT_EQ(stream->streamCount(), 0) << size;
     EXPECT_FALSE(stream->title.has_value()) << size;
   }
   // A 64-bit size under 16 is refused too.
-  Mp4Bytes large = Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_LargeBox("free", {}),
-                                    Mp4Fixture_Box("moov", Mp4Fixture_Track(audioTrack()))});
-  ASSERT_EQ(parse(large)->streamCount(), 1);
+  std::vector<uint8_t> large = Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_LargeBox("free", {}),
+                                                Mp4Fixture_Box("moov", Mp4Fixture_Track(audioTrack()))});
+  ASSERT_EQ(MediaProbe_Bytes(large)->streamCount(), 1);
   const size_t lowSizeByte = Mp4Fixture_Ftyp("isom").size() + 15;
   ASSERT_EQ(large.at(lowSizeByte), 16);
   large[lowSizeByte] = 15;
-  EXPECT_EQ(parse(large)->streamCount(), 0);
+  EXPECT_EQ(MediaProbe_Bytes(large)->streamCount(), 0);
   // A file type box with size 0 makes the file no MP4 at all.
-  Mp4Bytes noType = good;
+  std::vector<uint8_t> noType = good;
   patchU32(noType, 0, 0);
-  EXPECT_EQ(parse(noType), nullptr);
+  EXPECT_EQ(MediaProbe_Bytes(noType), nullptr);
   // A 64-bit media data box in front of the movie is skipped over.
-  const Mp4Bytes mov = Mp4Fixture_Mov();
-  auto movie = parse(mov);
+  const std::vector<uint8_t> mov = Mp4Fixture_Mov();
+  auto movie = MediaProbe_Bytes(mov);
   ASSERT_NE(movie, nullptr);
   ASSERT_EQ(movie->streamCount(), 1);
   EXPECT_EQ(movie->streamInfo[0].width, 320);
@@ -190,26 +187,25 @@ TEST(Mp4, RefusedBoxSizes) {
 
 TEST(Mp4, MovieHeaderVersionOneReadWithVersionZeroOffsets) {
   const uint64_t modificationTime = uint64_t(90000) << 32 | 12345;
-  auto stream = parse(Mp4Fixture_Join(
-      {Mp4Fixture_Ftyp("isom"),
-       Mp4Fixture_Box("moov", Mp4Fixture_Join({Mp4Fixture_Mvhd(600, 6000, 1, modificationTime),
-                                               Mp4Fixture_Track(videoTrack(1))}))}));
+  auto stream = MediaProbe_Bytes(Mp4Fixture_Join(
+      {Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", Mp4Fixture_Join({Mp4Fixture_Mvhd(600, 6000, 1, modificationTime),
+                                                                        Mp4Fixture_Track(videoTrack(1))}))}));
   ASSERT_NE(stream, nullptr);
   // The two halves of the 64-bit modification time come out as timescale and duration.
   EXPECT_EQ(stream->timescale, 90000u);
   EXPECT_EQ(stream->duration, 12345u);
   // Zero in either field keeps the defaults.
-  auto zero = parse(Mp4Fixture_Join(
-      {Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", Mp4Fixture_Mvhd(600, 6000, 1, 12345))}));
+  auto zero = MediaProbe_Bytes(
+      Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", Mp4Fixture_Mvhd(600, 6000, 1, 12345))}));
   ASSERT_NE(zero, nullptr);
   EXPECT_EQ(zero->timescale, 1000u);
   EXPECT_EQ(zero->duration, 1u);
 }
 
 TEST(Mp4, GenreNumbers) {
-  auto genreOf = [](const Mp4Bytes& value) {
-    auto stream = parse(withItems(Mp4Fixture_Join(
-        {Mp4Fixture_TextItem(kMp4ItemGenre, "Earlier"), Mp4Fixture_Item("gnre", 0, value)})));
+  auto genreOf = [](const std::vector<uint8_t>& value) {
+    auto stream = MediaProbe_Bytes(
+        withItems(Mp4Fixture_Join({Mp4Fixture_TextItem(kMp4ItemGenre, "Earlier"), Mp4Fixture_Item("gnre", 0, value)})));
     return stream ? stream->genre : std::optional<std::string>("(not parsed)");
   };
   EXPECT_EQ(genreOf({0, 1}), "Blues");
@@ -225,7 +221,7 @@ TEST(Mp4, GenreNumbers) {
 
 TEST(Mp4, CoverTypesAndSizeLimit) {
   auto coverOf = [](uint32_t type, size_t size) {
-    return parse(withItems(Mp4Fixture_Item("covr", type, Mp4Bytes(size, 0xAB))));
+    return MediaProbe_Bytes(withItems(Mp4Fixture_Item("covr", type, std::vector<uint8_t>(size, 0xAB))));
   };
   auto jpeg = coverOf(kMp4DataJpeg, 1048576);
   ASSERT_NE(jpeg, nullptr);
@@ -240,9 +236,9 @@ TEST(Mp4, CoverTypesAndSizeLimit) {
   EXPECT_EQ(coverOf(kMp4DataPng, 0)->coverLength, 0);
 
   // A later cover replaces an earlier one.
-  const Mp4Bytes covers = Mp4Fixture_Join({Mp4Fixture_Item("covr", kMp4DataJpeg, Mp4Bytes(10)),
-                                           Mp4Fixture_Item("covr", kMp4DataPng, Mp4Bytes(20))});
-  auto two = parse(withItems(covers));
+  const std::vector<uint8_t> covers = Mp4Fixture_Join({Mp4Fixture_Item("covr", kMp4DataJpeg, std::vector<uint8_t>(10)),
+                                                       Mp4Fixture_Item("covr", kMp4DataPng, std::vector<uint8_t>(20))});
+  auto two = MediaProbe_Bytes(withItems(covers));
   ASSERT_NE(two, nullptr);
   EXPECT_STREQ(two->coverMimeType, "image/png");
   EXPECT_EQ(two->coverLength, 20);
@@ -250,12 +246,12 @@ TEST(Mp4, CoverTypesAndSizeLimit) {
 
 TEST(Mp4, TextItemsAndDates) {
   const std::string longText(513, 'x');
-  auto stream = parse(withItems(Mp4Fixture_Join({
+  auto stream = MediaProbe_Bytes(withItems(Mp4Fixture_Join({
       Mp4Fixture_TextItem(kMp4ItemTitle, "First"),
-      Mp4Fixture_TextItem(kMp4ItemTitle, "Second"),                   // replaces
-      Mp4Fixture_TextItem(kMp4ItemAlbum, longText),                    // too long
-      Mp4Fixture_Item(kMp4ItemArtist, 2, {0, 'A', 0, 'B'}),            // UTF-16 comes out empty
-      Mp4Fixture_Item(kMp4ItemGenre, 21, {'P', 'o', 'p'}),             // not a text type
+      Mp4Fixture_TextItem(kMp4ItemTitle, "Second"),          // replaces
+      Mp4Fixture_TextItem(kMp4ItemAlbum, longText),          // too long
+      Mp4Fixture_Item(kMp4ItemArtist, 2, {0, 'A', 0, 'B'}),  // UTF-16 comes out empty
+      Mp4Fixture_Item(kMp4ItemGenre, 21, {'P', 'o', 'p'}),   // not a text type
       Mp4Fixture_TextItem(kMp4ItemDay, "2011"),
   })));
   ASSERT_NE(stream, nullptr);
@@ -266,7 +262,7 @@ TEST(Mp4, TextItemsAndDates) {
   EXPECT_EQ(stream->date, 1293840000);  // 2011-01-01
 
   auto dateOf = [](std::string_view day) {
-    return parse(withItems(Mp4Fixture_TextItem(kMp4ItemDay, day)))->date;
+    return MediaProbe_Bytes(withItems(Mp4Fixture_TextItem(kMp4ItemDay, day)))->date;
   };
   EXPECT_EQ(dateOf("2011-05"), 1304208000);
   EXPECT_EQ(dateOf("2011-05-20 10:00"), 1305849600);
@@ -275,9 +271,8 @@ TEST(Mp4, TextItemsAndDates) {
 }
 
 TEST(Mp4, IncompleteTracksAreDropped) {
-  auto tracksOf = [](const Mp4Bytes& trak) {
-    return parse(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", trak)}))
-        ->streamCount();
+  auto tracksOf = [](const std::vector<uint8_t>& trak) {
+    return MediaProbe_Bytes(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", trak)}))->streamCount();
   };
   EXPECT_EQ(tracksOf(Mp4Fixture_Track(audioTrack(0))), 0);  // track ID 0
   Mp4FixtureTrack noDuration = audioTrack();
@@ -287,17 +282,17 @@ TEST(Mp4, IncompleteTracksAreDropped) {
   // A sound description of version 2 is refused, but the track stays.
   Mp4FixtureTrack version2 = audioTrack();
   version2.soundVersion = 2;
-  auto stream = parse(Mp4Fixture_Join(
-      {Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", Mp4Fixture_Track(version2))}));
+  auto stream =
+      MediaProbe_Bytes(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", Mp4Fixture_Track(version2))}));
   ASSERT_EQ(stream->streamCount(), 1);
   EXPECT_EQ(stream->streamInfo[0].sampleRate, 0u);
   EXPECT_EQ(stream->streamInfo[0].channels, 0);
 }
 
 TEST(Mp4, SeekDataOnlyWhenAskedFor) {
-  const Mp4Bytes bytes = Mp4Fixture_Video();
-  EXPECT_EQ(parse(bytes, true)->seekInfo, nullptr);
-  auto stream = parse(bytes, false);
+  const std::vector<uint8_t> bytes = Mp4Fixture_Video();
+  EXPECT_EQ(MediaProbe_Bytes(bytes, true)->seekInfo, nullptr);
+  auto stream = MediaProbe_Bytes(bytes, false);
   ASSERT_NE(stream, nullptr);
   const auto* seek = dynamic_cast<const Mp4SeekInfo*>(stream->seekInfo.get());
   ASSERT_NE(seek, nullptr);

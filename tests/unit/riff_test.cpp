@@ -6,15 +6,12 @@
 
 #include "media/MediaStream.h"
 #include "tests/fixtures/ByteWriter.h"
+#include "tests/fixtures/JpegFixture.h"
+#include "tests/fixtures/MediaProbe.h"
 #include "tests/fixtures/Mp3Fixture.h"
 #include "tests/fixtures/RiffFixture.h"
 
 namespace {
-
-MediaStreamPtr probe(const std::vector<uint8_t>& bytes) {
-  FixtureFile file(bytes);
-  return MediaStream_new(file.fd(), 0, file.size(), true);
-}
 
 std::vector<uint8_t> text(std::string_view value) { return {value.begin(), value.end()}; }
 
@@ -22,7 +19,7 @@ std::vector<uint8_t> silence(size_t bytes) { return std::vector<uint8_t>(bytes, 
 
 TEST(Wav, FormatAndSampleCount) {
   // 16-bit stereo: block align 4, so 4000 data bytes are 1000 sample frames.
-  auto stream = probe(RiffFixture_File(
+  auto stream = MediaProbe_Bytes(RiffFixture_File(
       "WAVE", {RiffFixture_PcmFormat("fmt ", 2, 22050, 16), RiffFixture_Chunk("data", silence(4000))}));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->mediaType, MediaType_Audio);
@@ -41,16 +38,16 @@ TEST(Wav, FormatAndSampleCount) {
   EXPECT_EQ(info.bitsPerSample, 16);
 
   // A "fact" count wins over data size / block align, wherever it lies.
-  stream = probe(RiffFixture_File(
-      "WAVE", {RiffFixture_PcmFormat("fmt ", 2, 22050, 16), RiffFixture_Chunk("data", silence(4000)),
-               RiffFixture_Chunk("fact", {0x09, 0x03, 0, 0})}));
+  stream = MediaProbe_Bytes(
+      RiffFixture_File("WAVE", {RiffFixture_PcmFormat("fmt ", 2, 22050, 16), RiffFixture_Chunk("data", silence(4000)),
+                                RiffFixture_Chunk("fact", {0x09, 0x03, 0, 0})}));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->duration, 777u);
   EXPECT_EQ(stream->streamInfo.at(0).duration, 777u);
 
   // Without a usable format chunk the file is still WAV, but has no stream.
-  stream = probe(RiffFixture_File(
-      "WAVE", {RiffFixture_Chunk("fmt ", silence(14)), RiffFixture_Chunk("data", silence(100))}));
+  stream = MediaProbe_Bytes(
+      RiffFixture_File("WAVE", {RiffFixture_Chunk("fmt ", silence(14)), RiffFixture_Chunk("data", silence(100))}));
   ASSERT_NE(stream, nullptr);
   EXPECT_STREQ(stream->mimeType, "audio/wave");
   EXPECT_EQ(stream->streamCount(), 0);
@@ -65,18 +62,18 @@ TEST(Wav, ChunkWalkLimits) {
   for (int i = 0; i < 6; ++i)
     chunks.push_back(RiffFixture_Chunk("JUNK", silence(3)));  // odd sizes are padded
   chunks.push_back(RiffFixture_Chunk("data", silence(800)));
-  auto stream = probe(RiffFixture_File("WAVE", chunks));
+  auto stream = MediaProbe_Bytes(RiffFixture_File("WAVE", chunks));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->duration, 800u);  // eighth chunk
 
   chunks.insert(chunks.begin() + 1, RiffFixture_Chunk("JUNK", silence(3)));
-  stream = probe(RiffFixture_File("WAVE", chunks));
+  stream = MediaProbe_Bytes(RiffFixture_File("WAVE", chunks));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->duration, 0u);
   EXPECT_EQ(stream->streamInfo.at(0).duration, 0u);
 
   chunks.insert(chunks.begin() + 1, RiffFixture_Chunk("fact", {0x20, 0x03, 0, 0}));
-  stream = probe(RiffFixture_File("WAVE", chunks));
+  stream = MediaProbe_Bytes(RiffFixture_File("WAVE", chunks));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->duration, 800u);
 
@@ -87,28 +84,28 @@ TEST(Wav, ChunkWalkLimits) {
   ByteWriter patched;
   patched.bytes(bytes);
   patched.patchU32le(dataSizeAt, 801);
-  stream = probe(patched.data());
+  stream = MediaProbe_Bytes(patched.data());
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->duration, 0u);
 
   // The RIFF size must fit in the data; the form type must be WAVE or AVI.
   patched.patchU32le(4, static_cast<uint32_t>(bytes.size() - 7));
-  EXPECT_EQ(probe(patched.data()), nullptr);
+  EXPECT_EQ(MediaProbe_Bytes(patched.data()), nullptr);
   bytes[8] = 'X';
-  EXPECT_EQ(probe(bytes), nullptr);
-  EXPECT_EQ(probe(text(std::string_view("RIFF\x04\0\0\0WAV", 11))), nullptr);
+  EXPECT_EQ(MediaProbe_Bytes(bytes), nullptr);
+  EXPECT_EQ(MediaProbe_Bytes(text(std::string_view("RIFF\x04\0\0\0WAV", 11))), nullptr);
 }
 
 TEST(Wav, InfoTagsAndDates) {
   const std::string longTitle(700, 't');
-  auto stream = probe(RiffFixture_File(
-      "WAVE", {RiffFixture_PcmFormat("fmt ", 1, 8000, 8),
-               RiffFixture_List("INFO", {RiffFixture_Chunk("INAM", text(longTitle)),
-                                         RiffFixture_Chunk("IART", text(std::string("Art\0ist", 8))),
-                                         RiffFixture_Chunk("IPRD", text("Product")),
-                                         RiffFixture_Chunk("IGNR", text("Genre")),
-                                         RiffFixture_Chunk("ICRD", text("2004:05:06"))}),
-               RiffFixture_Chunk("data", silence(8))}));
+  auto stream = MediaProbe_Bytes(RiffFixture_File(
+      "WAVE",
+      {RiffFixture_PcmFormat("fmt ", 1, 8000, 8),
+       RiffFixture_List("INFO", {RiffFixture_Chunk("INAM", text(longTitle)),
+                                 RiffFixture_Chunk("IART", text(std::string("Art\0ist", 8))),
+                                 RiffFixture_Chunk("IPRD", text("Product")), RiffFixture_Chunk("IGNR", text("Genre")),
+                                 RiffFixture_Chunk("ICRD", text("2004:05:06"))}),
+       RiffFixture_Chunk("data", silence(8))}));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->title, std::string(511, 't'));
   EXPECT_EQ(stream->artist, "Art");
@@ -122,9 +119,9 @@ TEST(Wav, InfoTagsAndDates) {
   };
   for (const Case& c : {Case{"2019-06-01", 1559347200}, Case{"1999", 915148800}, Case{"2010-07", 1277942400},
                         Case{"undated", 0}}) {
-    stream =
-        probe(RiffFixture_File("WAVE", {RiffFixture_List("INFO", {RiffFixture_Chunk("ICRD", text(c.text)),
-                                                                  RiffFixture_Chunk("IALB", text("A"))})}));
+    stream = MediaProbe_Bytes(RiffFixture_File(
+        "WAVE",
+        {RiffFixture_List("INFO", {RiffFixture_Chunk("ICRD", text(c.text)), RiffFixture_Chunk("IALB", text("A"))})}));
     ASSERT_NE(stream, nullptr);
     EXPECT_EQ(stream->date, c.date) << c.text;
     EXPECT_EQ(stream->album, "A");
@@ -135,25 +132,25 @@ TEST(Wav, LaterTagChunkWins) {
   const auto id3 = RiffFixture_Chunk(
       "id3 ", Id3TagBuilder(3)
                   .text("TIT2", "Tag Title")
-                  .frame("APIC", Id3Fixture_Picture(3, "image/jpeg", "", Mp3Fixture_JpegBlob()))
+                  .frame("APIC", Id3Fixture_Picture(3, "image/jpeg", "", JpegFixture_Cover()))
                   .build());
   const auto info = RiffFixture_List("INFO", {RiffFixture_Chunk("INAM", text("Info Title")),
                                               RiffFixture_Chunk("IART", text("Info Artist"))});
   const auto format = RiffFixture_PcmFormat("fmt ", 1, 8000, 8);
 
   const auto infoFirst = RiffFixture_File("WAVE", {format, info, id3});
-  auto stream = probe(infoFirst);
+  auto stream = MediaProbe_Bytes(infoFirst);
   ASSERT_NE(stream, nullptr);
   EXPECT_STREQ(stream->mimeType, "audio/wave");  // not taken for MP3
   EXPECT_EQ(stream->title, "Tag Title");
   EXPECT_EQ(stream->artist, "Info Artist");
   // The cover is located in the file, behind everything but the pad byte.
-  const int64_t jpegSize = static_cast<int64_t>(Mp3Fixture_JpegBlob().size());
+  const int64_t jpegSize = static_cast<int64_t>(JpegFixture_Cover().size());
   EXPECT_STREQ(stream->coverMimeType, "image/jpeg");
   EXPECT_EQ(stream->coverLength, jpegSize);
   EXPECT_EQ(stream->coverOffset, static_cast<int64_t>(infoFirst.size()) - jpegSize - (jpegSize & 1));
 
-  stream = probe(RiffFixture_File("WAVE", {format, id3, info}));
+  stream = MediaProbe_Bytes(RiffFixture_File("WAVE", {format, id3, info}));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->title, "Info Title");
 }
@@ -172,7 +169,7 @@ TEST(Avi, StreamHeaders) {
       streamList("txts", 0, 1, 1000, 5000, RiffFixture_Chunk("strf", silence(4))),
       streamList("vids", 0, 1, 25, 10, RiffFixture_VideoFormat(0, 240, 24)),  // bad width: no picture size
   };
-  auto stream = probe(RiffFixture_File("AVI ", {RiffFixture_List("hdrl", header)}));
+  auto stream = MediaProbe_Bytes(RiffFixture_File("AVI ", {RiffFixture_List("hdrl", header)}));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->mediaType, MediaType_Video);
   EXPECT_STREQ(stream->mimeType, "video/avi");
@@ -203,21 +200,21 @@ TEST(Avi, StreamHeaders) {
   EXPECT_EQ(stream->streamInfo[3].height, 0);
 
   // An AVI with audio only is still video; one without streams too.
-  stream = probe(RiffFixture_File(
-      "AVI ", {RiffFixture_List("hdrl", {streamList("auds", 0, 1, 8000, 16000,
-                                                    RiffFixture_PcmFormat("strf", 1, 8000, 8))})}));
+  stream = MediaProbe_Bytes(RiffFixture_File(
+      "AVI ",
+      {RiffFixture_List("hdrl", {streamList("auds", 0, 1, 8000, 16000, RiffFixture_PcmFormat("strf", 1, 8000, 8))})}));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->mediaType, MediaType_Video);
   EXPECT_EQ(stream->duration, 16000u);
   EXPECT_EQ(stream->timescale, 8000u);
-  stream = probe(RiffFixture_File("AVI ", {}));
+  stream = MediaProbe_Bytes(RiffFixture_File("AVI ", {}));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->streamCount(), 0);
   EXPECT_EQ(stream->duration, 0u);
 }
 
 TEST(Avi, TagsAndTheEndOfTheWalk) {
-  const auto demo = probe(RiffFixture_DemoAvi());
+  const auto demo = MediaProbe_Bytes(RiffFixture_DemoAvi());
   ASSERT_NE(demo, nullptr);
   EXPECT_EQ(demo->title, "Clip");
   EXPECT_EQ(demo->streamCount(), 2);
@@ -230,13 +227,13 @@ TEST(Avi, TagsAndTheEndOfTheWalk) {
   const auto id3 =
       RiffFixture_Chunk("id3 ", Id3TagBuilder(4).text("TIT2", "Tag").text("TPE1", "Artist").build());
 
-  auto stream = probe(RiffFixture_File("AVI ", {hdrl, info, movi, id3, idx1}));
+  auto stream = MediaProbe_Bytes(RiffFixture_File("AVI ", {hdrl, info, movi, id3, idx1}));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->title, "Tag");
   EXPECT_EQ(stream->artist, "Artist");
 
   // Once header, INFO, movie data and index are all seen, the walk ends.
-  stream = probe(RiffFixture_File("AVI ", {hdrl, info, movi, idx1, id3}));
+  stream = MediaProbe_Bytes(RiffFixture_File("AVI ", {hdrl, info, movi, idx1, id3}));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->title, "Info");
   EXPECT_FALSE(stream->artist);

@@ -5,17 +5,13 @@
 
 #include "media/MediaStream.h"
 #include "tests/fixtures/ByteWriter.h"
+#include "tests/fixtures/MediaProbe.h"
 #include "tests/fixtures/TiffFixture.h"
 
 namespace {
 
 constexpr int32_t kJuly4th = 1278246600;     // 2010-07-04 12:30:00 UTC
 constexpr int32_t kJanuary2nd = 1293937445;  // 2011-01-02 03:04:05 UTC
-
-MediaStreamPtr parse(const std::vector<uint8_t>& bytes) {
-  FixtureFile file(bytes);
-  return MediaStream_new(file.fd(), 0, file.size(), true);
-}
 
 TiffFixturePage page(uint16_t width, uint16_t height, std::vector<uint16_t> bits = {8, 8, 8}) {
   TiffFixturePage p;
@@ -33,7 +29,7 @@ TEST(Tiff, SinglePageInBothByteOrders) {
     p.artist = "Bo";
     p.dateTime = "2010-07-04T12:30:00";
     p.pixels = true;
-    auto stream = parse(TiffFixture_Pages(bigEndian, {p}));
+    auto stream = MediaProbe_Bytes(TiffFixture_Pages(bigEndian, {p}));
     ASSERT_NE(stream, nullptr);
     EXPECT_EQ(stream->mediaType, MediaType_Image);
     EXPECT_STREQ(stream->mimeType, "image/tiff");
@@ -62,7 +58,7 @@ TEST(Tiff, DepthFromBitsPerSample) {
                         Case{{8, 8, 8, 8}, 32}, Case{{8, 8}, 0}, Case{{8, 8, 8, 8, 8}, 0}, Case{{}, 0}}) {
     for (bool bigEndian : {false, true}) {
       SCOPED_TRACE(testing::Message() << c.bits.size() << " samples, big endian " << bigEndian);
-      auto stream = parse(TiffFixture_Pages(bigEndian, {page(10, 10, c.bits)}));
+      auto stream = MediaProbe_Bytes(TiffFixture_Pages(bigEndian, {page(10, 10, c.bits)}));
       ASSERT_NE(stream, nullptr);  // accepted even without a picture
       if (c.bitsPerPixel == 0) {
         EXPECT_EQ(stream->streamCount(), 0);
@@ -77,7 +73,7 @@ TEST(Tiff, DepthFromBitsPerSample) {
 TEST(Tiff, MultiPageFileIsCappedAtSixteenStreams) {
   std::vector<TiffFixturePage> pages;
   for (uint16_t i = 0; i < 20; ++i) pages.push_back(page(100 + i, 50 + i));
-  auto stream = parse(TiffFixture_Pages(true, pages));
+  auto stream = MediaProbe_Bytes(TiffFixture_Pages(true, pages));
   ASSERT_NE(stream, nullptr);
   ASSERT_EQ(stream->streamCount(), 16);
   for (uint16_t i = 0; i < 16; ++i) {
@@ -89,7 +85,7 @@ TEST(Tiff, MultiPageFileIsCappedAtSixteenStreams) {
   }
 
   pages.resize(3);
-  auto three = parse(TiffFixture_Pages(false, pages));
+  auto three = MediaProbe_Bytes(TiffFixture_Pages(false, pages));
   ASSERT_NE(three, nullptr);
   EXPECT_EQ(three->streamCount(), 3);
 }
@@ -106,7 +102,7 @@ TEST(Tiff, TextsAndDatesComeFromTheFirstPicture) {
   second.description = "second";
   second.artist = "someone";
   second.dateOriginal = "2011:01:02 03:04:05";
-  auto stream = parse(TiffFixture_Pages(false, {sizeless, first, second}));
+  auto stream = MediaProbe_Bytes(TiffFixture_Pages(false, {sizeless, first, second}));
   ASSERT_NE(stream, nullptr);
   ASSERT_EQ(stream->streamCount(), 2);
   EXPECT_EQ(stream->streamInfo[0].width, 20);
@@ -116,7 +112,7 @@ TEST(Tiff, TextsAndDatesComeFromTheFirstPicture) {
   EXPECT_EQ(stream->date, kJuly4th);
 
   first.dateOriginal = "2011:01:02 03:04:05";
-  auto original = parse(TiffFixture_Pages(true, {first}));
+  auto original = MediaProbe_Bytes(TiffFixture_Pages(true, {first}));
   ASSERT_NE(original, nullptr);
   EXPECT_EQ(original->date, kJanuary2nd);
 }
@@ -129,7 +125,7 @@ TEST(Tiff, ChainThatLoopsEnds) {
     pictures.shortValue(TiffTag_ImageWidth, 8).shortValue(TiffTag_ImageLength, 8).shortValue(TiffTag_BitsPerSample, 8);
   }
   pictures.link(1, 0);
-  auto stream = parse(pictures.build());
+  auto stream = MediaProbe_Bytes(pictures.build());
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->streamCount(), 2);
 
@@ -138,7 +134,7 @@ TEST(Tiff, ChainThatLoopsEnds) {
   self.directory();
   self.shortValue(TiffTag_ImageWidth, 8);
   self.link(0, 0);
-  auto selfLoop = parse(self.build());
+  auto selfLoop = MediaProbe_Bytes(self.build());
   ASSERT_NE(selfLoop, nullptr);
   EXPECT_EQ(selfLoop->streamCount(), 0);
 
@@ -148,7 +144,7 @@ TEST(Tiff, ChainThatLoopsEnds) {
   pair.shortValue(TiffTag_ImageWidth, 8).shortValue(TiffTag_ImageLength, 8).shortValue(TiffTag_BitsPerSample, 8);
   pair.directory();
   pair.link(2, 0);
-  auto pairLoop = parse(pair.build());
+  auto pairLoop = MediaProbe_Bytes(pair.build());
   ASSERT_NE(pairLoop, nullptr);
   EXPECT_EQ(pairLoop->streamCount(), 1);
 }
@@ -161,7 +157,7 @@ TEST(Tiff, ValuesOutsideTheFileAreLeftEmpty) {
   tiff.raw(TiffTag_ImageDescription, TiffType_Ascii, 40, 0xFFF0);
   tiff.raw(TiffTag_DateTime, TiffType_Ascii, 20, 0xFFF0);
   tiff.ascii(TiffTag_Artist, "Ann");
-  auto stream = parse(tiff.build());
+  auto stream = MediaProbe_Bytes(tiff.build());
   ASSERT_NE(stream, nullptr);
   EXPECT_FALSE(stream->title);
   EXPECT_EQ(stream->date, 0);
@@ -174,31 +170,31 @@ TEST(Tiff, ValuesOutsideTheFileAreLeftEmpty) {
   samples.directory();
   samples.shortValue(TiffTag_ImageWidth, 16).shortValue(TiffTag_ImageLength, 16);
   samples.raw(TiffTag_BitsPerSample, TiffType_Short, 3, 0xFFF0);
-  auto noDepth = parse(samples.build());
+  auto noDepth = MediaProbe_Bytes(samples.build());
   ASSERT_NE(noDepth, nullptr);
   EXPECT_EQ(noDepth->streamCount(), 0);
 }
 
 TEST(Tiff, HeaderAndDirectoryChecks) {
   auto valid = TiffFixture_Pages(false, {page(4, 4)});
-  EXPECT_NE(parse(valid), nullptr);
+  EXPECT_NE(MediaProbe_Bytes(valid), nullptr);
   auto badMagic = valid;
   badMagic[2] = 43;
-  EXPECT_EQ(parse(badMagic), nullptr);
-  EXPECT_EQ(parse({'I', 'I', 42, 0, 7, 0, 0}), nullptr);  // seven bytes
-  EXPECT_EQ(parse({'I', 'I', 42, 0, 8, 0, 0, 0}), nullptr);  // first offset not inside
+  EXPECT_EQ(MediaProbe_Bytes(badMagic), nullptr);
+  EXPECT_EQ(MediaProbe_Bytes({'I', 'I', 42, 0, 7, 0, 0}), nullptr);     // seven bytes
+  EXPECT_EQ(MediaProbe_Bytes({'I', 'I', 42, 0, 8, 0, 0, 0}), nullptr);  // first offset not inside
 
   // An entry count that does not fit leaves the directory unread.
   auto overlong = valid;
   overlong[8] = 0xFF;
-  auto stream = parse(overlong);
+  auto stream = MediaProbe_Bytes(overlong);
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(stream->streamCount(), 0);
 
   // A directory cut short by the end of the data is not read either.
   auto cut = valid;
   cut.resize(8 + 2 + 12 * 2);
-  auto truncated = parse(cut);
+  auto truncated = MediaProbe_Bytes(cut);
   ASSERT_NE(truncated, nullptr);
   EXPECT_EQ(truncated->streamCount(), 0);
 }
