@@ -20,8 +20,8 @@
 namespace {
 
 struct ParserSlot {
-  const char* format;
-  MediaParser parse;  // null until that format's parser exists
+  const char* format;  // for readers of this table
+  MediaParser parse;
 };
 
 // MP3 stays last: its search for a frame header is the loosest test.
@@ -128,7 +128,6 @@ MediaStreamPtr MediaStream_new(int fd, int64_t offset, int64_t length, bool meta
   if (!stream) return nullptr;
   ReadWindowScope window(fd);
   for (const ParserSlot& slot : kParsers) {
-    if (!slot.parse) continue;
     *stream = MediaStream{};
     if (!slot.parse(fd, offset, length, *stream, metadataOnly)) continue;
     dropIfNotUtf8(stream->title);
