@@ -16,10 +16,8 @@
 #include <cctype>
 #include <climits>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <new>
-#include <system_error>
 #include <thread>
 
 namespace {

@@ -10,8 +10,6 @@
 #include <unistd.h>
 
 #include <cctype>
-#include <cstdio>
-#include <cstring>
 #include <mutex>
 #include <new>
 #include <string_view>
