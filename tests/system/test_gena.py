@@ -372,7 +372,8 @@ def test_unanswering_subscribers_do_not_hold_up_browse_and_transfers(dms, tmp_pa
 
         # A subscription waits for the pass to end; Browse and transfers do not.
         late = []
-        waiting = threading.Thread(target=lambda: late.append(subscribe(port, CD_EVENT, f"http://{address()}:{sink.port}/late")))
+        late_callback = f"http://{address()}:{sink.port}/late"
+        waiting = threading.Thread(target=lambda: late.append(subscribe(port, CD_EVENT, late_callback)))
         waiting.start()
         for _ in range(3):
             _, objects, returned, *_ = browse(port, "0.1")
