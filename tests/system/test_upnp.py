@@ -97,6 +97,10 @@ def test_unknown_paths_are_bad_requests(server):
         assert headers["content-type"] == XML_TYPE
         assert headers["content-length"] == "0"
         assert headers["server"] == dms_device.server_line()[len("Server: "):]
+    # Download paths belong to the server's hook, whose answer stands as given.
+    [(status, headers, _)] = exchange(server.port, request("GET", "/mediaitem/9.9"))
+    assert status == "HTTP/1.1 404 Not Found"
+    assert "server" not in headers
 
 
 def test_body_size_limit(server):
