@@ -62,7 +62,7 @@ bool ContainsNoCase(std::string_view text, std::string_view needle) {
 void CopyCut(std::string_view text, char* buffer, size_t size) {
   if (!buffer || size == 0) return;
   size_t length = std::min(text.size(), size - 1);
-  std::memcpy(buffer, text.data(), length);
+  if (length > 0) std::memcpy(buffer, text.data(), length);
   buffer[length] = '\0';
 }
 
