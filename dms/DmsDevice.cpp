@@ -4,6 +4,7 @@
 // implement them.
 #include "dms/DmsDevice.h"
 
+#include "dms/DmsActions.h"
 #include "dms/DmsBrowse.h"
 #include "dms/DmsTransfer.h"
 
@@ -21,10 +22,6 @@ constexpr const char* kSsdpTargets[kDmsSsdpTargetCount] = {
     "urn:schemas-upnp-org:service:ConnectionManager:1",
     "urn:schemas-upnp-org:service:ContentDirectory:1",
 };
-
-// Rows of dlnaServiceTypes and dlnaServiceIDs.
-constexpr size_t kConnectionManagerRow = 0;
-constexpr size_t kContentDirectoryRow = 1;
 
 constexpr UPnPArgument kBrowseIn[] = {
     {"ObjectID", "A_ARG_TYPE_ObjectID"},
@@ -120,16 +117,16 @@ const char* const dlnaServiceIDs[kDlnaServiceTypeCount] = {
 
 UPnPAction dmsContentDirectoryActions[] = {
     {"Browse", DmsBrowse_Browse, kBrowseIn, kBrowseOut},
-    {"GetSearchCapabilities", nullptr, nullptr, kSearchCapabilitiesOut},
-    {"GetSortCapabilities", nullptr, nullptr, kSortCapabilitiesOut},
-    {"GetSystemUpdateID", nullptr, nullptr, kSystemUpdateIdOut},
+    {"GetSearchCapabilities", DmsActions_GetSearchCapabilities, nullptr, kSearchCapabilitiesOut},
+    {"GetSortCapabilities", DmsActions_GetSortCapabilities, nullptr, kSortCapabilitiesOut},
+    {"GetSystemUpdateID", DmsActions_GetSystemUpdateID, nullptr, kSystemUpdateIdOut},
     {nullptr, nullptr, nullptr, nullptr},
 };
 
 UPnPAction dmsConnectionManagerActions[] = {
-    {"GetCurrentConnectionIDs", nullptr, nullptr, kConnectionIdsOut},
-    {"GetCurrentConnectionInfo", nullptr, kConnectionInfoIn, kConnectionInfoOut},
-    {"GetProtocolInfo", nullptr, nullptr, kProtocolInfoOut},
+    {"GetCurrentConnectionIDs", DmsActions_GetCurrentConnectionIDs, nullptr, kConnectionIdsOut},
+    {"GetCurrentConnectionInfo", DmsActions_GetCurrentConnectionInfo, kConnectionInfoIn, kConnectionInfoOut},
+    {"GetProtocolInfo", DmsActions_GetProtocolInfo, nullptr, kProtocolInfoOut},
     {nullptr, nullptr, nullptr, nullptr},
 };
 
@@ -147,6 +144,8 @@ UPnPDevice dmsDevice{
     .ssdpTargets = kSsdpTargets,
     .services = dmsServices,
     .httpHook = DmsTransfer_HandleRequest,
+    .makeEventBody = DmsActions_MakeEventBody,
+    .stateChanged = DmsServer_SystemUpdateChanged,
 };
 
 void DmsDevice_Fill(const DmsServerInfo& info) {
@@ -157,8 +156,8 @@ void DmsDevice_Fill(const DmsServerInfo& info) {
   dmsDevice.modelDescription = info.modelDescription.c_str();
   dmsDevice.udn = info.udn.c_str();
   dmsDevice.deviceType = dlnaDeviceTypes[0];
-  dmsServices[kDmsServiceContentDirectory].serviceType = dlnaServiceTypes[kContentDirectoryRow];
-  dmsServices[kDmsServiceContentDirectory].serviceId = dlnaServiceIDs[kContentDirectoryRow];
-  dmsServices[kDmsServiceConnectionManager].serviceType = dlnaServiceTypes[kConnectionManagerRow];
-  dmsServices[kDmsServiceConnectionManager].serviceId = dlnaServiceIDs[kConnectionManagerRow];
+  dmsServices[kDmsServiceContentDirectory].serviceType = dlnaServiceTypes[kDlnaContentDirectoryRow];
+  dmsServices[kDmsServiceContentDirectory].serviceId = dlnaServiceIDs[kDlnaContentDirectoryRow];
+  dmsServices[kDmsServiceConnectionManager].serviceType = dlnaServiceTypes[kDlnaConnectionManagerRow];
+  dmsServices[kDmsServiceConnectionManager].serviceId = dlnaServiceIDs[kDlnaConnectionManagerRow];
 }

@@ -15,6 +15,9 @@ constexpr size_t kDlnaServiceTypeCount = 4;
 extern const char* const dlnaDeviceTypes[kDlnaDeviceTypeCount];
 extern const char* const dlnaServiceTypes[kDlnaServiceTypeCount];
 extern const char* const dlnaServiceIDs[kDlnaServiceTypeCount];
+// Rows of dlnaServiceTypes and dlnaServiceIDs for this server's services.
+constexpr size_t kDlnaConnectionManagerRow = 0;
+constexpr size_t kDlnaContentDirectoryRow = 1;
 
 // Rows of the two action tables; a handler is installed by writing the
 // row's `handler`, e.g. dmsContentDirectoryActions[kDmsActionBrowse].handler.

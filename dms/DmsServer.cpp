@@ -5,6 +5,7 @@
 
 #include <sys/utsname.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>

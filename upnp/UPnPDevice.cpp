@@ -1,8 +1,8 @@
 // The running device: the HTTP server whose every request lands in
 // UPnPDevice_HandleRequest (body reading, the server's hook, exact-path
-// dispatch to description, SCPD and control), and the device thread that
-// follows the network interfaces and keeps one SSDP engine and one mDNS
-// responder per interface.
+// dispatch to description, SCPD, control and eventing), and the device thread
+// that delivers events every tick, follows the network interfaces and keeps
+// one SSDP engine and one mDNS responder per interface.
 #include "upnp/UPnPDevice.h"
 
 #include <netdb.h>
@@ -21,6 +21,7 @@
 #include "http/NetworkInterface.h"
 #include "mdns/MDNS.h"
 #include "ssdp/SSDP.h"
+#include "upnp/GENA.h"
 
 namespace {
 
@@ -144,6 +145,14 @@ bool Dispatch(UPnPDevice* device, HTTPRequest* request, const char* path, const 
       UPnP_HandleControl(request, service, body.empty() ? nullptr : body.c_str(), response);
       return true;
     }
+    if (service->eventPath && requested == service->eventPath) {
+      GENA_HandleRequest(device, service, HTTPRequest_GetMethodString(request), HTTPRequest_GetHeader(request, "NT"),
+                         HTTPRequest_GetHeader(request, "SID"), HTTPRequest_GetHeader(request, "CALLBACK"),
+                         response);
+      // Event replies carry no body and so no content type.
+      response->contentType = nullptr;
+      return false;
+    }
     if (service->scpdPath && requested == service->scpdPath) {
       SetDocument(response, UPnPDevice_MakeSCPD(service));
       return false;
@@ -219,9 +228,11 @@ void DeviceThread(UPnPDevice* device) {
   while (device->running) {
     usleep(kTickUs);
     counter = (counter + 1) & kTickMask;
+    GENA_DeliverEvents(device);
     if (counter % kInterfaceCheckEvery == kInterfaceCheckTick) CheckInterfaces(device);
   }
   ReleaseInterfaces(device);
+  GENA_FreeSubscribers(device);
 }
 
 // The server's callbacks: every connection carries the device as its user

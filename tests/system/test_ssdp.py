@@ -188,6 +188,7 @@ def test_gupnp_reads_both_services(discovery):
             conn.sendall(raw)
             document = b"".join(iter(lambda: conn.recv(65536), b""))
         assert introspected["actions"] == sorted(dms_device.served_actions(document))
+        assert introspected["actions"] == sorted(a[0] for a in dms_device.ACTIONS[service_type])
         assert introspected["variables"] == sorted(v[0] for v in dms_device.VARIABLES[service_type])
 
 

@@ -177,9 +177,11 @@ TEST(MediaServerTables, ServicesUseTheTypeRows) {
   EXPECT_EQ(dmsServices[2].serviceType, nullptr);
   EXPECT_STREQ(dmsContentDirectoryActions[kDmsActionGetSystemUpdateID].name, "GetSystemUpdateID");
   EXPECT_STREQ(dmsConnectionManagerActions[kDmsActionGetProtocolInfo].name, "GetProtocolInfo");
-  // Without handlers the SCPD lists no action but every state variable.
+  // Every action has its handler, so the SCPD lists them all, and every
+  // state variable.
   std::string scpd = UPnPDevice_MakeSCPD(&dmsServices[kDmsServiceConnectionManager]);
-  EXPECT_NE(scpd.find("<actionList></actionList>"), std::string::npos);
+  EXPECT_NE(scpd.find("<actionList><action><name>GetCurrentConnectionIDs</name>"), std::string::npos);
+  EXPECT_NE(scpd.find("<action><name>GetProtocolInfo</name>"), std::string::npos);
   EXPECT_NE(scpd.find("<name>SourceProtocolInfo</name>"), std::string::npos);
 }
 
