@@ -18,6 +18,7 @@
 #include <string_view>
 #include <vector>
 
+#include "http/UniqueFd.h"
 #include "media/MediaStream.h"
 
 namespace {
@@ -100,20 +101,6 @@ class DirectoryReader {
   DIR* dir_;
 };
 
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 // A new item waiting to be filed into the views: the items of one folder
 // are filed together once the folder is read.
 struct NewItem {
@@ -147,7 +134,7 @@ bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat&
     changed = true;
   }
 
-  FileDescriptor file(::openat(dirFd, name, O_RDONLY | O_CLOEXEC));
+  UniqueFd file(::openat(dirFd, name, O_RDONLY | O_CLOEXEC));
   if (file.get() < 0) return changed;
   MediaStreamPtr stream = MediaStream_new(file.get(), 0, static_cast<int64_t>(info.st_size), true);
   if (!stream || stream->mediaType == MediaType_None || stream->streamCount() == 0) return changed;

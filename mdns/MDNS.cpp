@@ -22,6 +22,7 @@
 #include <thread>
 #include <utility>
 
+#include "http/UniqueFd.h"
 #include "mdns/DNSMessage.h"
 
 namespace {
@@ -33,27 +34,6 @@ constexpr uint16_t pointerMark = 0xC000;
 constexpr uint16_t pointerOffsetMask = 0x3FFF;
 constexpr uint8_t multicastTimeToLive = 255;
 constexpr size_t typeMapMaxSize = 32;
-
-// Owns a descriptor and closes it once.
-class MDNSDescriptor {
- public:
-  MDNSDescriptor() = default;
-  explicit MDNSDescriptor(int fd) : fd_(fd) {}
-  MDNSDescriptor(MDNSDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  MDNSDescriptor(const MDNSDescriptor&) = delete;
-  MDNSDescriptor& operator=(const MDNSDescriptor&) = delete;
-  MDNSDescriptor& operator=(MDNSDescriptor&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  ~MDNSDescriptor() {
-    if (fd_ >= 0) close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_ = -1;
-};
 
 // Appends big-endian fields to a fixed buffer. Positions keep counting past
 // the end, so offsets stay right, but bytes that do not fit are dropped.
@@ -167,10 +147,10 @@ sockaddr_in MDNSGroupAddress() {
 }  // namespace
 
 struct MDNSResponder {
-  MDNSDescriptor socket;
+  UniqueFd socket;
   // The wake-up byte cannot leave once the interface lost its address, which
   // is exactly when responders are deleted; this event wakes the thread then.
-  MDNSDescriptor stop;
+  UniqueFd stop;
   std::thread thread;
   std::atomic<bool> running{false};
   MDNSRecords records;
@@ -217,10 +197,10 @@ void MDNSReceive(MDNSResponder& responder) {
 
 // The socket joined to the group on the interface, sending there with loop
 // on (the wake-up byte of MDNS_delete relies on it), bound to port 5353.
-MDNSDescriptor MDNSOpenSocket(const std::string& interfaceAddress) {
+UniqueFd MDNSOpenSocket(const std::string& interfaceAddress) {
   in_addr interface{};
   if (inet_pton(AF_INET, interfaceAddress.c_str(), &interface) != 1) return {};
-  MDNSDescriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   int fd = socket.get();
   if (fd < 0) return {};
   int reuse = 1;
@@ -349,7 +329,7 @@ MDNSResponder* MDNS_new(const char* hostName, const char* interfaceAddress, cons
     auto responder = std::make_unique<MDNSResponder>();
     if (!MDNS_MakeRecords(hostName, interfaceAddress, services, serviceCount, responder->records)) return nullptr;
     responder->socket = MDNSOpenSocket(responder->records.interfaceAddress);
-    responder->stop = MDNSDescriptor(eventfd(0, EFD_CLOEXEC));
+    responder->stop = UniqueFd(eventfd(0, EFD_CLOEXEC));
     if (responder->socket.get() < 0 || responder->stop.get() < 0) return nullptr;
     responder->running = true;
     responder->thread = std::thread(MDNSReceive, std::ref(*responder));
