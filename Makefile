@@ -29,6 +29,7 @@ deps:
 	tools/install-deps
 
 check: deps build asan
+	cmake --build $(BUILD) -j $(JOBS) --target bench
 	cd $(BUILD) && ctest --output-on-failure -j 2
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j 2

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "dms/DmsLibrary.h"
+#include "dms/DmsServer.h"
 #include "dms/DmsObject.h"
 #include "tests/fixtures/ByteWriter.h"
 #include "tests/fixtures/FlacFixture.h"
@@ -68,8 +69,8 @@ struct FileTags {
   int day = 0;
 };
 
-Mp4Bytes tagSongM4a(const FileTags& tags) {
-  const Mp4Bytes items = Mp4Fixture_Join({Mp4Fixture_TextItem(kMp4ItemTitle, tags.title),
+std::vector<uint8_t> tagSongM4a(const FileTags& tags) {
+  const std::vector<uint8_t> items = Mp4Fixture_Join({Mp4Fixture_TextItem(kMp4ItemTitle, tags.title),
                                           Mp4Fixture_TextItem(kMp4ItemArtist, tags.artist),
                                           Mp4Fixture_TextItem(kMp4ItemAlbum, tags.album),
                                           Mp4Fixture_TextItem(kMp4ItemGenre, tags.genre)});
@@ -208,38 +209,8 @@ int64_t residentBytes() {
   return resident * ::sysconf(_SC_PAGESIZE);
 }
 
-struct FixedContainer {
-  DmsObjectId id;
-  DmsObjectId parent;
-  const char* title;  // null: the library root
-  DmsMediaClass mediaClass;
-};
-
-// The fixed containers the server builds before its first scan, in the same
-// order, so that every view takes part in categorising as it does there.
-constexpr FixedContainer kFixedContainers[] = {
-    {DmsId_MediaDirectory, DmsId_Root, nullptr, DmsClass_StorageVolume},
-    {DmsId_Pictures, DmsId_Root, "Pictures", DmsClass_Container},
-    {DmsId_Videos, DmsId_Root, "Videos", DmsClass_Container},
-    {DmsId_Music, DmsId_Root, "Music", DmsClass_Container},
-    {{0, 13}, DmsId_Music, "Genres", DmsClass_MusicGenre},
-    {{0, 12}, DmsId_Music, "Albums", DmsClass_MusicAlbum},
-    {{0, 11}, DmsId_Music, "Artists", DmsClass_MusicArtist},
-    {{0, 10}, DmsId_Music, "All Music", DmsClass_Container},
-    {{0, 23}, DmsId_Videos, "Genres", DmsClass_MovieGenre},
-    {{0, 22}, DmsId_Videos, "Albums", DmsClass_Album},
-    {{0, 21}, DmsId_Videos, "Artists", DmsClass_Person},
-    {{0, 20}, DmsId_Videos, "All Videos", DmsClass_Container},
-    {{0, 31}, DmsId_Pictures, "Moments", DmsClass_PhotoAlbum},
-    {{0, 30}, DmsId_Pictures, "All Pictures", DmsClass_Container},
-};
-
 DmsObject* TreeBuild(const std::string& root) {
-  DmsObject_New(DmsId_Root, "root", dlnaMediaClasses[DmsClass_Container], DmsKind_Container, nullptr, nullptr);
-  for (const FixedContainer& fixed : kFixedContainers) {
-    DmsObject_New(fixed.id, fixed.title ? fixed.title : root.c_str(), dlnaMediaClasses[fixed.mediaClass],
-                  DmsKind_Container, DmsObject_Find(fixed.parent), nullptr);
-  }
+  DmsServer_BuildTree("root", root.c_str());
   return DmsObject_Find(DmsId_MediaDirectory);
 }
 

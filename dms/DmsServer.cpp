@@ -113,8 +113,10 @@ std::string makeUdn() {
 // Called with the content mutex held.
 void freeTree() { DmsObject_Free(DmsId_Root); }
 
-bool buildTree(const char* path) {
-  if (!DmsObject_New(DmsId_Root, state().info.friendlyName.c_str(), dlnaMediaClasses[DmsClass_Container],
+}  // namespace
+
+bool DmsServer_BuildTree(const char* rootTitle, const char* path) {
+  if (!DmsObject_New(DmsId_Root, rootTitle, dlnaMediaClasses[DmsClass_Container],
                      DmsKind_Container, nullptr, nullptr)) {
     return false;
   }
@@ -127,6 +129,8 @@ bool buildTree(const char* path) {
   }
   return true;
 }
+
+namespace {
 
 // Sleeps for `duration`, or less when the server closes meanwhile.
 template <typename Duration>
@@ -184,7 +188,7 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
   {
     std::lock_guard lock(s.contentMutex);
     freeTree();
-    if (!buildTree(path)) {
+    if (!DmsServer_BuildTree(info.friendlyName.c_str(), path)) {
       freeTree();
       return 0;
     }

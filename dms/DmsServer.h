@@ -14,6 +14,11 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
              uint32_t flags);
 void DMS_Close();
 
+// Builds the fixed containers: the root titled `rootTitle`, the media-directory
+// volume titled `path` ("/" when null) and the Music, Videos and Pictures views.
+// False when memory runs out. Called with the content mutex held.
+bool DmsServer_BuildTree(const char* rootTitle, const char* path);
+
 // Guards the content tree, its id table and the group-id counter.
 std::mutex& DmsServer_ContentMutex();
 
