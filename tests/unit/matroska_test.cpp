@@ -13,6 +13,7 @@
 #include "tests/fixtures/JpegFixture.h"
 #include "tests/fixtures/MatroskaFixture.h"
 #include "tests/fixtures/MediaProbe.h"
+#include "tests/unit/ProbeCheck.h"
 
 namespace {
 
@@ -62,17 +63,16 @@ std::vector<uint8_t> mkv(const std::vector<std::vector<uint8_t>>& children, bool
 TEST(Matroska, VideoWithCoverFillsTheRecord) {
   const std::vector<uint8_t> bytes = MatroskaFixture_VideoWithCover();
   const std::vector<uint8_t> jpeg = JpegFixture_Cover();
-  auto stream = MediaProbe_Bytes(bytes);
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->mediaType, MediaType_Video);
-  EXPECT_STREQ(stream->mimeType, "video/x-matroska");
-  EXPECT_EQ(stream->duration, 12500u);
-  EXPECT_EQ(stream->timescale, 1000u);
-  EXPECT_EQ(stream->title, "Demo Clip");
-  EXPECT_FALSE(stream->artist);
-  EXPECT_EQ(stream->date, 1735689600);  // 2025-01-01
-  ASSERT_EQ(stream->streamCount(), 2);
-  const StreamInfo& video = stream->streamInfo[0];
+  MediaStream stream = PROBE(bytes);
+  EXPECT_EQ(stream.mediaType, MediaType_Video);
+  EXPECT_STREQ(stream.mimeType, "video/x-matroska");
+  EXPECT_EQ(stream.duration, 12500u);
+  EXPECT_EQ(stream.timescale, 1000u);
+  EXPECT_EQ(stream.title, "Demo Clip");
+  EXPECT_FALSE(stream.artist);
+  EXPECT_EQ(stream.date, 1735689600);  // 2025-01-01
+  ASSERT_EQ(stream.streamCount(), 2);
+  const StreamInfo& video = stream.streamInfo[0];
   EXPECT_EQ(video.streamNumber, 1u);
   EXPECT_EQ(video.streamKind, uint32_t{MediaType_Video});
   EXPECT_EQ(video.enabled, 1);
@@ -80,45 +80,41 @@ TEST(Matroska, VideoWithCoverFillsTheRecord) {
   EXPECT_EQ(video.height, 240);
   EXPECT_EQ(video.duration, 12500u);
   EXPECT_EQ(video.timescale, 1000u);
-  const StreamInfo& audio = stream->streamInfo[1];
+  const StreamInfo& audio = stream.streamInfo[1];
   EXPECT_EQ(audio.streamNumber, 2u);
   EXPECT_EQ(audio.streamKind, uint32_t{MediaType_Audio});
   EXPECT_EQ(audio.sampleRate, 48000u);
   EXPECT_EQ(audio.channels, 2);
   EXPECT_EQ(audio.bitsPerSample, 16);
-  EXPECT_STREQ(stream->coverMimeType, "image/jpeg");
-  EXPECT_EQ(stream->coverOffset, positionOf(bytes, jpeg));
-  EXPECT_EQ(stream->coverLength, static_cast<int64_t>(jpeg.size()));
+  EXPECT_STREQ(stream.coverMimeType, "image/jpeg");
+  EXPECT_EQ(stream.coverOffset, positionOf(bytes, jpeg));
+  EXPECT_EQ(stream.coverLength, static_cast<int64_t>(jpeg.size()));
 }
 
 TEST(Matroska, MediaTypeAndMimeTypeFollowDocTypeAndTracks) {
-  auto webm = MediaProbe_Bytes(MatroskaFixture_WebM());
-  ASSERT_NE(webm, nullptr);
-  EXPECT_EQ(webm->mediaType, MediaType_Video);
-  EXPECT_STREQ(webm->mimeType, "video/webm");
+  MediaStream webm = PROBE(MatroskaFixture_WebM());
+  EXPECT_EQ(webm.mediaType, MediaType_Video);
+  EXPECT_STREQ(webm.mimeType, "video/webm");
 
-  auto mka = MediaProbe_Bytes(MatroskaFixture_AudioWithTitle());
-  ASSERT_NE(mka, nullptr);
-  EXPECT_EQ(mka->mediaType, MediaType_Audio);
-  EXPECT_STREQ(mka->mimeType, "audio/x-matroska");
-  EXPECT_EQ(mka->title, "Night Drive");
-  EXPECT_EQ(mka->duration, 184000u);
+  MediaStream mka = PROBE(MatroskaFixture_AudioWithTitle());
+  EXPECT_EQ(mka.mediaType, MediaType_Audio);
+  EXPECT_STREQ(mka.mimeType, "audio/x-matroska");
+  EXPECT_EQ(mka.title, "Night Drive");
+  EXPECT_EQ(mka.duration, 184000u);
 
   const auto audio = MatroskaFixture_AudioTrack(1, 44100.0, 2, 16);
-  auto webmAudio = MediaProbe_Bytes(MatroskaFixture_File("webm", {info(), tracks({audio})}));
-  ASSERT_NE(webmAudio, nullptr);
-  EXPECT_EQ(webmAudio->mediaType, MediaType_Audio);
-  EXPECT_STREQ(webmAudio->mimeType, "audio/webm");
+  MediaStream webmAudio = PROBE(MatroskaFixture_File("webm", {info(), tracks({audio})}));
+  EXPECT_EQ(webmAudio.mediaType, MediaType_Audio);
+  EXPECT_STREQ(webmAudio.mimeType, "audio/webm");
 
   // A video track anywhere makes a video, also after audio and subtitles.
   const auto subtitle = track({EbmlFixture_Unsigned(MatroskaId::TrackNumber, 3),
                                EbmlFixture_Unsigned(MatroskaId::TrackType, 17)});
-  auto mixed = MediaProbe_Bytes(mkv({info(), tracks({audio, subtitle, videoTrack(4)})}));
-  ASSERT_NE(mixed, nullptr);
-  EXPECT_EQ(mixed->mediaType, MediaType_Video);
-  EXPECT_STREQ(mixed->mimeType, "video/x-matroska");
-  ASSERT_EQ(mixed->streamCount(), 3);
-  EXPECT_EQ(mixed->streamInfo[1].streamKind, 4u);
+  MediaStream mixed = PROBE(mkv({info(), tracks({audio, subtitle, videoTrack(4)})}));
+  EXPECT_EQ(mixed.mediaType, MediaType_Video);
+  EXPECT_STREQ(mixed.mimeType, "video/x-matroska");
+  ASSERT_EQ(mixed.streamCount(), 3);
+  EXPECT_EQ(mixed.streamInfo[1].streamKind, 4u);
 }
 
 TEST(Matroska, OtherDocumentsAreLeftToTheNextParser) {
@@ -156,12 +152,11 @@ TEST(Matroska, DurationNeedsAPlausibleTimecodeScale) {
       {100000, 2500.7, 2500, 10000}, {1000000, 1e12, 4294967295u, 1000},
   };
   for (const Case& c : cases) {
-    auto stream = MediaProbe_Bytes(mkv({MatroskaFixture_Info(c.scale, c.duration), tracks({videoTrack()})}));
-    ASSERT_NE(stream, nullptr) << c.scale;
-    EXPECT_EQ(stream->duration, c.expectDuration) << c.scale << " " << c.duration;
-    EXPECT_EQ(stream->timescale, c.expectTimescale) << c.scale;
-    EXPECT_EQ(stream->streamInfo[0].duration, c.expectDuration);
-    EXPECT_EQ(stream->streamInfo[0].timescale, c.expectTimescale);
+    MediaStream stream = PROBE(mkv({MatroskaFixture_Info(c.scale, c.duration), tracks({videoTrack()})}));
+    EXPECT_EQ(stream.duration, c.expectDuration) << c.scale << " " << c.duration;
+    EXPECT_EQ(stream.timescale, c.expectTimescale) << c.scale;
+    EXPECT_EQ(stream.streamInfo[0].duration, c.expectDuration);
+    EXPECT_EQ(stream.streamInfo[0].timescale, c.expectTimescale);
   }
 }
 
@@ -172,15 +167,12 @@ TEST(Matroska, DateCountsFrom2001) {
       {86400LL * 1000000000LL, 978393600},  // one day later
   };
   for (const auto& [nanoseconds, expected] : cases) {
-    auto stream =
-        MediaProbe_Bytes(mkv({MatroskaFixture_Info(1000000, 1000.0, "t", nanoseconds), tracks({videoTrack()})}));
-    ASSERT_NE(stream, nullptr);
-    EXPECT_EQ(stream->date, expected) << nanoseconds;
+    MediaStream stream = PROBE(mkv({MatroskaFixture_Info(1000000, 1000.0, "t", nanoseconds), tracks({videoTrack()})}));
+    EXPECT_EQ(stream.date, expected) << nanoseconds;
   }
-  auto undated = MediaProbe_Bytes(mkv({info(), tracks({videoTrack()})}));
-  ASSERT_NE(undated, nullptr);
-  EXPECT_EQ(undated->date, 0);
-  EXPECT_FALSE(undated->title);
+  MediaStream undated = PROBE(mkv({info(), tracks({videoTrack()})}));
+  EXPECT_EQ(undated.date, 0);
+  EXPECT_FALSE(undated.title);
 }
 
 TEST(Matroska, CoverNeedsExactNameAndSizeBelowOneMiB) {
@@ -246,12 +238,11 @@ TEST(Matroska, SectionsBehindAClusterAreFoundThroughTheSeekHead) {
   EXPECT_TRUE(declined(mkv(late, false)));
 
   const std::vector<uint8_t> indexed = mkv(late, true);
-  auto stream = MediaProbe_Bytes(indexed);
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->title, "Late");
-  EXPECT_EQ(stream->duration, 4000u);
-  EXPECT_EQ(stream->streamCount(), 1);
-  EXPECT_EQ(stream->coverOffset, positionOf(indexed, cover));
+  MediaStream stream = PROBE(indexed);
+  EXPECT_EQ(stream.title, "Late");
+  EXPECT_EQ(stream.duration, 4000u);
+  EXPECT_EQ(stream.streamCount(), 1);
+  EXPECT_EQ(stream.coverOffset, positionOf(indexed, cover));
 
   // An entry is followed only when its position holds the element it names:
   // here the Info entry is relabelled as Attachments.
@@ -261,11 +252,10 @@ TEST(Matroska, SectionsBehindAClusterAreFoundThroughTheSeekHead) {
   ASSERT_GT(at, 0);
   const std::vector<uint8_t> attachmentsId = {0x19, 0x41, 0xA4, 0x69};
   std::copy(attachmentsId.begin(), attachmentsId.end(), relabelled.begin() + at + 3);
-  auto misled = MediaProbe_Bytes(relabelled);
-  ASSERT_NE(misled, nullptr);
-  EXPECT_FALSE(misled->title);
-  EXPECT_EQ(misled->streamCount(), 1);
-  EXPECT_EQ(misled->coverLength, static_cast<int64_t>(cover.size()));
+  MediaStream misled = PROBE(relabelled);
+  EXPECT_FALSE(misled.title);
+  EXPECT_EQ(misled.streamCount(), 1);
+  EXPECT_EQ(misled.coverLength, static_cast<int64_t>(cover.size()));
 }
 
 TEST(Matroska, TrackKeepRules) {
@@ -315,10 +305,9 @@ TEST(Matroska, TrackKeepRules) {
   // At most 32 tracks are kept.
   std::vector<std::vector<uint8_t>> many;
   for (uint64_t n = 1; n <= 40; ++n) many.push_back(MatroskaFixture_AudioTrack(n, 8000.0, 1, 8));
-  auto crowded = MediaProbe_Bytes(mkv({info(), tracks(many)}));
-  ASSERT_NE(crowded, nullptr);
-  EXPECT_EQ(crowded->streamCount(), 32);
-  EXPECT_EQ(crowded->streamInfo.back().streamNumber, 32u);
+  MediaStream crowded = PROBE(mkv({info(), tracks(many)}));
+  EXPECT_EQ(crowded.streamCount(), 32);
+  EXPECT_EQ(crowded.streamInfo.back().streamNumber, 32u);
 }
 
 TEST(Matroska, FailingAudioRejectsItsTrack) {
@@ -361,23 +350,21 @@ TEST(Matroska, FailingAudioRejectsItsTrack) {
 
 TEST(Matroska, UnknownSizesAreBoundedByTheParent) {
   // A live recording: Segment of unknown size, read up to the Cluster.
-  auto live = MediaProbe_Bytes(EbmlFixture_Join(
+  MediaStream live = PROBE(EbmlFixture_Join(
       {MatroskaFixture_Header("webm"),
        EbmlFixture_UnknownSize(MatroskaId::Segment,
                                EbmlFixture_Join({info(), tracks({videoTrack()}),
                                                  EbmlFixture_UnknownSize(MatroskaId::Cluster, {0xE7, 0x81, 0x00})}))}));
-  ASSERT_NE(live, nullptr);
-  EXPECT_STREQ(live->mimeType, "video/webm");
-  EXPECT_EQ(live->duration, 2000u);
+  EXPECT_STREQ(live.mimeType, "video/webm");
+  EXPECT_EQ(live.duration, 2000u);
 
   // Tracks of unknown size end with their Segment: a track entry stored after
   // the Segment does not count.
-  auto bounded = MediaProbe_Bytes(EbmlFixture_Join(
+  MediaStream bounded = PROBE(EbmlFixture_Join(
       {MatroskaFixture_Header("matroska"),
        EbmlFixture_Master(MatroskaId::Segment, {info(), EbmlFixture_UnknownSize(MatroskaId::Tracks, videoTrack(1))}),
        MatroskaFixture_AudioTrack(2, 48000.0, 2, 16)}));
-  ASSERT_NE(bounded, nullptr);
-  EXPECT_EQ(bounded->streamCount(), 1);
+  EXPECT_EQ(bounded.streamCount(), 1);
 
   // A child claiming more than its parent holds ends that parent's reading;
   // what was read before it stays.
@@ -386,9 +373,8 @@ TEST(Matroska, UnknownSizesAreBoundedByTheParent) {
   const int64_t audioEntry = positionOf(overrun, audio);
   ASSERT_GT(audioEntry, 0);
   overrun[audioEntry + 1] = 0xFE;  // size 126, beyond the Tracks element
-  auto cut = MediaProbe_Bytes(overrun);
-  ASSERT_NE(cut, nullptr);
-  EXPECT_EQ(cut->streamCount(), 1);
+  MediaStream cut = PROBE(overrun);
+  EXPECT_EQ(cut.streamCount(), 1);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "tests/fixtures/GifFixture.h"
 #include "tests/fixtures/JpegFixture.h"
 #include "tests/fixtures/MediaProbe.h"
+#include "tests/unit/ProbeCheck.h"
 #include "tests/fixtures/PngFixture.h"
 
 namespace {
@@ -26,25 +27,22 @@ TEST(MediaDispatch, FirstClaimingParserKeepsDamagedFiles) {
   // rather than handed on to a later parser.
   ByteWriter png;
   png.bytes(PngFixture_File({PngFixture_Text("Title", "no header")})).bytes(FlacFixture_Song("", "", "", "", ""));
-  auto stream = MediaProbe_Bytes(png.data());
-  ASSERT_NE(stream, nullptr);
-  EXPECT_STREQ(stream->mimeType, "image/png");
-  EXPECT_EQ(stream->streamCount(), 0);
-  EXPECT_EQ(stream->title, "no header");
+  MediaStream stream = PROBE(png.data());
+  EXPECT_STREQ(stream.mimeType, "image/png");
+  EXPECT_EQ(stream.streamCount(), 0);
+  EXPECT_EQ(stream.title, "no header");
 
   ByteWriter flac;
   flac.text("fLaC").u32be(0x7F000000).bytes(GifFixture_Picture("89a", 4, 4, 2));
-  stream = MediaProbe_Bytes(flac.data());
-  ASSERT_NE(stream, nullptr);
-  EXPECT_STREQ(stream->mimeType, "audio/flac");
-  EXPECT_EQ(stream->mediaType, MediaType_Audio);
-  EXPECT_EQ(stream->duration, 1u);
-  EXPECT_EQ(stream->streamCount(), 0);
+  stream = PROBE(flac.data());
+  EXPECT_STREQ(stream.mimeType, "audio/flac");
+  EXPECT_EQ(stream.mediaType, MediaType_Audio);
+  EXPECT_EQ(stream.duration, 1u);
+  EXPECT_EQ(stream.streamCount(), 0);
 
-  stream = MediaProbe_Bytes(GifFixture_Picture("87a", 0, 0, 1));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_STREQ(stream->mimeType, "image/gif");
-  EXPECT_EQ(stream->streamCount(), 0);
+  stream = PROBE(GifFixture_Picture("87a", 0, 0, 1));
+  EXPECT_STREQ(stream.mimeType, "image/gif");
+  EXPECT_EQ(stream.streamCount(), 0);
 
   // Unknown content is refused as a whole.
   EXPECT_EQ(MediaProbe_Bytes(neutralBytes(2000)), nullptr);
@@ -63,27 +61,27 @@ TEST(MediaDispatch, SignaturesCountOnlyAtTheOffset) {
   // of the file, not of the data.
   auto stream = MediaStream_new(fixture.fd(), 100, int64_t(song.size()), true);
   ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->title, "Offset song");
+  EXPECT_EQ(stream.title, "Offset song");
   const auto jpeg = JpegFixture_Cover();
-  ASSERT_EQ(stream->coverLength, int64_t(jpeg.size()));
-  EXPECT_EQ(file.data()[stream->coverOffset], 0xFF);
-  EXPECT_EQ(file.data()[stream->coverOffset + 1], 0xD8);
-  EXPECT_EQ(file.data()[stream->coverOffset + stream->coverLength - 1], 0xD9);
+  ASSERT_EQ(stream.coverLength, int64_t(jpeg.size()));
+  EXPECT_EQ(file.data()[stream.coverOffset], 0xFF);
+  EXPECT_EQ(file.data()[stream.coverOffset + 1], 0xD8);
+  EXPECT_EQ(file.data()[stream.coverOffset + stream.coverLength - 1], 0xD9);
 
   // The length bounds the walk: blocks past it are not read even though the
   // file goes on.
   stream = MediaStream_new(fixture.fd(), 100, 4 + 4 + 34, true);
   ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->streamCount(), 1);
-  EXPECT_EQ(stream->title, std::nullopt);
-  EXPECT_EQ(stream->coverLength, 0);
+  EXPECT_EQ(stream.streamCount(), 1);
+  EXPECT_EQ(stream.title, std::nullopt);
+  EXPECT_EQ(stream.coverLength, 0);
 
   stream = MediaStream_new(fixture.fd(), 100 + int64_t(song.size()) + 50, 10, true);
   EXPECT_EQ(stream, nullptr);  // past the end of the file
 }
 
 TEST(MediaDispatch, TagsThatAreNotUtf8AreDropped) {
-  auto stream = MediaProbe_Bytes(FlacFixture_File({
+  MediaStream stream = PROBE(FlacFixture_File({
       FlacFixture_StreamInfo(44100, 2, 16, 44100),
       FlacFixture_Comments({
           "TITLE=smile \xF0\x9F\x98\x80 please",  // four-byte form
@@ -92,23 +90,20 @@ TEST(MediaDispatch, TagsThatAreNotUtf8AreDropped) {
           "GENRE=cut \xE2\x82",                   // cut short by the end
       }),
   }));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->title, std::nullopt);
-  EXPECT_EQ(stream->artist, std::nullopt);
-  EXPECT_EQ(stream->album, "caf\xC3\xA9 \xE2\x82\xAC");
-  EXPECT_EQ(stream->genre, std::nullopt);
+  EXPECT_EQ(stream.title, std::nullopt);
+  EXPECT_EQ(stream.artist, std::nullopt);
+  EXPECT_EQ(stream.album, "caf\xC3\xA9 \xE2\x82\xAC");
+  EXPECT_EQ(stream.genre, std::nullopt);
   // The rest of the record stands.
-  EXPECT_EQ(stream->streamCount(), 1);
-  EXPECT_EQ(stream->date, 0);
+  EXPECT_EQ(stream.streamCount(), 1);
+  EXPECT_EQ(stream.date, 0);
 
   // PNG text chunks are Latin-1 by nature: such a title does not survive.
-  stream = MediaProbe_Bytes(PngFixture_Picture(2, 2, "Caf\xE9", "2009-06-15 10:20:30"));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->title, std::nullopt);
-  EXPECT_NE(stream->date, 0);
-  stream = MediaProbe_Bytes(PngFixture_Picture(2, 2, "plain ASCII", ""));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->title, "plain ASCII");
+  stream = PROBE(PngFixture_Picture(2, 2, "Caf\xE9", "2009-06-15 10:20:30"));
+  EXPECT_EQ(stream.title, std::nullopt);
+  EXPECT_NE(stream.date, 0);
+  stream = PROBE(PngFixture_Picture(2, 2, "plain ASCII", ""));
+  EXPECT_EQ(stream.title, "plain ASCII");
 }
 
 }  // namespace

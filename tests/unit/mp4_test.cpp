@@ -11,6 +11,7 @@
 #include "media/MediaStream.h"
 #include "tests/fixtures/ByteWriter.h"
 #include "tests/fixtures/MediaProbe.h"
+#include "tests/unit/ProbeCheck.h"
 #include "tests/fixtures/Mp4Fixture.h"
 #include "tests/fixtures/PngFixture.h"
 
@@ -55,65 +56,60 @@ void patchU32(std::vector<uint8_t>& bytes, size_t at, uint32_t value) {
 TEST(Mp4, TaggedAudioWithCover) {
   const std::vector<uint8_t> cover = PngFixture_Picture(8, 8, "", "");
   const std::vector<uint8_t> bytes = Mp4Fixture_M4a(kMp4DataPng, cover);
-  auto stream = MediaProbe_Bytes(bytes);
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->mediaType, MediaType_Audio);
-  EXPECT_STREQ(stream->mimeType, "audio/mp4");
-  EXPECT_EQ(stream->timescale, 44100u);
-  EXPECT_EQ(stream->duration, 88200u);
-  ASSERT_EQ(stream->streamCount(), 1);
-  const StreamInfo& info = stream->streamInfo[0];
+  MediaStream stream = PROBE(bytes);
+  EXPECT_EQ(stream.mediaType, MediaType_Audio);
+  EXPECT_STREQ(stream.mimeType, "audio/mp4");
+  EXPECT_EQ(stream.timescale, 44100u);
+  EXPECT_EQ(stream.duration, 88200u);
+  ASSERT_EQ(stream.streamCount(), 1);
+  const StreamInfo& info = stream.streamInfo[0];
   EXPECT_EQ(info.streamNumber, 1u);
   EXPECT_EQ(info.streamKind, uint32_t(MediaType_Audio));
   EXPECT_EQ(info.enabled, 1);
   EXPECT_EQ(info.sampleRate, 44100u);
   EXPECT_EQ(info.channels, 2);
   EXPECT_EQ(info.bitsPerSample, 16);
-  EXPECT_EQ(stream->title, "Demo Song");
-  EXPECT_EQ(stream->artist, "Demo Artist");
-  EXPECT_EQ(stream->album, "Demo Album");
-  EXPECT_EQ(stream->genre, "Jazz Fusion");
-  EXPECT_EQ(stream->date, 1305849600);  // 2011-05-20 00:00:00 UTC: the time part is dropped
-  EXPECT_STREQ(stream->coverMimeType, "image/png");
-  ASSERT_EQ(stream->coverLength, int64_t(cover.size()));
-  ASSERT_LE(stream->coverOffset + stream->coverLength, int64_t(bytes.size()));
-  EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + stream->coverOffset, bytes.begin() + stream->coverOffset + 8),
+  EXPECT_EQ(stream.title, "Demo Song");
+  EXPECT_EQ(stream.artist, "Demo Artist");
+  EXPECT_EQ(stream.album, "Demo Album");
+  EXPECT_EQ(stream.genre, "Jazz Fusion");
+  EXPECT_EQ(stream.date, 1305849600);  // 2011-05-20 00:00:00 UTC: the time part is dropped
+  EXPECT_STREQ(stream.coverMimeType, "image/png");
+  ASSERT_EQ(stream.coverLength, int64_t(cover.size()));
+  ASSERT_LE(stream.coverOffset + stream.coverLength, int64_t(bytes.size()));
+  EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + stream.coverOffset, bytes.begin() + stream.coverOffset + 8),
             std::vector<uint8_t>(cover.begin(), cover.begin() + 8));
-  EXPECT_EQ(stream->seekInfo, nullptr);
+  EXPECT_EQ(stream.seekInfo, nullptr);
 }
 
 TEST(Mp4, VideoTrackDecidesMimeTypeAndTracksKeepFileOrder) {
-  auto video = MediaProbe_Bytes(Mp4Fixture_Video());
-  ASSERT_NE(video, nullptr);
-  EXPECT_EQ(video->mediaType, MediaType_Video);
-  EXPECT_STREQ(video->mimeType, "video/mp4");
-  ASSERT_EQ(video->streamCount(), 2);
-  EXPECT_EQ(video->streamInfo[0].streamKind, uint32_t(MediaType_Video));
-  EXPECT_EQ(video->streamInfo[0].width, 160);
-  EXPECT_EQ(video->streamInfo[0].height, 120);
-  EXPECT_EQ(video->streamInfo[0].bitsPerPixel, 24);
-  EXPECT_EQ(video->streamInfo[0].timescale, 600u);
-  EXPECT_EQ(video->streamInfo[0].duration, 1200u);
-  EXPECT_EQ(video->streamInfo[1].streamNumber, 2u);
-  EXPECT_EQ(video->streamInfo[1].sampleRate, 48000u);
-  EXPECT_EQ(video->date, 1623715200);
+  MediaStream video = PROBE(Mp4Fixture_Video());
+  EXPECT_EQ(video.mediaType, MediaType_Video);
+  EXPECT_STREQ(video.mimeType, "video/mp4");
+  ASSERT_EQ(video.streamCount(), 2);
+  EXPECT_EQ(video.streamInfo[0].streamKind, uint32_t(MediaType_Video));
+  EXPECT_EQ(video.streamInfo[0].width, 160);
+  EXPECT_EQ(video.streamInfo[0].height, 120);
+  EXPECT_EQ(video.streamInfo[0].bitsPerPixel, 24);
+  EXPECT_EQ(video.streamInfo[0].timescale, 600u);
+  EXPECT_EQ(video.streamInfo[0].duration, 1200u);
+  EXPECT_EQ(video.streamInfo[1].streamNumber, 2u);
+  EXPECT_EQ(video.streamInfo[1].sampleRate, 48000u);
+  EXPECT_EQ(video.date, 1623715200);
 
   // Audio first and video second is still a video; a subtitle track alone
   // gives no media type at all.
   Mp4FixtureTrack subtitles = audioTrack(3);
   subtitles.handler = "sbtl";
-  auto mixed = MediaProbe_Bytes(Mp4Fixture_Join(
+  MediaStream mixed = PROBE(Mp4Fixture_Join(
       {Mp4Fixture_Ftyp("M4A "),
        Mp4Fixture_Box("moov", Mp4Fixture_Join({Mp4Fixture_Track(audioTrack(1)), Mp4Fixture_Track(videoTrack(2))}))}));
-  ASSERT_NE(mixed, nullptr);
-  EXPECT_STREQ(mixed->mimeType, "video/mp4");
-  auto other =
-      MediaProbe_Bytes(Mp4Fixture_Join({Mp4Fixture_Ftyp("M4A "), Mp4Fixture_Box("moov", Mp4Fixture_Track(subtitles))}));
-  ASSERT_NE(other, nullptr);
-  EXPECT_EQ(other->mediaType, MediaType_None);
-  EXPECT_EQ(other->mimeType, nullptr);
-  ASSERT_EQ(other->streamCount(), 1);
-  EXPECT_EQ(other->streamInfo[0].streamKind, 4u);
+  EXPECT_STREQ(mixed.mimeType, "video/mp4");
+  MediaStream other = PROBE(Mp4Fixture_Join({Mp4Fixture_Ftyp("M4A "), Mp4Fixture_Box("moov", Mp4Fixture_Track(subtitles))}));
+  EXPECT_EQ(other.mediaType, MediaType_None);
+  EXPECT_EQ(other.mimeType, nullptr);
+  ASSERT_EQ(other.streamCount(), 1);
+  EXPECT_EQ(other.streamInfo[0].streamKind, 4u);
 }
 
 TEST(Mp4, FileTypeBoxMustLieInFirst512Bytes) {
@@ -138,16 +134,14 @@ TEST(Mp4, MovieBoxMustBeAmongFirstEightTopLevelBoxes) {
   const std::vector<uint8_t> moov = Mp4Fixture_Box("moov", Mp4Fixture_Track(audioTrack()));
   const std::vector<uint8_t> bigData = Mp4Fixture_LargeBox("mdat", std::vector<uint8_t>(4096, 0x5A));
   // ftyp, five free boxes and a 64-bit media data box: moov is the eighth box.
-  auto found = MediaProbe_Bytes(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), boxes(5, "free"), bigData, moov}));
-  ASSERT_NE(found, nullptr);
-  EXPECT_EQ(found->streamCount(), 1);
+  MediaStream found = PROBE(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), boxes(5, "free"), bigData, moov}));
+  EXPECT_EQ(found.streamCount(), 1);
   // One more box in front: the file is still taken, but without streams.
-  auto hidden = MediaProbe_Bytes(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), boxes(6, "free"), bigData, moov}));
-  ASSERT_NE(hidden, nullptr);
-  EXPECT_EQ(hidden->streamCount(), 0);
-  EXPECT_EQ(hidden->mediaType, MediaType_None);
-  EXPECT_EQ(hidden->duration, 1u);
-  EXPECT_EQ(hidden->timescale, 1000u);
+  MediaStream hidden = PROBE(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), boxes(6, "free"), bigData, moov}));
+  EXPECT_EQ(hidden.streamCount(), 0);
+  EXPECT_EQ(hidden.mediaType, MediaType_None);
+  EXPECT_EQ(hidden.duration, 1u);
+  EXPECT_EQ(hidden.timescale, 1000u);
 }
 
 TEST(Mp4, RefusedBoxSizes) {
@@ -158,10 +152,9 @@ TEST(Mp4, RefusedBoxSizes) {
   for (uint32_t size : {0u, 2u, 7u, uint32_t(good.size())}) {
     std::vector<uint8_t> bytes = good;
     patchU32(bytes, moovAt, size);
-    auto stream = MediaProbe_Bytes(bytes);
-    ASSERT_NE(stream, nullptr) << size;
-    EXPECT_EQ(stream->streamCount(), 0) << size;
-    EXPECT_FALSE(stream->title.has_value()) << size;
+    MediaStream stream = PROBE(bytes);
+    EXPECT_EQ(stream.streamCount(), 0) << size;
+    EXPECT_FALSE(stream.title.has_value()) << size;
   }
   // A 64-bit size under 16 is refused too.
   std::vector<uint8_t> large = Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_LargeBox("free", {}),
@@ -177,29 +170,26 @@ TEST(Mp4, RefusedBoxSizes) {
   EXPECT_EQ(MediaProbe_Bytes(noType), nullptr);
   // A 64-bit media data box in front of the movie is skipped over.
   const std::vector<uint8_t> mov = Mp4Fixture_Mov();
-  auto movie = MediaProbe_Bytes(mov);
-  ASSERT_NE(movie, nullptr);
-  ASSERT_EQ(movie->streamCount(), 1);
-  EXPECT_EQ(movie->streamInfo[0].width, 320);
-  EXPECT_EQ(movie->timescale, 2500u);
-  EXPECT_EQ(movie->duration, 7500u);
+  MediaStream movie = PROBE(mov);
+  ASSERT_EQ(movie.streamCount(), 1);
+  EXPECT_EQ(movie.streamInfo[0].width, 320);
+  EXPECT_EQ(movie.timescale, 2500u);
+  EXPECT_EQ(movie.duration, 7500u);
 }
 
 TEST(Mp4, MovieHeaderVersionOneReadWithVersionZeroOffsets) {
   const uint64_t modificationTime = uint64_t(90000) << 32 | 12345;
-  auto stream = MediaProbe_Bytes(Mp4Fixture_Join(
+  MediaStream stream = PROBE(Mp4Fixture_Join(
       {Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", Mp4Fixture_Join({Mp4Fixture_Mvhd(600, 6000, 1, modificationTime),
                                                                         Mp4Fixture_Track(videoTrack(1))}))}));
-  ASSERT_NE(stream, nullptr);
   // The two halves of the 64-bit modification time come out as timescale and duration.
-  EXPECT_EQ(stream->timescale, 90000u);
-  EXPECT_EQ(stream->duration, 12345u);
+  EXPECT_EQ(stream.timescale, 90000u);
+  EXPECT_EQ(stream.duration, 12345u);
   // Zero in either field keeps the defaults.
-  auto zero = MediaProbe_Bytes(
+  MediaStream zero = PROBE(
       Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", Mp4Fixture_Mvhd(600, 6000, 1, 12345))}));
-  ASSERT_NE(zero, nullptr);
-  EXPECT_EQ(zero->timescale, 1000u);
-  EXPECT_EQ(zero->duration, 1u);
+  EXPECT_EQ(zero.timescale, 1000u);
+  EXPECT_EQ(zero.duration, 1u);
 }
 
 TEST(Mp4, GenreNumbers) {
@@ -238,15 +228,14 @@ TEST(Mp4, CoverTypesAndSizeLimit) {
   // A later cover replaces an earlier one.
   const std::vector<uint8_t> covers = Mp4Fixture_Join({Mp4Fixture_Item("covr", kMp4DataJpeg, std::vector<uint8_t>(10)),
                                                        Mp4Fixture_Item("covr", kMp4DataPng, std::vector<uint8_t>(20))});
-  auto two = MediaProbe_Bytes(withItems(covers));
-  ASSERT_NE(two, nullptr);
-  EXPECT_STREQ(two->coverMimeType, "image/png");
-  EXPECT_EQ(two->coverLength, 20);
+  MediaStream two = PROBE(withItems(covers));
+  EXPECT_STREQ(two.coverMimeType, "image/png");
+  EXPECT_EQ(two.coverLength, 20);
 }
 
 TEST(Mp4, TextItemsAndDates) {
   const std::string longText(513, 'x');
-  auto stream = MediaProbe_Bytes(withItems(Mp4Fixture_Join({
+  MediaStream stream = PROBE(withItems(Mp4Fixture_Join({
       Mp4Fixture_TextItem(kMp4ItemTitle, "First"),
       Mp4Fixture_TextItem(kMp4ItemTitle, "Second"),          // replaces
       Mp4Fixture_TextItem(kMp4ItemAlbum, longText),          // too long
@@ -254,12 +243,11 @@ TEST(Mp4, TextItemsAndDates) {
       Mp4Fixture_Item(kMp4ItemGenre, 21, {'P', 'o', 'p'}),   // not a text type
       Mp4Fixture_TextItem(kMp4ItemDay, "2011"),
   })));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->title, "Second");
-  EXPECT_FALSE(stream->album.has_value());
-  EXPECT_EQ(stream->artist, "");
-  EXPECT_FALSE(stream->genre.has_value());
-  EXPECT_EQ(stream->date, 1293840000);  // 2011-01-01
+  EXPECT_EQ(stream.title, "Second");
+  EXPECT_FALSE(stream.album.has_value());
+  EXPECT_EQ(stream.artist, "");
+  EXPECT_FALSE(stream.genre.has_value());
+  EXPECT_EQ(stream.date, 1293840000);  // 2011-01-01
 
   auto dateOf = [](std::string_view day) {
     return MediaProbe_Bytes(withItems(Mp4Fixture_TextItem(kMp4ItemDay, day)))->date;
@@ -282,19 +270,18 @@ TEST(Mp4, IncompleteTracksAreDropped) {
   // A sound description of version 2 is refused, but the track stays.
   Mp4FixtureTrack version2 = audioTrack();
   version2.soundVersion = 2;
-  auto stream =
-      MediaProbe_Bytes(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", Mp4Fixture_Track(version2))}));
-  ASSERT_EQ(stream->streamCount(), 1);
-  EXPECT_EQ(stream->streamInfo[0].sampleRate, 0u);
-  EXPECT_EQ(stream->streamInfo[0].channels, 0);
+  MediaStream stream =
+      PROBE(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", Mp4Fixture_Track(version2))}));
+  ASSERT_EQ(stream.streamCount(), 1);
+  EXPECT_EQ(stream.streamInfo[0].sampleRate, 0u);
+  EXPECT_EQ(stream.streamInfo[0].channels, 0);
 }
 
 TEST(Mp4, SeekDataOnlyWhenAskedFor) {
   const std::vector<uint8_t> bytes = Mp4Fixture_Video();
   EXPECT_EQ(MediaProbe_Bytes(bytes, true)->seekInfo, nullptr);
-  auto stream = MediaProbe_Bytes(bytes, false);
-  ASSERT_NE(stream, nullptr);
-  const auto* seek = dynamic_cast<const Mp4SeekInfo*>(stream->seekInfo.get());
+  MediaStream stream = PROBE(bytes, false);
+  const auto* seek = dynamic_cast<const Mp4SeekInfo*>(stream.seekInfo.get());
   ASSERT_NE(seek, nullptr);
   EXPECT_EQ(seek->dataStart, 0);
   EXPECT_EQ(seek->dataLength, int64_t(bytes.size()));
