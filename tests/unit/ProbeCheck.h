@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
 #include <utility>
 
 #include "tests/fixtures/MediaProbe.h"
@@ -20,3 +21,12 @@ inline MediaStream ProbeCheck(const char* file, int line, const std::vector<uint
 }
 
 #define PROBE(...) ProbeCheck(__FILE__, __LINE__, __VA_ARGS__)
+
+// A stream's fields as "number kind enabled duration/timescale rate channels
+// bits widthxheight bpp", so that one comparison pins all of them.
+inline std::string StreamText(const StreamInfo& s) {
+  return std::to_string(s.streamNumber) + " " + std::to_string(s.streamKind) + " " + std::to_string(s.enabled) +
+         " " + std::to_string(s.duration) + "/" + std::to_string(s.timescale) + " " + std::to_string(s.sampleRate) +
+         " " + std::to_string(s.channels) + " " + std::to_string(s.bitsPerSample) + " " + std::to_string(s.width) +
+         "x" + std::to_string(s.height) + " " + std::to_string(s.bitsPerPixel);
+}

@@ -59,16 +59,9 @@ TEST(Mp4, TaggedAudioWithCover) {
   MediaStream stream = PROBE(bytes);
   EXPECT_EQ(stream.mediaType, MediaType_Audio);
   EXPECT_STREQ(stream.mimeType, "audio/mp4");
-  EXPECT_EQ(stream.timescale, 44100u);
-  EXPECT_EQ(stream.duration, 88200u);
+  EXPECT_EQ(std::pair(stream.duration, stream.timescale), std::pair(88200u, 44100u));
   ASSERT_EQ(stream.streamCount(), 1);
-  const StreamInfo& info = stream.streamInfo[0];
-  EXPECT_EQ(info.streamNumber, 1u);
-  EXPECT_EQ(info.streamKind, uint32_t(MediaType_Audio));
-  EXPECT_EQ(info.enabled, 1);
-  EXPECT_EQ(info.sampleRate, 44100u);
-  EXPECT_EQ(info.channels, 2);
-  EXPECT_EQ(info.bitsPerSample, 16);
+  EXPECT_EQ(StreamText(stream.streamInfo[0]), "1 1 1 88200/44100 44100 2 16 0x0 0");
   EXPECT_EQ(stream.title, "Demo Song");
   EXPECT_EQ(stream.artist, "Demo Artist");
   EXPECT_EQ(stream.album, "Demo Album");
@@ -76,10 +69,8 @@ TEST(Mp4, TaggedAudioWithCover) {
   EXPECT_EQ(stream.date, 1305849600);  // 2011-05-20 00:00:00 UTC: the time part is dropped
   EXPECT_STREQ(stream.coverMimeType, "image/png");
   ASSERT_EQ(stream.coverLength, int64_t(cover.size()));
-  ASSERT_LE(stream.coverOffset + stream.coverLength, int64_t(bytes.size()));
   EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + stream.coverOffset, bytes.begin() + stream.coverOffset + 8),
             std::vector<uint8_t>(cover.begin(), cover.begin() + 8));
-  EXPECT_EQ(stream.seekInfo, nullptr);
 }
 
 TEST(Mp4, VideoTrackDecidesMimeTypeAndTracksKeepFileOrder) {
@@ -87,14 +78,8 @@ TEST(Mp4, VideoTrackDecidesMimeTypeAndTracksKeepFileOrder) {
   EXPECT_EQ(video.mediaType, MediaType_Video);
   EXPECT_STREQ(video.mimeType, "video/mp4");
   ASSERT_EQ(video.streamCount(), 2);
-  EXPECT_EQ(video.streamInfo[0].streamKind, uint32_t(MediaType_Video));
-  EXPECT_EQ(video.streamInfo[0].width, 160);
-  EXPECT_EQ(video.streamInfo[0].height, 120);
-  EXPECT_EQ(video.streamInfo[0].bitsPerPixel, 24);
-  EXPECT_EQ(video.streamInfo[0].timescale, 600u);
-  EXPECT_EQ(video.streamInfo[0].duration, 1200u);
-  EXPECT_EQ(video.streamInfo[1].streamNumber, 2u);
-  EXPECT_EQ(video.streamInfo[1].sampleRate, 48000u);
+  EXPECT_EQ(StreamText(video.streamInfo[0]), "1 2 1 1200/600 0 0 0 160x120 24");
+  EXPECT_EQ(StreamText(video.streamInfo[1]), "2 1 1 96000/48000 48000 2 16 0x0 0");
   EXPECT_EQ(video.date, 1623715200);
 
   // Audio first and video second is still a video; a subtitle track alone
@@ -120,9 +105,7 @@ TEST(Mp4, FileTypeBoxMustLieInFirst512Bytes) {
   auto padded = [&](size_t end) {
     return MediaProbe_Bytes(Mp4Fixture_Join({Mp4Fixture_Box("free", std::vector<uint8_t>(end - ftypSize - 8)), body}));
   };
-  auto inside = padded(512);
-  ASSERT_NE(inside, nullptr);
-  EXPECT_STREQ(inside->mimeType, "audio/mp4");
+  EXPECT_NE(padded(512), nullptr);
   EXPECT_EQ(padded(513), nullptr);
   // A file type box without its brand is no file type box.
   EXPECT_EQ(MediaProbe_Bytes(Mp4Fixture_Join(
