@@ -61,20 +61,20 @@ TEST(MediaDispatch, SignaturesCountOnlyAtTheOffset) {
   // of the file, not of the data.
   auto stream = MediaStream_new(fixture.fd(), 100, int64_t(song.size()), true);
   ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream.title, "Offset song");
+  EXPECT_EQ(stream->title, "Offset song");
   const auto jpeg = JpegFixture_Cover();
-  ASSERT_EQ(stream.coverLength, int64_t(jpeg.size()));
-  EXPECT_EQ(file.data()[stream.coverOffset], 0xFF);
-  EXPECT_EQ(file.data()[stream.coverOffset + 1], 0xD8);
-  EXPECT_EQ(file.data()[stream.coverOffset + stream.coverLength - 1], 0xD9);
+  ASSERT_EQ(stream->coverLength, int64_t(jpeg.size()));
+  EXPECT_EQ(file.data()[stream->coverOffset], 0xFF);
+  EXPECT_EQ(file.data()[stream->coverOffset + 1], 0xD8);
+  EXPECT_EQ(file.data()[stream->coverOffset + stream->coverLength - 1], 0xD9);
 
   // The length bounds the walk: blocks past it are not read even though the
   // file goes on.
   stream = MediaStream_new(fixture.fd(), 100, 4 + 4 + 34, true);
   ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream.streamCount(), 1);
-  EXPECT_EQ(stream.title, std::nullopt);
-  EXPECT_EQ(stream.coverLength, 0);
+  EXPECT_EQ(stream->streamCount(), 1);
+  EXPECT_EQ(stream->title, std::nullopt);
+  EXPECT_EQ(stream->coverLength, 0);
 
   stream = MediaStream_new(fixture.fd(), 100 + int64_t(song.size()) + 50, 10, true);
   EXPECT_EQ(stream, nullptr);  // past the end of the file
