@@ -140,10 +140,9 @@ TEST(Matroska, DurationNeedsAPlausibleTimecodeScale) {
   };
   for (const Case& c : cases) {
     MediaStream stream = PROBE(mkv({MatroskaFixture_Info(c.scale, c.duration), tracks({videoTrack()})}));
-    EXPECT_EQ(stream.duration, c.expectDuration) << c.scale << " " << c.duration;
-    EXPECT_EQ(stream.timescale, c.expectTimescale) << c.scale;
-    EXPECT_EQ(stream.streamInfo[0].duration, c.expectDuration);
-    EXPECT_EQ(stream.streamInfo[0].timescale, c.expectTimescale);
+    const auto expected = std::pair(c.expectDuration, c.expectTimescale);
+    EXPECT_EQ(std::pair(stream.duration, stream.timescale), expected) << c.scale << " " << c.duration;
+    EXPECT_EQ(std::pair(stream.streamInfo.at(0).duration, stream.streamInfo[0].timescale), expected);
   }
 }
 
@@ -157,51 +156,45 @@ TEST(Matroska, DateCountsFrom2001) {
     MediaStream stream = PROBE(mkv({MatroskaFixture_Info(1000000, 1000.0, "t", nanoseconds), tracks({videoTrack()})}));
     EXPECT_EQ(stream.date, expected) << nanoseconds;
   }
-  MediaStream undated = PROBE(mkv({info(), tracks({videoTrack()})}));
-  EXPECT_EQ(undated.date, 0);
-  EXPECT_FALSE(undated.title);
+  EXPECT_EQ(PROBE(mkv({info(), tracks({videoTrack()})})).date, 0);
 }
 
 TEST(Matroska, CoverNeedsExactNameAndSizeBelowOneMiB) {
   const std::vector<uint8_t> small = {0xFF, 0xD8, 0x11, 0x22, 0x33, 0xFF, 0xD9};
   auto coverOf = [&](std::initializer_list<std::vector<uint8_t>> files) {
-    return MediaProbe_Bytes(mkv({info(), tracks({videoTrack()}), attachments(files)}));
+    return PROBE(mkv({info(), tracks({videoTrack()}), attachments(files)}));
   };
 
-  auto upper = coverOf({MatroskaFixture_Attachment("Cover.jpg", "image/jpeg", small)});
-  ASSERT_NE(upper, nullptr);
-  EXPECT_EQ(upper->coverLength, 0);
-  EXPECT_EQ(upper->coverMimeType, nullptr);
+  MediaStream upper = coverOf({MatroskaFixture_Attachment("Cover.jpg", "image/jpeg", small)});
+  EXPECT_EQ(upper.coverLength, 0);
+  EXPECT_EQ(upper.coverMimeType, nullptr);
 
   // The attachment's own MIME type is not looked at; the first cover wins.
   const std::vector<uint8_t> other = {0xFF, 0xD8, 0x44, 0xFF, 0xD9};
-  auto smallCover = coverOf({MatroskaFixture_Attachment("font.ttf", "font/ttf", {1, 2, 3}),
-                             MatroskaFixture_Attachment("small_cover.jpg", "image/png", small),
-                             MatroskaFixture_Attachment("cover.jpg", "image/jpeg", other)});
-  ASSERT_NE(smallCover, nullptr);
-  EXPECT_EQ(smallCover->coverLength, static_cast<int64_t>(small.size()));
-  EXPECT_STREQ(smallCover->coverMimeType, "image/jpeg");
+  MediaStream smallCover = coverOf({MatroskaFixture_Attachment("font.ttf", "font/ttf", {1, 2, 3}),
+                                    MatroskaFixture_Attachment("small_cover.jpg", "image/png", small),
+                                    MatroskaFixture_Attachment("cover.jpg", "image/jpeg", other)});
+  EXPECT_EQ(smallCover.coverLength, static_cast<int64_t>(small.size()));
+  EXPECT_STREQ(smallCover.coverMimeType, "image/jpeg");
 
   // An empty cover ends the search without a cover.
-  auto empty = coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", {}),
-                        MatroskaFixture_Attachment("small_cover.jpg", "image/jpeg", small)});
-  ASSERT_NE(empty, nullptr);
-  EXPECT_EQ(empty->coverLength, 0);
-
-  auto exact = coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", std::vector<uint8_t>(kMiB, 0xAB))});
-  ASSERT_NE(exact, nullptr);
-  EXPECT_EQ(exact->coverLength, 0);
-  auto below = coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", std::vector<uint8_t>(kMiB - 1, 0xAB))});
-  ASSERT_NE(below, nullptr);
-  EXPECT_EQ(below->coverLength, kMiB - 1);
+  EXPECT_EQ(coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", {}),
+                     MatroskaFixture_Attachment("small_cover.jpg", "image/jpeg", small)})
+                .coverLength,
+            0);
+  for (int64_t size : {kMiB, kMiB - 1}) {
+    EXPECT_EQ(coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", std::vector<uint8_t>(size, 0xAB))})
+                  .coverLength,
+              size == kMiB ? 0 : size);
+  }
 
   // A repeated FileName ends the attachment: the first name counts.
-  auto repeated = coverOf({EbmlFixture_Master(
-      MatroskaId::AttachedFile, {EbmlFixture_Text(MatroskaId::FileName, "cover.jpg"),
-                                 EbmlFixture_Element(MatroskaId::FileData, small),
-                                 EbmlFixture_Text(MatroskaId::FileName, "other.jpg")})});
-  ASSERT_NE(repeated, nullptr);
-  EXPECT_EQ(repeated->coverLength, static_cast<int64_t>(small.size()));
+  EXPECT_EQ(coverOf({EbmlFixture_Master(MatroskaId::AttachedFile,
+                                        {EbmlFixture_Text(MatroskaId::FileName, "cover.jpg"),
+                                         EbmlFixture_Element(MatroskaId::FileData, small),
+                                         EbmlFixture_Text(MatroskaId::FileName, "other.jpg")})})
+                .coverLength,
+            static_cast<int64_t>(small.size()));
 }
 
 TEST(Matroska, CoverOffsetCountsFromTheFileStart) {
@@ -276,10 +269,8 @@ TEST(Matroska, TrackKeepRules) {
                           numbered(3, 2, {EbmlFixture_Unsigned(MatroskaId::FlagDefault, 1)}),
                           numbered(4, 2)});
   ASSERT_EQ(flags.size(), 4u);
-  EXPECT_EQ(flags[0].enabled, 1);
-  EXPECT_EQ(flags[1].enabled, 0);
-  EXPECT_EQ(flags[2].enabled, 1);
-  EXPECT_EQ(flags[3].enabled, 0);
+  EXPECT_EQ(std::vector<int>({flags[0].enabled, flags[1].enabled, flags[2].enabled, flags[3].enabled}),
+            std::vector<int>({1, 0, 1, 0}));
 
   // Picture sizes above 65535 reject the track.
   auto sizes = streamsOf({MatroskaFixture_VideoTrack(2, 65535, 65535),
