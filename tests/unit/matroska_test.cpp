@@ -245,28 +245,24 @@ TEST(Matroska, TrackKeepRules) {
     auto stream = MediaProbe_Bytes(mkv({info(), tracks(all)}));
     return stream ? stream->streamInfo : std::vector<StreamInfo>{};
   };
-  auto numbered = [](uint64_t number, uint64_t type, std::initializer_list<std::vector<uint8_t>> more = {}) {
-    ByteWriter w;
-    w.bytes(EbmlFixture_Unsigned(MatroskaId::TrackNumber, number));
-    w.bytes(EbmlFixture_Unsigned(MatroskaId::TrackType, type));
-    for (const std::vector<uint8_t>& e : more) w.bytes(e);
-    return EbmlFixture_Element(MatroskaId::TrackEntry, w.data());
+  auto numbered = [](uint64_t number, uint64_t type, const std::vector<uint8_t>& more = {}) {
+    return track({EbmlFixture_Unsigned(MatroskaId::TrackNumber, number),
+                  EbmlFixture_Unsigned(MatroskaId::TrackType, type), more});
   };
 
   // Numbers must be 1 to 2^32-1, types 1 to 254, and the track enabled.
   auto kept = streamsOf({numbered(0, 1), numbered(0x100000000ull, 1), numbered(0xFFFFFFFFull, 1),
                          numbered(5, 0), numbered(6, 255), numbered(7, 254),
-                         numbered(8, 1, {EbmlFixture_Unsigned(MatroskaId::FlagEnabled, 0)}),
-                         numbered(9, 1, {EbmlFixture_Unsigned(MatroskaId::FlagEnabled, 1)})});
+                         numbered(8, 1, EbmlFixture_Unsigned(MatroskaId::FlagEnabled, 0)),
+                         numbered(9, 1, EbmlFixture_Unsigned(MatroskaId::FlagEnabled, 1))});
   ASSERT_EQ(kept.size(), 4u);
-  EXPECT_EQ(kept[1].streamNumber, 0xFFFFFFFFu);
-  EXPECT_EQ(kept[2].streamNumber, 7u);
+  EXPECT_EQ(std::vector<uint32_t>({kept[1].streamNumber, kept[2].streamNumber, kept[3].streamNumber}),
+            std::vector<uint32_t>({0xFFFFFFFFu, 7, 9}));
   EXPECT_EQ(kept[2].streamKind, 0u);
-  EXPECT_EQ(kept[3].streamNumber, 9u);
 
   // FlagDefault, not FlagEnabled, sets the enabled flag; it defaults to 0.
-  auto flags = streamsOf({numbered(2, 2, {EbmlFixture_Unsigned(MatroskaId::FlagDefault, 0)}),
-                          numbered(3, 2, {EbmlFixture_Unsigned(MatroskaId::FlagDefault, 1)}),
+  auto flags = streamsOf({numbered(2, 2, EbmlFixture_Unsigned(MatroskaId::FlagDefault, 0)),
+                          numbered(3, 2, EbmlFixture_Unsigned(MatroskaId::FlagDefault, 1)),
                           numbered(4, 2)});
   ASSERT_EQ(flags.size(), 4u);
   EXPECT_EQ(std::vector<int>({flags[0].enabled, flags[1].enabled, flags[2].enabled, flags[3].enabled}),
@@ -277,8 +273,7 @@ TEST(Matroska, TrackKeepRules) {
                           MatroskaFixture_VideoTrack(3, 65536, 10),
                           MatroskaFixture_VideoTrack(4, 10, 65536)});
   ASSERT_EQ(sizes.size(), 2u);
-  EXPECT_EQ(sizes[1].width, 65535);
-  EXPECT_EQ(sizes[1].height, 65535);
+  EXPECT_EQ(std::pair(sizes[1].width, sizes[1].height), std::pair(uint16_t(65535), uint16_t(65535)));
 
   // At most 32 tracks are kept.
   std::vector<std::vector<uint8_t>> many;
