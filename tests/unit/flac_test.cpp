@@ -120,7 +120,9 @@ TEST(Flac, Dates) {
       {"1969-12-31", -86400},
       {"2040-01-01", 0},  // beyond 32-bit seconds
   };
-  for (const auto& [text, expected] : cases) EXPECT_EQ(PROBE(flacWithComments({"date=" + text})).date, expected) << text;
+  for (const auto& [text, expected] : cases) {
+    EXPECT_EQ(PROBE(flacWithComments({"date=" + text})).date, expected) << text;
+  }
   // An unreadable later date keeps the earlier one.
   EXPECT_EQ(PROBE(flacWithComments({"DATE=2009", "DATE=unknown"})).date, k2009January1);
 }

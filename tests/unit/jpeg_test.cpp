@@ -8,7 +8,6 @@
 #include "media/TiffDirectory.h"
 #include "tests/fixtures/ByteWriter.h"
 #include "tests/fixtures/JpegFixture.h"
-#include "tests/fixtures/MediaProbe.h"
 #include "tests/unit/ProbeCheck.h"
 
 namespace {

@@ -12,7 +12,6 @@
 #include "tests/fixtures/ByteWriter.h"
 #include "tests/fixtures/JpegFixture.h"
 #include "tests/fixtures/MatroskaFixture.h"
-#include "tests/fixtures/MediaProbe.h"
 #include "tests/unit/ProbeCheck.h"
 
 namespace {

@@ -10,9 +10,8 @@
 #include "tests/fixtures/FlacFixture.h"
 #include "tests/fixtures/GifFixture.h"
 #include "tests/fixtures/JpegFixture.h"
-#include "tests/fixtures/MediaProbe.h"
-#include "tests/unit/ProbeCheck.h"
 #include "tests/fixtures/PngFixture.h"
+#include "tests/unit/ProbeCheck.h"
 
 namespace {
 

@@ -236,7 +236,9 @@ TEST(Mp3, GenreNumbers) {
       {"(147)", "SynthPop"},   {"(148)", std::nullopt}, {"(255)", std::nullopt},
       {"(256)", "(256)"},      {"Jazz Fusion", "Jazz Fusion"}, {"(-1)", "(-1)"},
   };
-  for (const auto& [text, genre] : cases) EXPECT_EQ(probeTagged(Id3TagBuilder(3).text("TCON", text)).genre, genre) << text;
+  for (const auto& [text, genre] : cases) {
+    EXPECT_EQ(probeTagged(Id3TagBuilder(3).text("TCON", text)).genre, genre) << text;
+  }
   EXPECT_EQ(probeTagged(Id3TagBuilder(2).text("TCO", "(8)")).genre, "Jazz");
 }
 

@@ -10,10 +10,9 @@
 #include "media/Genres.h"
 #include "media/MediaStream.h"
 #include "tests/fixtures/ByteWriter.h"
-#include "tests/fixtures/MediaProbe.h"
-#include "tests/unit/ProbeCheck.h"
 #include "tests/fixtures/Mp4Fixture.h"
 #include "tests/fixtures/PngFixture.h"
+#include "tests/unit/ProbeCheck.h"
 
 namespace {
 
@@ -90,7 +89,8 @@ TEST(Mp4, VideoTrackDecidesMimeTypeAndTracksKeepFileOrder) {
       {Mp4Fixture_Ftyp("M4A "),
        Mp4Fixture_Box("moov", Mp4Fixture_Join({Mp4Fixture_Track(audioTrack(1)), Mp4Fixture_Track(videoTrack(2))}))}));
   EXPECT_STREQ(mixed.mimeType, "video/mp4");
-  MediaStream other = PROBE(Mp4Fixture_Join({Mp4Fixture_Ftyp("M4A "), Mp4Fixture_Box("moov", Mp4Fixture_Track(subtitles))}));
+  MediaStream other =
+      PROBE(Mp4Fixture_Join({Mp4Fixture_Ftyp("M4A "), Mp4Fixture_Box("moov", Mp4Fixture_Track(subtitles))}));
   EXPECT_EQ(other.mediaType, MediaType_None);
   EXPECT_EQ(other.mimeType, nullptr);
   ASSERT_EQ(other.streamCount(), 1);

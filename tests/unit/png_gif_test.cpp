@@ -6,9 +6,8 @@
 
 #include "tests/fixtures/ByteWriter.h"
 #include "tests/fixtures/GifFixture.h"
-#include "tests/fixtures/MediaProbe.h"
-#include "tests/unit/ProbeCheck.h"
 #include "tests/fixtures/PngFixture.h"
+#include "tests/unit/ProbeCheck.h"
 
 namespace {
 

@@ -7,10 +7,9 @@
 #include "media/MediaStream.h"
 #include "tests/fixtures/ByteWriter.h"
 #include "tests/fixtures/JpegFixture.h"
-#include "tests/fixtures/MediaProbe.h"
-#include "tests/unit/ProbeCheck.h"
 #include "tests/fixtures/Mp3Fixture.h"
 #include "tests/fixtures/RiffFixture.h"
+#include "tests/unit/ProbeCheck.h"
 
 namespace {
 

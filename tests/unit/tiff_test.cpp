@@ -5,9 +5,8 @@
 
 #include "media/MediaStream.h"
 #include "tests/fixtures/ByteWriter.h"
-#include "tests/fixtures/MediaProbe.h"
-#include "tests/unit/ProbeCheck.h"
 #include "tests/fixtures/TiffFixture.h"
+#include "tests/unit/ProbeCheck.h"
 
 namespace {
 
