@@ -156,11 +156,7 @@ def test_item_rendering_and_thumbnail_of_an_mp3(library):
     assert media_res["url"] == f"http://127.0.0.1:{port}/mediaitem/{item['id']}"
     assert thumb_res["url"] == item["upnp:albumArtURI"] == f"http://127.0.0.1:{port}/thumbnail/{item['id']}"
 
-    probe = json.loads(subprocess.run([str(BUILD / "dms-probe"),
-                                       str(media / "Music/Demo Artist/Demo Album/01 Demo Song.mp3")],
-                                      check=True, capture_output=True, text=True).stdout)
-    picture = (media / "Music/Demo Artist/Demo Album/01 Demo Song.mp3").read_bytes()[
-        probe["coverOffset"]:probe["coverOffset"] + probe["coverLength"]]
+    _, picture = cover_bytes(media, "Music/Demo Artist/Demo Album/01 Demo Song.mp3")
     status, headers, body, _ = get(port, f"/thumbnail/{item['id']}")
     assert status == "HTTP/1.1 200 OK" and body == picture
     assert headers["content-type"] == "image/jpeg"

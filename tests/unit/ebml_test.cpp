@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "tests/fixtures/ByteWriter.h"
@@ -80,88 +82,67 @@ TEST(Ebml, UnknownSizeReachesTheEnclosingEnd) {
   ASSERT_FALSE(headerOf({0xA3, 0x7F, 0xFE, 9}, element));
 }
 
+// The children of a file holding `elements`, with the descriptor kept open.
+struct Children {
+  explicit Children(std::initializer_list<std::vector<uint8_t>> elements) : file(EbmlFixture_Join(elements)) {
+    EbmlWalker walker(file.fd(), 0, file.size(), 16);
+    EbmlElement element;
+    while (walker.next(element)) list.push_back(element);
+  }
+  // The value read by `read`, or nullopt (and the target untouched) on failure.
+  template <typename T, typename Read>
+  std::optional<T> value(size_t index, Read read, T start = T(5)) {
+    T out = start;
+    if (read(file.fd(), list.at(index), out)) return out;
+    EXPECT_EQ(out, start);
+    return std::nullopt;
+  }
+  FixtureFile file;
+  std::vector<EbmlElement> list;
+};
+
 TEST(Ebml, IntegerValues) {
-  FixtureFile file(EbmlFixture_Join({
+  Children e({
       EbmlFixture_Element(0x81, {}),                  // empty
       EbmlFixture_Element(0x82, {0x01, 0x02, 0x03}),  // three bytes
       EbmlFixture_Element(0x83, {0xFF}),              // -1 signed
       EbmlFixture_Element(0x84, {0x80, 0x00}),        // -32768 signed
       EbmlFixture_Element(0x85, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFE}),
       EbmlFixture_Element(0x86, {1, 2, 3, 4, 5, 6, 7, 8, 9}),  // too long
-  }));
-  EbmlWalker walker(file.fd(), 0, file.size(), 16);
-  std::vector<EbmlElement> e(6);
-  for (EbmlElement& element : e) ASSERT_TRUE(walker.next(element));
-
-  uint64_t u = 5;
-  int64_t s = 5;
-  ASSERT_TRUE(EbmlRead_Unsigned(file.fd(), e[0], u));
-  EXPECT_EQ(u, 0u);
-  ASSERT_TRUE(EbmlRead_Unsigned(file.fd(), e[1], u));
-  EXPECT_EQ(u, 0x010203u);
-  ASSERT_TRUE(EbmlRead_Unsigned(file.fd(), e[2], u));
-  EXPECT_EQ(u, 0xFFu);
-  ASSERT_TRUE(EbmlRead_Signed(file.fd(), e[2], s));
-  EXPECT_EQ(s, -1);
-  ASSERT_TRUE(EbmlRead_Signed(file.fd(), e[3], s));
-  EXPECT_EQ(s, -32768);
-  ASSERT_TRUE(EbmlRead_Signed(file.fd(), e[1], s));
-  EXPECT_EQ(s, 0x010203);
-  ASSERT_TRUE(EbmlRead_Signed(file.fd(), e[4], s));
-  EXPECT_EQ(s, -2);
-  ASSERT_TRUE(EbmlRead_Unsigned(file.fd(), e[4], u));
-  EXPECT_EQ(u, 0xFFFFFFFFFFFFFFFEull);
-  u = 5;
-  s = 5;
-  EXPECT_FALSE(EbmlRead_Unsigned(file.fd(), e[5], u));
-  EXPECT_FALSE(EbmlRead_Signed(file.fd(), e[5], s));
-  EXPECT_EQ(u, 5u);
-  EXPECT_EQ(s, 5);
+  });
+  ASSERT_EQ(e.list.size(), 6u);
+  const std::optional<uint64_t> unsignedValues[] = {0, 0x010203, 0xFF, 0x8000, 0xFFFFFFFFFFFFFFFEull, std::nullopt};
+  const std::optional<int64_t> signedValues[] = {0, 0x010203, -1, -32768, -2, std::nullopt};
+  for (size_t i = 0; i < 6; ++i) {
+    EXPECT_EQ(e.value<uint64_t>(i, EbmlRead_Unsigned), unsignedValues[i]) << i;
+    EXPECT_EQ(e.value<int64_t>(i, EbmlRead_Signed), signedValues[i]) << i;
+  }
 }
 
-TEST(Ebml, FloatValuesTakeFourOrEightBytes) {
+TEST(Ebml, FloatAndTextValues) {
   ByteWriter single;
   float f = 1.5f;
   uint32_t bits;
   std::memcpy(&bits, &f, sizeof bits);
   single.u32be(bits);
-  FixtureFile file(EbmlFixture_Join({
-      EbmlFixture_Element(0x81, single.data()),
-      EbmlFixture_Float(0x82, 48000.25),
-      EbmlFixture_Element(0x83, {}),
-      EbmlFixture_Element(0x84, {0x40, 0x00}),
-  }));
-  EbmlWalker walker(file.fd(), 0, file.size(), 16);
-  std::vector<EbmlElement> e(4);
-  for (EbmlElement& element : e) ASSERT_TRUE(walker.next(element));
-  double value = 7.0;
-  ASSERT_TRUE(EbmlRead_Float(file.fd(), e[0], value));
-  EXPECT_EQ(value, 1.5);
-  ASSERT_TRUE(EbmlRead_Float(file.fd(), e[1], value));
-  EXPECT_EQ(value, 48000.25);
-  ASSERT_TRUE(EbmlRead_Float(file.fd(), e[2], value));
-  EXPECT_EQ(value, 0.0);
-  value = 7.0;
-  EXPECT_FALSE(EbmlRead_Float(file.fd(), e[3], value));
-  EXPECT_EQ(value, 7.0);
-}
+  Children e({EbmlFixture_Element(0x81, single.data()), EbmlFixture_Float(0x82, 48000.25),
+              EbmlFixture_Element(0x83, {}), EbmlFixture_Element(0x84, {0x40, 0x00})});
+  ASSERT_EQ(e.list.size(), 4u);
+  const std::optional<double> values[] = {1.5, 48000.25, 0.0, std::nullopt};  // four or eight bytes
+  for (size_t i = 0; i < 4; ++i) EXPECT_EQ(e.value<double>(i, EbmlRead_Float, 7.0), values[i]) << i;
 
-TEST(Ebml, TextIsCutAtZeroAndAtTheLimit) {
-  FixtureFile file(EbmlFixture_Join({
-      EbmlFixture_Element(0x81, {'w', 'e', 'b', 'm', 0, 0, 'x'}),
-      EbmlFixture_Text(0x82, "matroska"),
-      EbmlFixture_Text(0x83, ""),
-  }));
-  EbmlWalker walker(file.fd(), 0, file.size(), 16);
-  std::vector<EbmlElement> e(3);
-  for (EbmlElement& element : e) ASSERT_TRUE(walker.next(element));
-  std::string text = "old";
-  ASSERT_TRUE(EbmlRead_Text(file.fd(), e[0], 63, text));
-  EXPECT_EQ(text, "webm");
-  ASSERT_TRUE(EbmlRead_Text(file.fd(), e[1], 5, text));
-  EXPECT_EQ(text, "matro");
-  ASSERT_TRUE(EbmlRead_Text(file.fd(), e[2], 63, text));
-  EXPECT_EQ(text, "");
+  // Text is cut at a zero byte and at the limit.
+  Children t({EbmlFixture_Element(0x81, {'w', 'e', 'b', 'm', 0, 0, 'x'}), EbmlFixture_Text(0x82, "matroska"),
+              EbmlFixture_Text(0x83, "")});
+  ASSERT_EQ(t.list.size(), 3u);
+  auto text = [&](size_t index, size_t limit) {
+    std::string out = "old";
+    EXPECT_TRUE(EbmlRead_Text(t.file.fd(), t.list[index], limit, out));
+    return out;
+  };
+  EXPECT_EQ(text(0, 63), "webm");
+  EXPECT_EQ(text(1, 5), "matro");
+  EXPECT_EQ(text(2, 63), "");
 }
 
 TEST(Ebml, WalkerStopsAtLimitEndAndBadChild) {

@@ -12,7 +12,7 @@
 #include "tests/fixtures/ByteWriter.h"
 #include "tests/fixtures/JpegFixture.h"
 #include "tests/fixtures/MatroskaFixture.h"
-#include "tests/fixtures/MediaProbe.h"
+#include "tests/unit/ProbeCheck.h"
 
 namespace {
 
@@ -62,63 +62,45 @@ std::vector<uint8_t> mkv(const std::vector<std::vector<uint8_t>>& children, bool
 TEST(Matroska, VideoWithCoverFillsTheRecord) {
   const std::vector<uint8_t> bytes = MatroskaFixture_VideoWithCover();
   const std::vector<uint8_t> jpeg = JpegFixture_Cover();
-  auto stream = MediaProbe_Bytes(bytes);
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->mediaType, MediaType_Video);
-  EXPECT_STREQ(stream->mimeType, "video/x-matroska");
-  EXPECT_EQ(stream->duration, 12500u);
-  EXPECT_EQ(stream->timescale, 1000u);
-  EXPECT_EQ(stream->title, "Demo Clip");
-  EXPECT_FALSE(stream->artist);
-  EXPECT_EQ(stream->date, 1735689600);  // 2025-01-01
-  ASSERT_EQ(stream->streamCount(), 2);
-  const StreamInfo& video = stream->streamInfo[0];
-  EXPECT_EQ(video.streamNumber, 1u);
-  EXPECT_EQ(video.streamKind, uint32_t{MediaType_Video});
-  EXPECT_EQ(video.enabled, 1);
-  EXPECT_EQ(video.width, 320);
-  EXPECT_EQ(video.height, 240);
-  EXPECT_EQ(video.duration, 12500u);
-  EXPECT_EQ(video.timescale, 1000u);
-  const StreamInfo& audio = stream->streamInfo[1];
-  EXPECT_EQ(audio.streamNumber, 2u);
-  EXPECT_EQ(audio.streamKind, uint32_t{MediaType_Audio});
-  EXPECT_EQ(audio.sampleRate, 48000u);
-  EXPECT_EQ(audio.channels, 2);
-  EXPECT_EQ(audio.bitsPerSample, 16);
-  EXPECT_STREQ(stream->coverMimeType, "image/jpeg");
-  EXPECT_EQ(stream->coverOffset, positionOf(bytes, jpeg));
-  EXPECT_EQ(stream->coverLength, static_cast<int64_t>(jpeg.size()));
+  MediaStream stream = PROBE(bytes);
+  EXPECT_EQ(stream.mediaType, MediaType_Video);
+  EXPECT_STREQ(stream.mimeType, "video/x-matroska");
+  EXPECT_EQ(std::pair(stream.duration, stream.timescale), std::pair(12500u, 1000u));
+  EXPECT_EQ(stream.title, "Demo Clip");
+  EXPECT_FALSE(stream.artist);
+  EXPECT_EQ(stream.date, 1735689600);  // 2025-01-01
+  ASSERT_EQ(stream.streamCount(), 2);
+  EXPECT_EQ(StreamText(stream.streamInfo[0]), "1 2 1 12500/1000 0 0 0 320x240 0");
+  EXPECT_EQ(StreamText(stream.streamInfo[1]), "2 1 1 12500/1000 48000 2 16 0x0 0");
+  EXPECT_STREQ(stream.coverMimeType, "image/jpeg");
+  EXPECT_EQ(stream.coverOffset, positionOf(bytes, jpeg));
+  EXPECT_EQ(stream.coverLength, static_cast<int64_t>(jpeg.size()));
 }
 
 TEST(Matroska, MediaTypeAndMimeTypeFollowDocTypeAndTracks) {
-  auto webm = MediaProbe_Bytes(MatroskaFixture_WebM());
-  ASSERT_NE(webm, nullptr);
-  EXPECT_EQ(webm->mediaType, MediaType_Video);
-  EXPECT_STREQ(webm->mimeType, "video/webm");
+  MediaStream webm = PROBE(MatroskaFixture_WebM());
+  EXPECT_EQ(webm.mediaType, MediaType_Video);
+  EXPECT_STREQ(webm.mimeType, "video/webm");
 
-  auto mka = MediaProbe_Bytes(MatroskaFixture_AudioWithTitle());
-  ASSERT_NE(mka, nullptr);
-  EXPECT_EQ(mka->mediaType, MediaType_Audio);
-  EXPECT_STREQ(mka->mimeType, "audio/x-matroska");
-  EXPECT_EQ(mka->title, "Night Drive");
-  EXPECT_EQ(mka->duration, 184000u);
+  MediaStream mka = PROBE(MatroskaFixture_AudioWithTitle());
+  EXPECT_EQ(mka.mediaType, MediaType_Audio);
+  EXPECT_STREQ(mka.mimeType, "audio/x-matroska");
+  EXPECT_EQ(mka.title, "Night Drive");
+  EXPECT_EQ(mka.duration, 184000u);
 
   const auto audio = MatroskaFixture_AudioTrack(1, 44100.0, 2, 16);
-  auto webmAudio = MediaProbe_Bytes(MatroskaFixture_File("webm", {info(), tracks({audio})}));
-  ASSERT_NE(webmAudio, nullptr);
-  EXPECT_EQ(webmAudio->mediaType, MediaType_Audio);
-  EXPECT_STREQ(webmAudio->mimeType, "audio/webm");
+  MediaStream webmAudio = PROBE(MatroskaFixture_File("webm", {info(), tracks({audio})}));
+  EXPECT_EQ(webmAudio.mediaType, MediaType_Audio);
+  EXPECT_STREQ(webmAudio.mimeType, "audio/webm");
 
   // A video track anywhere makes a video, also after audio and subtitles.
   const auto subtitle = track({EbmlFixture_Unsigned(MatroskaId::TrackNumber, 3),
                                EbmlFixture_Unsigned(MatroskaId::TrackType, 17)});
-  auto mixed = MediaProbe_Bytes(mkv({info(), tracks({audio, subtitle, videoTrack(4)})}));
-  ASSERT_NE(mixed, nullptr);
-  EXPECT_EQ(mixed->mediaType, MediaType_Video);
-  EXPECT_STREQ(mixed->mimeType, "video/x-matroska");
-  ASSERT_EQ(mixed->streamCount(), 3);
-  EXPECT_EQ(mixed->streamInfo[1].streamKind, 4u);
+  MediaStream mixed = PROBE(mkv({info(), tracks({audio, subtitle, videoTrack(4)})}));
+  EXPECT_EQ(mixed.mediaType, MediaType_Video);
+  EXPECT_STREQ(mixed.mimeType, "video/x-matroska");
+  ASSERT_EQ(mixed.streamCount(), 3);
+  EXPECT_EQ(mixed.streamInfo[1].streamKind, 4u);
 }
 
 TEST(Matroska, OtherDocumentsAreLeftToTheNextParser) {
@@ -156,12 +138,10 @@ TEST(Matroska, DurationNeedsAPlausibleTimecodeScale) {
       {100000, 2500.7, 2500, 10000}, {1000000, 1e12, 4294967295u, 1000},
   };
   for (const Case& c : cases) {
-    auto stream = MediaProbe_Bytes(mkv({MatroskaFixture_Info(c.scale, c.duration), tracks({videoTrack()})}));
-    ASSERT_NE(stream, nullptr) << c.scale;
-    EXPECT_EQ(stream->duration, c.expectDuration) << c.scale << " " << c.duration;
-    EXPECT_EQ(stream->timescale, c.expectTimescale) << c.scale;
-    EXPECT_EQ(stream->streamInfo[0].duration, c.expectDuration);
-    EXPECT_EQ(stream->streamInfo[0].timescale, c.expectTimescale);
+    MediaStream stream = PROBE(mkv({MatroskaFixture_Info(c.scale, c.duration), tracks({videoTrack()})}));
+    const auto expected = std::pair(c.expectDuration, c.expectTimescale);
+    EXPECT_EQ(std::pair(stream.duration, stream.timescale), expected) << c.scale << " " << c.duration;
+    EXPECT_EQ(std::pair(stream.streamInfo.at(0).duration, stream.streamInfo[0].timescale), expected);
   }
 }
 
@@ -172,57 +152,48 @@ TEST(Matroska, DateCountsFrom2001) {
       {86400LL * 1000000000LL, 978393600},  // one day later
   };
   for (const auto& [nanoseconds, expected] : cases) {
-    auto stream =
-        MediaProbe_Bytes(mkv({MatroskaFixture_Info(1000000, 1000.0, "t", nanoseconds), tracks({videoTrack()})}));
-    ASSERT_NE(stream, nullptr);
-    EXPECT_EQ(stream->date, expected) << nanoseconds;
+    MediaStream stream = PROBE(mkv({MatroskaFixture_Info(1000000, 1000.0, "t", nanoseconds), tracks({videoTrack()})}));
+    EXPECT_EQ(stream.date, expected) << nanoseconds;
   }
-  auto undated = MediaProbe_Bytes(mkv({info(), tracks({videoTrack()})}));
-  ASSERT_NE(undated, nullptr);
-  EXPECT_EQ(undated->date, 0);
-  EXPECT_FALSE(undated->title);
+  EXPECT_EQ(PROBE(mkv({info(), tracks({videoTrack()})})).date, 0);
 }
 
 TEST(Matroska, CoverNeedsExactNameAndSizeBelowOneMiB) {
   const std::vector<uint8_t> small = {0xFF, 0xD8, 0x11, 0x22, 0x33, 0xFF, 0xD9};
   auto coverOf = [&](std::initializer_list<std::vector<uint8_t>> files) {
-    return MediaProbe_Bytes(mkv({info(), tracks({videoTrack()}), attachments(files)}));
+    return PROBE(mkv({info(), tracks({videoTrack()}), attachments(files)}));
   };
 
-  auto upper = coverOf({MatroskaFixture_Attachment("Cover.jpg", "image/jpeg", small)});
-  ASSERT_NE(upper, nullptr);
-  EXPECT_EQ(upper->coverLength, 0);
-  EXPECT_EQ(upper->coverMimeType, nullptr);
+  MediaStream upper = coverOf({MatroskaFixture_Attachment("Cover.jpg", "image/jpeg", small)});
+  EXPECT_EQ(upper.coverLength, 0);
+  EXPECT_EQ(upper.coverMimeType, nullptr);
 
   // The attachment's own MIME type is not looked at; the first cover wins.
   const std::vector<uint8_t> other = {0xFF, 0xD8, 0x44, 0xFF, 0xD9};
-  auto smallCover = coverOf({MatroskaFixture_Attachment("font.ttf", "font/ttf", {1, 2, 3}),
-                             MatroskaFixture_Attachment("small_cover.jpg", "image/png", small),
-                             MatroskaFixture_Attachment("cover.jpg", "image/jpeg", other)});
-  ASSERT_NE(smallCover, nullptr);
-  EXPECT_EQ(smallCover->coverLength, static_cast<int64_t>(small.size()));
-  EXPECT_STREQ(smallCover->coverMimeType, "image/jpeg");
+  MediaStream smallCover = coverOf({MatroskaFixture_Attachment("font.ttf", "font/ttf", {1, 2, 3}),
+                                    MatroskaFixture_Attachment("small_cover.jpg", "image/png", small),
+                                    MatroskaFixture_Attachment("cover.jpg", "image/jpeg", other)});
+  EXPECT_EQ(smallCover.coverLength, static_cast<int64_t>(small.size()));
+  EXPECT_STREQ(smallCover.coverMimeType, "image/jpeg");
 
   // An empty cover ends the search without a cover.
-  auto empty = coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", {}),
-                        MatroskaFixture_Attachment("small_cover.jpg", "image/jpeg", small)});
-  ASSERT_NE(empty, nullptr);
-  EXPECT_EQ(empty->coverLength, 0);
-
-  auto exact = coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", std::vector<uint8_t>(kMiB, 0xAB))});
-  ASSERT_NE(exact, nullptr);
-  EXPECT_EQ(exact->coverLength, 0);
-  auto below = coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", std::vector<uint8_t>(kMiB - 1, 0xAB))});
-  ASSERT_NE(below, nullptr);
-  EXPECT_EQ(below->coverLength, kMiB - 1);
+  EXPECT_EQ(coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", {}),
+                     MatroskaFixture_Attachment("small_cover.jpg", "image/jpeg", small)})
+                .coverLength,
+            0);
+  for (int64_t size : {kMiB, kMiB - 1}) {
+    EXPECT_EQ(coverOf({MatroskaFixture_Attachment("cover.jpg", "image/jpeg", std::vector<uint8_t>(size, 0xAB))})
+                  .coverLength,
+              size == kMiB ? 0 : size);
+  }
 
   // A repeated FileName ends the attachment: the first name counts.
-  auto repeated = coverOf({EbmlFixture_Master(
-      MatroskaId::AttachedFile, {EbmlFixture_Text(MatroskaId::FileName, "cover.jpg"),
-                                 EbmlFixture_Element(MatroskaId::FileData, small),
-                                 EbmlFixture_Text(MatroskaId::FileName, "other.jpg")})});
-  ASSERT_NE(repeated, nullptr);
-  EXPECT_EQ(repeated->coverLength, static_cast<int64_t>(small.size()));
+  EXPECT_EQ(coverOf({EbmlFixture_Master(MatroskaId::AttachedFile,
+                                        {EbmlFixture_Text(MatroskaId::FileName, "cover.jpg"),
+                                         EbmlFixture_Element(MatroskaId::FileData, small),
+                                         EbmlFixture_Text(MatroskaId::FileName, "other.jpg")})})
+                .coverLength,
+            static_cast<int64_t>(small.size()));
 }
 
 TEST(Matroska, CoverOffsetCountsFromTheFileStart) {
@@ -246,12 +217,11 @@ TEST(Matroska, SectionsBehindAClusterAreFoundThroughTheSeekHead) {
   EXPECT_TRUE(declined(mkv(late, false)));
 
   const std::vector<uint8_t> indexed = mkv(late, true);
-  auto stream = MediaProbe_Bytes(indexed);
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->title, "Late");
-  EXPECT_EQ(stream->duration, 4000u);
-  EXPECT_EQ(stream->streamCount(), 1);
-  EXPECT_EQ(stream->coverOffset, positionOf(indexed, cover));
+  MediaStream stream = PROBE(indexed);
+  EXPECT_EQ(stream.title, "Late");
+  EXPECT_EQ(stream.duration, 4000u);
+  EXPECT_EQ(stream.streamCount(), 1);
+  EXPECT_EQ(stream.coverOffset, positionOf(indexed, cover));
 
   // An entry is followed only when its position holds the element it names:
   // here the Info entry is relabelled as Attachments.
@@ -261,11 +231,10 @@ TEST(Matroska, SectionsBehindAClusterAreFoundThroughTheSeekHead) {
   ASSERT_GT(at, 0);
   const std::vector<uint8_t> attachmentsId = {0x19, 0x41, 0xA4, 0x69};
   std::copy(attachmentsId.begin(), attachmentsId.end(), relabelled.begin() + at + 3);
-  auto misled = MediaProbe_Bytes(relabelled);
-  ASSERT_NE(misled, nullptr);
-  EXPECT_FALSE(misled->title);
-  EXPECT_EQ(misled->streamCount(), 1);
-  EXPECT_EQ(misled->coverLength, static_cast<int64_t>(cover.size()));
+  MediaStream misled = PROBE(relabelled);
+  EXPECT_FALSE(misled.title);
+  EXPECT_EQ(misled.streamCount(), 1);
+  EXPECT_EQ(misled.coverLength, static_cast<int64_t>(cover.size()));
 }
 
 TEST(Matroska, TrackKeepRules) {
@@ -275,50 +244,42 @@ TEST(Matroska, TrackKeepRules) {
     auto stream = MediaProbe_Bytes(mkv({info(), tracks(all)}));
     return stream ? stream->streamInfo : std::vector<StreamInfo>{};
   };
-  auto numbered = [](uint64_t number, uint64_t type, std::initializer_list<std::vector<uint8_t>> more = {}) {
-    ByteWriter w;
-    w.bytes(EbmlFixture_Unsigned(MatroskaId::TrackNumber, number));
-    w.bytes(EbmlFixture_Unsigned(MatroskaId::TrackType, type));
-    for (const std::vector<uint8_t>& e : more) w.bytes(e);
-    return EbmlFixture_Element(MatroskaId::TrackEntry, w.data());
+  auto numbered = [](uint64_t number, uint64_t type, const std::vector<uint8_t>& more = {}) {
+    return track({EbmlFixture_Unsigned(MatroskaId::TrackNumber, number),
+                  EbmlFixture_Unsigned(MatroskaId::TrackType, type), more});
   };
 
   // Numbers must be 1 to 2^32-1, types 1 to 254, and the track enabled.
   auto kept = streamsOf({numbered(0, 1), numbered(0x100000000ull, 1), numbered(0xFFFFFFFFull, 1),
                          numbered(5, 0), numbered(6, 255), numbered(7, 254),
-                         numbered(8, 1, {EbmlFixture_Unsigned(MatroskaId::FlagEnabled, 0)}),
-                         numbered(9, 1, {EbmlFixture_Unsigned(MatroskaId::FlagEnabled, 1)})});
+                         numbered(8, 1, EbmlFixture_Unsigned(MatroskaId::FlagEnabled, 0)),
+                         numbered(9, 1, EbmlFixture_Unsigned(MatroskaId::FlagEnabled, 1))});
   ASSERT_EQ(kept.size(), 4u);
-  EXPECT_EQ(kept[1].streamNumber, 0xFFFFFFFFu);
-  EXPECT_EQ(kept[2].streamNumber, 7u);
+  EXPECT_EQ(std::vector<uint32_t>({kept[1].streamNumber, kept[2].streamNumber, kept[3].streamNumber}),
+            std::vector<uint32_t>({0xFFFFFFFFu, 7, 9}));
   EXPECT_EQ(kept[2].streamKind, 0u);
-  EXPECT_EQ(kept[3].streamNumber, 9u);
 
   // FlagDefault, not FlagEnabled, sets the enabled flag; it defaults to 0.
-  auto flags = streamsOf({numbered(2, 2, {EbmlFixture_Unsigned(MatroskaId::FlagDefault, 0)}),
-                          numbered(3, 2, {EbmlFixture_Unsigned(MatroskaId::FlagDefault, 1)}),
+  auto flags = streamsOf({numbered(2, 2, EbmlFixture_Unsigned(MatroskaId::FlagDefault, 0)),
+                          numbered(3, 2, EbmlFixture_Unsigned(MatroskaId::FlagDefault, 1)),
                           numbered(4, 2)});
   ASSERT_EQ(flags.size(), 4u);
-  EXPECT_EQ(flags[0].enabled, 1);
-  EXPECT_EQ(flags[1].enabled, 0);
-  EXPECT_EQ(flags[2].enabled, 1);
-  EXPECT_EQ(flags[3].enabled, 0);
+  EXPECT_EQ(std::vector<int>({flags[0].enabled, flags[1].enabled, flags[2].enabled, flags[3].enabled}),
+            std::vector<int>({1, 0, 1, 0}));
 
   // Picture sizes above 65535 reject the track.
   auto sizes = streamsOf({MatroskaFixture_VideoTrack(2, 65535, 65535),
                           MatroskaFixture_VideoTrack(3, 65536, 10),
                           MatroskaFixture_VideoTrack(4, 10, 65536)});
   ASSERT_EQ(sizes.size(), 2u);
-  EXPECT_EQ(sizes[1].width, 65535);
-  EXPECT_EQ(sizes[1].height, 65535);
+  EXPECT_EQ(std::pair(sizes[1].width, sizes[1].height), std::pair(uint16_t(65535), uint16_t(65535)));
 
   // At most 32 tracks are kept.
   std::vector<std::vector<uint8_t>> many;
   for (uint64_t n = 1; n <= 40; ++n) many.push_back(MatroskaFixture_AudioTrack(n, 8000.0, 1, 8));
-  auto crowded = MediaProbe_Bytes(mkv({info(), tracks(many)}));
-  ASSERT_NE(crowded, nullptr);
-  EXPECT_EQ(crowded->streamCount(), 32);
-  EXPECT_EQ(crowded->streamInfo.back().streamNumber, 32u);
+  MediaStream crowded = PROBE(mkv({info(), tracks(many)}));
+  EXPECT_EQ(crowded.streamCount(), 32);
+  EXPECT_EQ(crowded.streamInfo.back().streamNumber, 32u);
 }
 
 TEST(Matroska, FailingAudioRejectsItsTrack) {
@@ -361,23 +322,21 @@ TEST(Matroska, FailingAudioRejectsItsTrack) {
 
 TEST(Matroska, UnknownSizesAreBoundedByTheParent) {
   // A live recording: Segment of unknown size, read up to the Cluster.
-  auto live = MediaProbe_Bytes(EbmlFixture_Join(
+  MediaStream live = PROBE(EbmlFixture_Join(
       {MatroskaFixture_Header("webm"),
        EbmlFixture_UnknownSize(MatroskaId::Segment,
                                EbmlFixture_Join({info(), tracks({videoTrack()}),
                                                  EbmlFixture_UnknownSize(MatroskaId::Cluster, {0xE7, 0x81, 0x00})}))}));
-  ASSERT_NE(live, nullptr);
-  EXPECT_STREQ(live->mimeType, "video/webm");
-  EXPECT_EQ(live->duration, 2000u);
+  EXPECT_STREQ(live.mimeType, "video/webm");
+  EXPECT_EQ(live.duration, 2000u);
 
   // Tracks of unknown size end with their Segment: a track entry stored after
   // the Segment does not count.
-  auto bounded = MediaProbe_Bytes(EbmlFixture_Join(
+  MediaStream bounded = PROBE(EbmlFixture_Join(
       {MatroskaFixture_Header("matroska"),
        EbmlFixture_Master(MatroskaId::Segment, {info(), EbmlFixture_UnknownSize(MatroskaId::Tracks, videoTrack(1))}),
        MatroskaFixture_AudioTrack(2, 48000.0, 2, 16)}));
-  ASSERT_NE(bounded, nullptr);
-  EXPECT_EQ(bounded->streamCount(), 1);
+  EXPECT_EQ(bounded.streamCount(), 1);
 
   // A child claiming more than its parent holds ends that parent's reading;
   // what was read before it stays.
@@ -386,9 +345,8 @@ TEST(Matroska, UnknownSizesAreBoundedByTheParent) {
   const int64_t audioEntry = positionOf(overrun, audio);
   ASSERT_GT(audioEntry, 0);
   overrun[audioEntry + 1] = 0xFE;  // size 126, beyond the Tracks element
-  auto cut = MediaProbe_Bytes(overrun);
-  ASSERT_NE(cut, nullptr);
-  EXPECT_EQ(cut->streamCount(), 1);
+  MediaStream cut = PROBE(overrun);
+  EXPECT_EQ(cut.streamCount(), 1);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-// The mDNS packet side without sockets: the announcement's exact layout and
-// its compression pointers, the query test that triggers an announcement, and
-// the bounds of the DNS message decoder.
+// The mDNS packet side without sockets (the system tests decode whole
+// announcements on the wire): cut labels and texts, the buffer bound, the
+// query test that triggers an announcement, and the DNS decoder's bounds.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -74,36 +74,6 @@ TEST(MDNSRecords, ArgumentRules) {
   EXPECT_EQ(records.services[0].instanceName, "Media");
 
   MDNS_delete(nullptr);
-}
-
-TEST(MDNSAnnouncement, ExactLayoutWithCompression) {
-  MDNSRecords records = MakeRecords("box", {{"Media", "_http._tcp", 8200, "a=1\nb"}});
-  ByteWriter w;
-  w.u16be(0).u16be(0x8400).u16be(0).u16be(4).u16be(0).u16be(2);
-  Labels(w, {"box", "local"}).u8(0);  // offset 12; "local" at 16
-  RecordHead(w, 1, 0x8001, 120, 4).u8(10).u8(0).u8(0).u8(5);
-  const size_t typeOffset = w.size();
-  Labels(w, {"_http", "_tcp"}).u16be(0xC010);
-  RecordHead(w, 12, 0x0001, 120, 8);
-  const size_t instanceOffset = w.size();
-  Labels(w, {"Media"}).u16be(static_cast<uint16_t>(0xC000 | typeOffset));
-  const uint16_t instancePointer = static_cast<uint16_t>(0xC000 | instanceOffset);
-  w.u16be(instancePointer);
-  RecordHead(w, 33, 0x8001, 120, 8).u16be(0).u16be(0).u16be(8200).u16be(0xC00C);
-  w.u16be(instancePointer);
-  RecordHead(w, 16, 0x8001, 120, 6).u8(3).text("a=1").u8(1).text("b");
-  w.u16be(0xC00C);
-  RecordHead(w, 47, 0x8001, 120, 5).u16be(0xC00C).u8(0).u8(1).u8(0x40);
-  w.u16be(instancePointer);
-  RecordHead(w, 47, 0x8001, 120, 9).u16be(instancePointer).u8(0).u8(5).u8(0).u8(0).u8(0x80).u8(0).u8(0x40);
-
-  EXPECT_EQ(Announce(records), w.data());
-  EXPECT_EQ(records.services[0].instanceOffset, instanceOffset);
-
-  records.timeToLive = 0;
-  DNSMessage goodbye = DecodeAll(Announce(records));
-  ASSERT_EQ(goodbye.records.size(), 6u);
-  for (const DNSRecord& record : goodbye.records) EXPECT_EQ(record.ttl, 0u) << record.name;
 }
 
 TEST(MDNSAnnouncement, LongLabelsAndTextsAreCut) {

@@ -10,8 +10,8 @@
 #include "tests/fixtures/FlacFixture.h"
 #include "tests/fixtures/GifFixture.h"
 #include "tests/fixtures/JpegFixture.h"
-#include "tests/fixtures/MediaProbe.h"
 #include "tests/fixtures/PngFixture.h"
+#include "tests/unit/ProbeCheck.h"
 
 namespace {
 
@@ -26,25 +26,22 @@ TEST(MediaDispatch, FirstClaimingParserKeepsDamagedFiles) {
   // rather than handed on to a later parser.
   ByteWriter png;
   png.bytes(PngFixture_File({PngFixture_Text("Title", "no header")})).bytes(FlacFixture_Song("", "", "", "", ""));
-  auto stream = MediaProbe_Bytes(png.data());
-  ASSERT_NE(stream, nullptr);
-  EXPECT_STREQ(stream->mimeType, "image/png");
-  EXPECT_EQ(stream->streamCount(), 0);
-  EXPECT_EQ(stream->title, "no header");
+  MediaStream stream = PROBE(png.data());
+  EXPECT_STREQ(stream.mimeType, "image/png");
+  EXPECT_EQ(stream.streamCount(), 0);
+  EXPECT_EQ(stream.title, "no header");
 
   ByteWriter flac;
   flac.text("fLaC").u32be(0x7F000000).bytes(GifFixture_Picture("89a", 4, 4, 2));
-  stream = MediaProbe_Bytes(flac.data());
-  ASSERT_NE(stream, nullptr);
-  EXPECT_STREQ(stream->mimeType, "audio/flac");
-  EXPECT_EQ(stream->mediaType, MediaType_Audio);
-  EXPECT_EQ(stream->duration, 1u);
-  EXPECT_EQ(stream->streamCount(), 0);
+  stream = PROBE(flac.data());
+  EXPECT_STREQ(stream.mimeType, "audio/flac");
+  EXPECT_EQ(stream.mediaType, MediaType_Audio);
+  EXPECT_EQ(stream.duration, 1u);
+  EXPECT_EQ(stream.streamCount(), 0);
 
-  stream = MediaProbe_Bytes(GifFixture_Picture("87a", 0, 0, 1));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_STREQ(stream->mimeType, "image/gif");
-  EXPECT_EQ(stream->streamCount(), 0);
+  stream = PROBE(GifFixture_Picture("87a", 0, 0, 1));
+  EXPECT_STREQ(stream.mimeType, "image/gif");
+  EXPECT_EQ(stream.streamCount(), 0);
 
   // Unknown content is refused as a whole.
   EXPECT_EQ(MediaProbe_Bytes(neutralBytes(2000)), nullptr);
@@ -83,7 +80,7 @@ TEST(MediaDispatch, SignaturesCountOnlyAtTheOffset) {
 }
 
 TEST(MediaDispatch, TagsThatAreNotUtf8AreDropped) {
-  auto stream = MediaProbe_Bytes(FlacFixture_File({
+  MediaStream stream = PROBE(FlacFixture_File({
       FlacFixture_StreamInfo(44100, 2, 16, 44100),
       FlacFixture_Comments({
           "TITLE=smile \xF0\x9F\x98\x80 please",  // four-byte form
@@ -92,23 +89,20 @@ TEST(MediaDispatch, TagsThatAreNotUtf8AreDropped) {
           "GENRE=cut \xE2\x82",                   // cut short by the end
       }),
   }));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->title, std::nullopt);
-  EXPECT_EQ(stream->artist, std::nullopt);
-  EXPECT_EQ(stream->album, "caf\xC3\xA9 \xE2\x82\xAC");
-  EXPECT_EQ(stream->genre, std::nullopt);
+  EXPECT_EQ(stream.title, std::nullopt);
+  EXPECT_EQ(stream.artist, std::nullopt);
+  EXPECT_EQ(stream.album, "caf\xC3\xA9 \xE2\x82\xAC");
+  EXPECT_EQ(stream.genre, std::nullopt);
   // The rest of the record stands.
-  EXPECT_EQ(stream->streamCount(), 1);
-  EXPECT_EQ(stream->date, 0);
+  EXPECT_EQ(stream.streamCount(), 1);
+  EXPECT_EQ(stream.date, 0);
 
   // PNG text chunks are Latin-1 by nature: such a title does not survive.
-  stream = MediaProbe_Bytes(PngFixture_Picture(2, 2, "Caf\xE9", "2009-06-15 10:20:30"));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->title, std::nullopt);
-  EXPECT_NE(stream->date, 0);
-  stream = MediaProbe_Bytes(PngFixture_Picture(2, 2, "plain ASCII", ""));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->title, "plain ASCII");
+  stream = PROBE(PngFixture_Picture(2, 2, "Caf\xE9", "2009-06-15 10:20:30"));
+  EXPECT_EQ(stream.title, std::nullopt);
+  EXPECT_NE(stream.date, 0);
+  stream = PROBE(PngFixture_Picture(2, 2, "plain ASCII", ""));
+  EXPECT_EQ(stream.title, "plain ASCII");
 }
 
 }  // namespace

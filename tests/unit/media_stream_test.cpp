@@ -4,6 +4,8 @@
 
 #include <climits>
 #include <cstdio>
+#include <string>
+#include <vector>
 
 #include "media/MediaStream.h"
 
@@ -91,36 +93,27 @@ TEST(MediaStream, Utf8EncoderWidths) {
   EXPECT_EQ(MediaUtf8_Encode(0xD83D, out), 3u);  // lone surrogate unit, encoded as is
 }
 
-}  // namespace
-
-namespace {
-
 TEST(MediaStream, IntegerScanFollowsScanfRules) {
-  int v[6] = {};
-  EXPECT_EQ(MediaScan_Ints("2009-06-15", "%d-%d-%d", v, 3), 3);
-  EXPECT_EQ(v[0], 2009);
-  EXPECT_EQ(v[1], 6);
-  EXPECT_EQ(v[2], 15);
+  // The count of conversions and the values, with room for `capacity` values.
+  auto scan = [](const char* text, const char* format, int capacity) {
+    std::vector<int> v(static_cast<size_t>(capacity), 42);
+    const int count = MediaScan_Ints(text, format, v.data(), capacity);
+    return std::pair(count, v);
+  };
+  using Result = std::pair<int, std::vector<int>>;
+  EXPECT_EQ(scan("2009-06-15", "%d-%d-%d", 3), Result(3, {2009, 6, 15}));
   // Conversions skip leading white space; a space in the format matches any
   // run, also none; other characters must match exactly.
-  EXPECT_EQ(MediaScan_Ints(" 2009:06:15   1:02:03", "%d:%d:%d %d:%d:%d", v, 6), 6);
-  EXPECT_EQ(v[3], 1);
-  EXPECT_EQ(v[5], 3);
-  EXPECT_EQ(MediaScan_Ints("2009-06-15T10:20:30", "%d-%d-%d %d:%d:%d", v, 6), 3);
-  EXPECT_EQ(MediaScan_Ints("2009-06-15T10:20:30", "%d-%d-%dT%d:%d:%d", v, 6), 6);
-  EXPECT_EQ(v[4], 20);
-  EXPECT_EQ(MediaScan_Ints("2009:06:15", "%d-%d-%d", v, 3), 1);
-  EXPECT_EQ(MediaScan_Ints("-7-+8", "%d-%d", v, 2), 2);
-  EXPECT_EQ(v[0], -7);
-  EXPECT_EQ(v[1], 8);
-  EXPECT_EQ(MediaScan_Ints("x2009", "%d", v, 1), 0);
-  EXPECT_EQ(MediaScan_Ints("", "%d", v, 1), 0);
-  EXPECT_EQ(MediaScan_Ints("-", "%d", v, 1), 0);
-  EXPECT_EQ(MediaScan_Ints("99999999999999999999 -99999999999999999999", "%d %d", v, 2), 2);
-  EXPECT_EQ(v[0], INT_MAX);
-  EXPECT_EQ(v[1], INT_MIN);
-  v[1] = 42;
-  EXPECT_EQ(MediaScan_Ints("1 2", "%d %d", v, 1), 2);  // counted, stored only up to capacity
+  EXPECT_EQ(scan(" 2009:06:15   1:02:03", "%d:%d:%d %d:%d:%d", 6), Result(6, {2009, 6, 15, 1, 2, 3}));
+  EXPECT_EQ(scan("2009-06-15T10:20:30", "%d-%d-%d %d:%d:%d", 6).first, 3);
+  EXPECT_EQ(scan("2009-06-15T10:20:30", "%d-%d-%dT%d:%d:%d", 6), Result(6, {2009, 6, 15, 10, 20, 30}));
+  EXPECT_EQ(scan("2009:06:15", "%d-%d-%d", 3).first, 1);
+  EXPECT_EQ(scan("-7-+8", "%d-%d", 2), Result(2, {-7, 8}));
+  for (const char* text : {"x2009", "", "-"}) EXPECT_EQ(scan(text, "%d", 1).first, 0) << text;
+  EXPECT_EQ(scan("99999999999999999999 -99999999999999999999", "%d %d", 2), Result(2, {INT_MAX, INT_MIN}));
+  // Counted, but stored only up to the capacity.
+  int v[2] = {0, 42};
+  EXPECT_EQ(MediaScan_Ints("1 2", "%d %d", v, 1), 2);
   EXPECT_EQ(v[1], 42);
 }
 

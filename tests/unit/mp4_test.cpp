@@ -10,9 +10,9 @@
 #include "media/Genres.h"
 #include "media/MediaStream.h"
 #include "tests/fixtures/ByteWriter.h"
-#include "tests/fixtures/MediaProbe.h"
 #include "tests/fixtures/Mp4Fixture.h"
 #include "tests/fixtures/PngFixture.h"
+#include "tests/unit/ProbeCheck.h"
 
 namespace {
 
@@ -55,65 +55,46 @@ void patchU32(std::vector<uint8_t>& bytes, size_t at, uint32_t value) {
 TEST(Mp4, TaggedAudioWithCover) {
   const std::vector<uint8_t> cover = PngFixture_Picture(8, 8, "", "");
   const std::vector<uint8_t> bytes = Mp4Fixture_M4a(kMp4DataPng, cover);
-  auto stream = MediaProbe_Bytes(bytes);
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->mediaType, MediaType_Audio);
-  EXPECT_STREQ(stream->mimeType, "audio/mp4");
-  EXPECT_EQ(stream->timescale, 44100u);
-  EXPECT_EQ(stream->duration, 88200u);
-  ASSERT_EQ(stream->streamCount(), 1);
-  const StreamInfo& info = stream->streamInfo[0];
-  EXPECT_EQ(info.streamNumber, 1u);
-  EXPECT_EQ(info.streamKind, uint32_t(MediaType_Audio));
-  EXPECT_EQ(info.enabled, 1);
-  EXPECT_EQ(info.sampleRate, 44100u);
-  EXPECT_EQ(info.channels, 2);
-  EXPECT_EQ(info.bitsPerSample, 16);
-  EXPECT_EQ(stream->title, "Demo Song");
-  EXPECT_EQ(stream->artist, "Demo Artist");
-  EXPECT_EQ(stream->album, "Demo Album");
-  EXPECT_EQ(stream->genre, "Jazz Fusion");
-  EXPECT_EQ(stream->date, 1305849600);  // 2011-05-20 00:00:00 UTC: the time part is dropped
-  EXPECT_STREQ(stream->coverMimeType, "image/png");
-  ASSERT_EQ(stream->coverLength, int64_t(cover.size()));
-  ASSERT_LE(stream->coverOffset + stream->coverLength, int64_t(bytes.size()));
-  EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + stream->coverOffset, bytes.begin() + stream->coverOffset + 8),
+  MediaStream stream = PROBE(bytes);
+  EXPECT_EQ(stream.mediaType, MediaType_Audio);
+  EXPECT_STREQ(stream.mimeType, "audio/mp4");
+  EXPECT_EQ(std::pair(stream.duration, stream.timescale), std::pair(88200u, 44100u));
+  ASSERT_EQ(stream.streamCount(), 1);
+  EXPECT_EQ(StreamText(stream.streamInfo[0]), "1 1 1 88200/44100 44100 2 16 0x0 0");
+  EXPECT_EQ(stream.title, "Demo Song");
+  EXPECT_EQ(stream.artist, "Demo Artist");
+  EXPECT_EQ(stream.album, "Demo Album");
+  EXPECT_EQ(stream.genre, "Jazz Fusion");
+  EXPECT_EQ(stream.date, 1305849600);  // 2011-05-20 00:00:00 UTC: the time part is dropped
+  EXPECT_STREQ(stream.coverMimeType, "image/png");
+  ASSERT_EQ(stream.coverLength, int64_t(cover.size()));
+  EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + stream.coverOffset, bytes.begin() + stream.coverOffset + 8),
             std::vector<uint8_t>(cover.begin(), cover.begin() + 8));
-  EXPECT_EQ(stream->seekInfo, nullptr);
 }
 
 TEST(Mp4, VideoTrackDecidesMimeTypeAndTracksKeepFileOrder) {
-  auto video = MediaProbe_Bytes(Mp4Fixture_Video());
-  ASSERT_NE(video, nullptr);
-  EXPECT_EQ(video->mediaType, MediaType_Video);
-  EXPECT_STREQ(video->mimeType, "video/mp4");
-  ASSERT_EQ(video->streamCount(), 2);
-  EXPECT_EQ(video->streamInfo[0].streamKind, uint32_t(MediaType_Video));
-  EXPECT_EQ(video->streamInfo[0].width, 160);
-  EXPECT_EQ(video->streamInfo[0].height, 120);
-  EXPECT_EQ(video->streamInfo[0].bitsPerPixel, 24);
-  EXPECT_EQ(video->streamInfo[0].timescale, 600u);
-  EXPECT_EQ(video->streamInfo[0].duration, 1200u);
-  EXPECT_EQ(video->streamInfo[1].streamNumber, 2u);
-  EXPECT_EQ(video->streamInfo[1].sampleRate, 48000u);
-  EXPECT_EQ(video->date, 1623715200);
+  MediaStream video = PROBE(Mp4Fixture_Video());
+  EXPECT_EQ(video.mediaType, MediaType_Video);
+  EXPECT_STREQ(video.mimeType, "video/mp4");
+  ASSERT_EQ(video.streamCount(), 2);
+  EXPECT_EQ(StreamText(video.streamInfo[0]), "1 2 1 1200/600 0 0 0 160x120 24");
+  EXPECT_EQ(StreamText(video.streamInfo[1]), "2 1 1 96000/48000 48000 2 16 0x0 0");
+  EXPECT_EQ(video.date, 1623715200);
 
   // Audio first and video second is still a video; a subtitle track alone
   // gives no media type at all.
   Mp4FixtureTrack subtitles = audioTrack(3);
   subtitles.handler = "sbtl";
-  auto mixed = MediaProbe_Bytes(Mp4Fixture_Join(
+  MediaStream mixed = PROBE(Mp4Fixture_Join(
       {Mp4Fixture_Ftyp("M4A "),
        Mp4Fixture_Box("moov", Mp4Fixture_Join({Mp4Fixture_Track(audioTrack(1)), Mp4Fixture_Track(videoTrack(2))}))}));
-  ASSERT_NE(mixed, nullptr);
-  EXPECT_STREQ(mixed->mimeType, "video/mp4");
-  auto other =
-      MediaProbe_Bytes(Mp4Fixture_Join({Mp4Fixture_Ftyp("M4A "), Mp4Fixture_Box("moov", Mp4Fixture_Track(subtitles))}));
-  ASSERT_NE(other, nullptr);
-  EXPECT_EQ(other->mediaType, MediaType_None);
-  EXPECT_EQ(other->mimeType, nullptr);
-  ASSERT_EQ(other->streamCount(), 1);
-  EXPECT_EQ(other->streamInfo[0].streamKind, 4u);
+  EXPECT_STREQ(mixed.mimeType, "video/mp4");
+  MediaStream other =
+      PROBE(Mp4Fixture_Join({Mp4Fixture_Ftyp("M4A "), Mp4Fixture_Box("moov", Mp4Fixture_Track(subtitles))}));
+  EXPECT_EQ(other.mediaType, MediaType_None);
+  EXPECT_EQ(other.mimeType, nullptr);
+  ASSERT_EQ(other.streamCount(), 1);
+  EXPECT_EQ(other.streamInfo[0].streamKind, 4u);
 }
 
 TEST(Mp4, FileTypeBoxMustLieInFirst512Bytes) {
@@ -124,9 +105,7 @@ TEST(Mp4, FileTypeBoxMustLieInFirst512Bytes) {
   auto padded = [&](size_t end) {
     return MediaProbe_Bytes(Mp4Fixture_Join({Mp4Fixture_Box("free", std::vector<uint8_t>(end - ftypSize - 8)), body}));
   };
-  auto inside = padded(512);
-  ASSERT_NE(inside, nullptr);
-  EXPECT_STREQ(inside->mimeType, "audio/mp4");
+  EXPECT_NE(padded(512), nullptr);
   EXPECT_EQ(padded(513), nullptr);
   // A file type box without its brand is no file type box.
   EXPECT_EQ(MediaProbe_Bytes(Mp4Fixture_Join(
@@ -138,16 +117,12 @@ TEST(Mp4, MovieBoxMustBeAmongFirstEightTopLevelBoxes) {
   const std::vector<uint8_t> moov = Mp4Fixture_Box("moov", Mp4Fixture_Track(audioTrack()));
   const std::vector<uint8_t> bigData = Mp4Fixture_LargeBox("mdat", std::vector<uint8_t>(4096, 0x5A));
   // ftyp, five free boxes and a 64-bit media data box: moov is the eighth box.
-  auto found = MediaProbe_Bytes(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), boxes(5, "free"), bigData, moov}));
-  ASSERT_NE(found, nullptr);
-  EXPECT_EQ(found->streamCount(), 1);
+  MediaStream found = PROBE(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), boxes(5, "free"), bigData, moov}));
+  EXPECT_EQ(found.streamCount(), 1);
   // One more box in front: the file is still taken, but without streams.
-  auto hidden = MediaProbe_Bytes(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), boxes(6, "free"), bigData, moov}));
-  ASSERT_NE(hidden, nullptr);
-  EXPECT_EQ(hidden->streamCount(), 0);
-  EXPECT_EQ(hidden->mediaType, MediaType_None);
-  EXPECT_EQ(hidden->duration, 1u);
-  EXPECT_EQ(hidden->timescale, 1000u);
+  MediaStream hidden = PROBE(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), boxes(6, "free"), bigData, moov}));
+  EXPECT_EQ(std::tuple(hidden.streamCount(), hidden.mediaType, hidden.duration, hidden.timescale),
+            std::tuple(uint8_t(0), int32_t(MediaType_None), 1u, 1000u));
 }
 
 TEST(Mp4, RefusedBoxSizes) {
@@ -158,10 +133,9 @@ TEST(Mp4, RefusedBoxSizes) {
   for (uint32_t size : {0u, 2u, 7u, uint32_t(good.size())}) {
     std::vector<uint8_t> bytes = good;
     patchU32(bytes, moovAt, size);
-    auto stream = MediaProbe_Bytes(bytes);
-    ASSERT_NE(stream, nullptr) << size;
-    EXPECT_EQ(stream->streamCount(), 0) << size;
-    EXPECT_FALSE(stream->title.has_value()) << size;
+    MediaStream stream = PROBE(bytes);
+    EXPECT_EQ(stream.streamCount(), 0) << size;
+    EXPECT_FALSE(stream.title.has_value()) << size;
   }
   // A 64-bit size under 16 is refused too.
   std::vector<uint8_t> large = Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_LargeBox("free", {}),
@@ -177,29 +151,23 @@ TEST(Mp4, RefusedBoxSizes) {
   EXPECT_EQ(MediaProbe_Bytes(noType), nullptr);
   // A 64-bit media data box in front of the movie is skipped over.
   const std::vector<uint8_t> mov = Mp4Fixture_Mov();
-  auto movie = MediaProbe_Bytes(mov);
-  ASSERT_NE(movie, nullptr);
-  ASSERT_EQ(movie->streamCount(), 1);
-  EXPECT_EQ(movie->streamInfo[0].width, 320);
-  EXPECT_EQ(movie->timescale, 2500u);
-  EXPECT_EQ(movie->duration, 7500u);
+  MediaStream movie = PROBE(mov);
+  ASSERT_EQ(movie.streamCount(), 1);
+  EXPECT_EQ(movie.streamInfo[0].width, 320);
+  EXPECT_EQ(std::pair(movie.duration, movie.timescale), std::pair(7500u, 2500u));
 }
 
 TEST(Mp4, MovieHeaderVersionOneReadWithVersionZeroOffsets) {
   const uint64_t modificationTime = uint64_t(90000) << 32 | 12345;
-  auto stream = MediaProbe_Bytes(Mp4Fixture_Join(
+  MediaStream stream = PROBE(Mp4Fixture_Join(
       {Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", Mp4Fixture_Join({Mp4Fixture_Mvhd(600, 6000, 1, modificationTime),
                                                                         Mp4Fixture_Track(videoTrack(1))}))}));
-  ASSERT_NE(stream, nullptr);
   // The two halves of the 64-bit modification time come out as timescale and duration.
-  EXPECT_EQ(stream->timescale, 90000u);
-  EXPECT_EQ(stream->duration, 12345u);
+  EXPECT_EQ(std::pair(stream.duration, stream.timescale), std::pair(12345u, 90000u));
   // Zero in either field keeps the defaults.
-  auto zero = MediaProbe_Bytes(
+  MediaStream zero = PROBE(
       Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", Mp4Fixture_Mvhd(600, 6000, 1, 12345))}));
-  ASSERT_NE(zero, nullptr);
-  EXPECT_EQ(zero->timescale, 1000u);
-  EXPECT_EQ(zero->duration, 1u);
+  EXPECT_EQ(std::pair(zero.duration, zero.timescale), std::pair(1u, 1000u));
 }
 
 TEST(Mp4, GenreNumbers) {
@@ -220,33 +188,30 @@ TEST(Mp4, GenreNumbers) {
 }
 
 TEST(Mp4, CoverTypesAndSizeLimit) {
-  auto coverOf = [](uint32_t type, size_t size) {
-    return MediaProbe_Bytes(withItems(Mp4Fixture_Item("covr", type, std::vector<uint8_t>(size, 0xAB))));
+  struct Case {
+    uint32_t type;
+    size_t size;
+    const char* mime;
+    int64_t length;
   };
-  auto jpeg = coverOf(kMp4DataJpeg, 1048576);
-  ASSERT_NE(jpeg, nullptr);
-  EXPECT_STREQ(jpeg->coverMimeType, "image/jpeg");
-  EXPECT_EQ(jpeg->coverLength, 1048576);
-  auto tooBig = coverOf(kMp4DataJpeg, 2 * 1048576);
-  ASSERT_NE(tooBig, nullptr);
-  EXPECT_EQ(tooBig->coverLength, 0);
-  EXPECT_EQ(tooBig->coverMimeType, nullptr);
-  EXPECT_STREQ(coverOf(27, 16)->coverMimeType, "image/bmp");
-  EXPECT_EQ(coverOf(0, 16)->coverLength, 0);
-  EXPECT_EQ(coverOf(kMp4DataPng, 0)->coverLength, 0);
+  for (const Case& c : {Case{kMp4DataJpeg, 1048576, "image/jpeg", 1048576}, Case{kMp4DataJpeg, 2 * 1048576, nullptr, 0},
+                        Case{27, 16, "image/bmp", 16}, Case{0, 16, nullptr, 0}, Case{kMp4DataPng, 0, nullptr, 0}}) {
+    MediaStream stream = PROBE(withItems(Mp4Fixture_Item("covr", c.type, std::vector<uint8_t>(c.size, 0xAB))));
+    EXPECT_STREQ(stream.coverMimeType, c.mime) << c.type << " " << c.size;
+    EXPECT_EQ(stream.coverLength, c.length) << c.type << " " << c.size;
+  }
 
   // A later cover replaces an earlier one.
   const std::vector<uint8_t> covers = Mp4Fixture_Join({Mp4Fixture_Item("covr", kMp4DataJpeg, std::vector<uint8_t>(10)),
                                                        Mp4Fixture_Item("covr", kMp4DataPng, std::vector<uint8_t>(20))});
-  auto two = MediaProbe_Bytes(withItems(covers));
-  ASSERT_NE(two, nullptr);
-  EXPECT_STREQ(two->coverMimeType, "image/png");
-  EXPECT_EQ(two->coverLength, 20);
+  MediaStream two = PROBE(withItems(covers));
+  EXPECT_STREQ(two.coverMimeType, "image/png");
+  EXPECT_EQ(two.coverLength, 20);
 }
 
 TEST(Mp4, TextItemsAndDates) {
   const std::string longText(513, 'x');
-  auto stream = MediaProbe_Bytes(withItems(Mp4Fixture_Join({
+  MediaStream stream = PROBE(withItems(Mp4Fixture_Join({
       Mp4Fixture_TextItem(kMp4ItemTitle, "First"),
       Mp4Fixture_TextItem(kMp4ItemTitle, "Second"),          // replaces
       Mp4Fixture_TextItem(kMp4ItemAlbum, longText),          // too long
@@ -254,12 +219,11 @@ TEST(Mp4, TextItemsAndDates) {
       Mp4Fixture_Item(kMp4ItemGenre, 21, {'P', 'o', 'p'}),   // not a text type
       Mp4Fixture_TextItem(kMp4ItemDay, "2011"),
   })));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->title, "Second");
-  EXPECT_FALSE(stream->album.has_value());
-  EXPECT_EQ(stream->artist, "");
-  EXPECT_FALSE(stream->genre.has_value());
-  EXPECT_EQ(stream->date, 1293840000);  // 2011-01-01
+  EXPECT_EQ(stream.title, "Second");
+  EXPECT_FALSE(stream.album.has_value());
+  EXPECT_EQ(stream.artist, "");
+  EXPECT_FALSE(stream.genre.has_value());
+  EXPECT_EQ(stream.date, 1293840000);  // 2011-01-01
 
   auto dateOf = [](std::string_view day) {
     return MediaProbe_Bytes(withItems(Mp4Fixture_TextItem(kMp4ItemDay, day)))->date;
@@ -282,19 +246,17 @@ TEST(Mp4, IncompleteTracksAreDropped) {
   // A sound description of version 2 is refused, but the track stays.
   Mp4FixtureTrack version2 = audioTrack();
   version2.soundVersion = 2;
-  auto stream =
-      MediaProbe_Bytes(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", Mp4Fixture_Track(version2))}));
-  ASSERT_EQ(stream->streamCount(), 1);
-  EXPECT_EQ(stream->streamInfo[0].sampleRate, 0u);
-  EXPECT_EQ(stream->streamInfo[0].channels, 0);
+  MediaStream stream =
+      PROBE(Mp4Fixture_Join({Mp4Fixture_Ftyp("isom"), Mp4Fixture_Box("moov", Mp4Fixture_Track(version2))}));
+  ASSERT_EQ(stream.streamCount(), 1);
+  EXPECT_EQ(std::pair(stream.streamInfo[0].sampleRate, stream.streamInfo[0].channels), std::pair(0u, uint8_t(0)));
 }
 
 TEST(Mp4, SeekDataOnlyWhenAskedFor) {
   const std::vector<uint8_t> bytes = Mp4Fixture_Video();
   EXPECT_EQ(MediaProbe_Bytes(bytes, true)->seekInfo, nullptr);
-  auto stream = MediaProbe_Bytes(bytes, false);
-  ASSERT_NE(stream, nullptr);
-  const auto* seek = dynamic_cast<const Mp4SeekInfo*>(stream->seekInfo.get());
+  MediaStream stream = PROBE(bytes, false);
+  const auto* seek = dynamic_cast<const Mp4SeekInfo*>(stream.seekInfo.get());
   ASSERT_NE(seek, nullptr);
   EXPECT_EQ(seek->dataStart, 0);
   EXPECT_EQ(seek->dataLength, int64_t(bytes.size()));

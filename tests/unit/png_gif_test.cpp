@@ -6,8 +6,8 @@
 
 #include "tests/fixtures/ByteWriter.h"
 #include "tests/fixtures/GifFixture.h"
-#include "tests/fixtures/MediaProbe.h"
 #include "tests/fixtures/PngFixture.h"
+#include "tests/unit/ProbeCheck.h"
 
 namespace {
 
@@ -22,26 +22,16 @@ std::vector<uint8_t> pngWith(const std::vector<std::vector<uint8_t>>& chunks) {
 }
 
 TEST(Png, CompletePicture) {
-  auto stream = MediaProbe_Bytes(PngFixture_Picture(16, 12, "Sunset", "2009:06:15 10:20:30"));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->mediaType, MediaType_Image);
-  EXPECT_STREQ(stream->mimeType, "image/png");
-  EXPECT_EQ(stream->duration, 0u);
-  EXPECT_EQ(stream->timescale, 1000u);
-  ASSERT_EQ(stream->streamCount(), 1);
-  const StreamInfo& info = stream->streamInfo[0];
-  EXPECT_EQ(info.streamNumber, 1u);
-  EXPECT_EQ(info.streamKind, uint32_t(MediaType_Image));
-  EXPECT_EQ(info.enabled, 1);
-  EXPECT_EQ(info.duration, 5000u);
-  EXPECT_EQ(info.timescale, 1000u);
-  EXPECT_EQ(info.width, 16);
-  EXPECT_EQ(info.height, 12);
-  EXPECT_EQ(info.bitsPerPixel, 24);
-  EXPECT_EQ(stream->title, "Sunset");
-  EXPECT_EQ(stream->date, k2009June15At102030);
-  EXPECT_EQ(stream->coverLength, 0);
-  EXPECT_EQ(stream->seekInfo, nullptr);
+  MediaStream stream = PROBE(PngFixture_Picture(16, 12, "Sunset", "2009:06:15 10:20:30"));
+  EXPECT_EQ(stream.mediaType, MediaType_Image);
+  EXPECT_STREQ(stream.mimeType, "image/png");
+  EXPECT_EQ(std::pair(stream.duration, stream.timescale), std::pair(0u, 1000u));
+  ASSERT_EQ(stream.streamCount(), 1);
+  EXPECT_EQ(StreamText(stream.streamInfo[0]), "1 3 1 5000/1000 0 0 0 16x12 24");
+  EXPECT_EQ(stream.title, "Sunset");
+  EXPECT_EQ(stream.date, k2009June15At102030);
+  EXPECT_EQ(stream.coverLength, 0);
+  EXPECT_EQ(stream.seekInfo, nullptr);
 }
 
 TEST(Png, BitsPerPixelByColourType) {
@@ -59,20 +49,18 @@ TEST(Png, BitsPerPixelByColourType) {
       {8, 5, 0},  {8, 7, 0},
   };
   for (const Case& c : cases) {
-    auto stream = MediaProbe_Bytes(PngFixture_File({PngFixture_Header(3, 2, c.depth, c.colourType)}));
-    ASSERT_NE(stream, nullptr);
-    ASSERT_EQ(stream->streamCount(), 1);
-    EXPECT_EQ(stream->streamInfo[0].bitsPerPixel, c.bitsPerPixel)
+    MediaStream stream = PROBE(PngFixture_File({PngFixture_Header(3, 2, c.depth, c.colourType)}));
+    ASSERT_EQ(stream.streamCount(), 1);
+    EXPECT_EQ(stream.streamInfo[0].bitsPerPixel, c.bitsPerPixel)
         << "depth " << int(c.depth) << ", colour type " << int(c.colourType);
   }
 }
 
 TEST(Png, HeaderLimits) {
-  auto stream = MediaProbe_Bytes(PngFixture_File({PngFixture_Header(65535, 65535, 8, 6)}));
-  ASSERT_NE(stream, nullptr);
-  ASSERT_EQ(stream->streamCount(), 1);
-  EXPECT_EQ(stream->streamInfo[0].width, 65535);
-  EXPECT_EQ(stream->streamInfo[0].height, 65535);
+  MediaStream stream = PROBE(PngFixture_File({PngFixture_Header(65535, 65535, 8, 6)}));
+  ASSERT_EQ(stream.streamCount(), 1);
+  EXPECT_EQ(stream.streamInfo[0].width, 65535);
+  EXPECT_EQ(stream.streamInfo[0].height, 65535);
 
   ByteWriter longHeader;
   longHeader.u32be(10).u32be(10).u8(8).u8(2).u8(0).u8(0).u8(0).u8(0);
@@ -85,16 +73,15 @@ TEST(Png, HeaderLimits) {
       PngFixture_Chunk("IHDR", longHeader.data()),
   };
   for (const auto& header : broken) {
-    stream = MediaProbe_Bytes(PngFixture_File({header, PngFixture_Text("Title", "kept")}));
-    ASSERT_NE(stream, nullptr);  // the signature claims the file
-    EXPECT_STREQ(stream->mimeType, "image/png");
-    EXPECT_EQ(stream->streamCount(), 0);
-    EXPECT_EQ(stream->title, "kept");
+    stream = PROBE(PngFixture_File({header, PngFixture_Text("Title", "kept")}));  // the signature claims the file
+    EXPECT_STREQ(stream.mimeType, "image/png");
+    EXPECT_EQ(stream.streamCount(), 0);
+    EXPECT_EQ(stream.title, "kept");
   }
 }
 
 TEST(Png, TextChunks) {
-  auto stream = MediaProbe_Bytes(pngWith({
+  MediaStream stream = PROBE(pngWith({
       PngFixture_Text("Author", "Someone"),
       PngFixture_Text("TITLE", "First"),
       PngFixture_Text("title", "Second"),  // a later title replaces an earlier one
@@ -102,9 +89,8 @@ TEST(Png, TextChunks) {
       PngFixture_Text("Titles", "not a title"),
       PngFixture_Text("creation time", "2009-06-15 10:20:30"),
   }));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->title, "Second");
-  EXPECT_EQ(stream->date, k2009June15At102030);
+  EXPECT_EQ(stream.title, "Second");
+  EXPECT_EQ(stream.date, k2009June15At102030);
 
   const std::pair<std::string, int32_t> dates[] = {
       {"2009:06:15 10:20:30", k2009June15At102030},
@@ -114,51 +100,42 @@ TEST(Png, TextChunks) {
       {"Mon, 15 Jun 2009 10:20:30 GMT", 0},
   };
   for (const auto& [text, expected] : dates) {
-    stream = MediaProbe_Bytes(pngWith({PngFixture_Text("Creation Time", text)}));
-    ASSERT_NE(stream, nullptr);
-    EXPECT_EQ(stream->date, expected) << text;
+    EXPECT_EQ(PROBE(pngWith({PngFixture_Text("Creation Time", text)})).date, expected) << text;
   }
 
   // Text chunks of 512 bytes or more are not read.
-  stream = MediaProbe_Bytes(pngWith({PngFixture_Text("Title", std::string(505, 't'))}));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->title, std::string(505, 't'));
-  stream = MediaProbe_Bytes(pngWith({PngFixture_Text("Title", std::string(506, 't'))}));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->title, std::nullopt);
+  EXPECT_EQ(PROBE(pngWith({PngFixture_Text("Title", std::string(505, 't'))})).title, std::string(505, 't'));
+  EXPECT_EQ(PROBE(pngWith({PngFixture_Text("Title", std::string(506, 't'))})).title, std::nullopt);
 }
 
 TEST(Png, WalkEndsAtImageDataAndAfterSixteenChunks) {
   // Text behind the first image data chunk is not read.
-  auto stream = MediaProbe_Bytes(PngFixture_File({
+  MediaStream stream = PROBE(PngFixture_File({
       PngFixture_Header(8, 8, 8, 2),
       PngFixture_Chunk("IDAT", std::vector<uint8_t>(10, 0)),
       PngFixture_Text("Title", "late"),
       PngFixture_Text("Creation Time", "2009:06:15 10:20:30"),
       PngFixture_End(),
   }));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->streamCount(), 1);
-  EXPECT_EQ(stream->title, std::nullopt);
-  EXPECT_EQ(stream->date, 0);
+  EXPECT_EQ(stream.streamCount(), 1);
+  EXPECT_EQ(stream.title, std::nullopt);
+  EXPECT_EQ(stream.date, 0);
 
   // The header and 14 other chunks leave room for a title as the 16th chunk,
   // but not as the 17th.
   for (size_t fillers : {14u, 15u}) {
     std::vector<std::vector<uint8_t>> chunks(fillers, PngFixture_Chunk("zTXt", std::vector<uint8_t>(8, 'z')));
     chunks.push_back(PngFixture_Text("Title", "counted"));
-    stream = MediaProbe_Bytes(pngWith(chunks));
-    ASSERT_NE(stream, nullptr);
-    EXPECT_EQ(stream->title.has_value(), fillers == 14) << fillers;
+    stream = PROBE(pngWith(chunks));
+    EXPECT_EQ(stream.title.has_value(), fillers == 14) << fillers;
   }
 
   // A chunk running past the data ends the walk; what was read stays.
   auto bytes = PngFixture_File({PngFixture_Header(8, 8, 8, 2), PngFixture_Text("Title", "cut")});
   bytes.pop_back();
-  stream = MediaProbe_Bytes(bytes);
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->streamCount(), 1);
-  EXPECT_EQ(stream->title, std::nullopt);
+  stream = PROBE(bytes);
+  EXPECT_EQ(stream.streamCount(), 1);
+  EXPECT_EQ(stream.title, std::nullopt);
 }
 
 TEST(Png, SignatureMustBeExact) {
@@ -166,25 +143,17 @@ TEST(Png, SignatureMustBeExact) {
   bytes[7] = 0x0B;
   EXPECT_EQ(MediaProbe_Bytes(bytes), nullptr);
   // The signature alone is a PNG without a stream.
-  auto stream = MediaProbe_Bytes(PngFixture_File({}));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->streamCount(), 0);
+  EXPECT_EQ(PROBE(PngFixture_File({})).streamCount(), 0);
   EXPECT_EQ(MediaProbe_Bytes({0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A}), nullptr);
 }
 
 TEST(Gif, VersionsAndHeader) {
   for (const char* version : {"87a", "89a"}) {
-    auto stream = MediaProbe_Bytes(GifFixture_Picture(version, 20, 10, 4));
-    ASSERT_NE(stream, nullptr) << version;
-    EXPECT_EQ(stream->mediaType, MediaType_Image);
-    EXPECT_STREQ(stream->mimeType, "image/gif");
-    EXPECT_EQ(stream->duration, 0u);
-    ASSERT_EQ(stream->streamCount(), 1);
-    EXPECT_EQ(stream->streamInfo[0].streamKind, uint32_t(MediaType_Image));
-    EXPECT_EQ(stream->streamInfo[0].duration, 5000u);
-    EXPECT_EQ(stream->streamInfo[0].width, 20);
-    EXPECT_EQ(stream->streamInfo[0].height, 10);
-    EXPECT_EQ(stream->streamInfo[0].bitsPerPixel, 4);
+    MediaStream stream = PROBE(GifFixture_Picture(version, 20, 10, 4));
+    EXPECT_EQ(stream.mediaType, MediaType_Image);
+    EXPECT_STREQ(stream.mimeType, "image/gif");
+    ASSERT_EQ(stream.streamCount(), 1);
+    EXPECT_EQ(StreamText(stream.streamInfo[0]), "1 3 1 5000/1000 0 0 0 20x10 4");
   }
   for (const char* version : {"87b", "89A", "90a", "88a"}) {
     EXPECT_EQ(MediaProbe_Bytes(GifFixture_Picture(version, 20, 10, 4)), nullptr) << version;
@@ -193,30 +162,24 @@ TEST(Gif, VersionsAndHeader) {
   // Thirteen bytes are the whole header; twelve are too few.
   auto header = GifFixture_Header("89a", 7, 9, 0xF7);
   ASSERT_EQ(header.size(), 13u);
-  auto stream = MediaProbe_Bytes(header);
-  ASSERT_NE(stream, nullptr);
-  ASSERT_EQ(stream->streamCount(), 1);
-  EXPECT_EQ(stream->streamInfo[0].bitsPerPixel, 8);  // colour table size field 7
+  EXPECT_EQ(PROBE(header).streamCount(), 1);
   header.pop_back();
   EXPECT_EQ(MediaProbe_Bytes(header), nullptr);
 }
 
 TEST(Gif, BitsPerPixelAndEmptyScreen) {
-  for (uint8_t packed : {0x00, 0x80, 0x81, 0x7A, 0xF7}) {
-    auto stream = MediaProbe_Bytes(GifFixture_Header("87a", 5, 5, packed));
-    ASSERT_NE(stream, nullptr);
-    ASSERT_EQ(stream->streamCount(), 1);
-    EXPECT_EQ(stream->streamInfo[0].bitsPerPixel, (packed & 7) + 1) << int(packed);
+  // The colour table size field (low three bits) plus one.
+  for (auto [packed, bitsPerPixel] : {std::pair<uint8_t, int>{0x00, 1}, {0x80, 1}, {0x81, 2}, {0x7A, 3}, {0xF7, 8}}) {
+    MediaStream stream = PROBE(GifFixture_Header("87a", 5, 5, packed));
+    ASSERT_EQ(stream.streamCount(), 1);
+    EXPECT_EQ(stream.streamInfo[0].bitsPerPixel, bitsPerPixel) << int(packed);
   }
   for (auto [width, height] : {std::pair<uint16_t, uint16_t>{0, 5}, {5, 0}}) {
-    auto stream = MediaProbe_Bytes(GifFixture_Header("89a", width, height, 0x80));
-    ASSERT_NE(stream, nullptr);
-    EXPECT_EQ(stream->streamCount(), 0);
+    EXPECT_EQ(PROBE(GifFixture_Header("89a", width, height, 0x80)).streamCount(), 0);
   }
-  auto stream = MediaProbe_Bytes(GifFixture_Header("89a", 65535, 65535, 0));
-  ASSERT_NE(stream, nullptr);
-  ASSERT_EQ(stream->streamCount(), 1);
-  EXPECT_EQ(stream->streamInfo[0].width, 65535);
+  MediaStream stream = PROBE(GifFixture_Header("89a", 65535, 65535, 0));
+  ASSERT_EQ(stream.streamCount(), 1);
+  EXPECT_EQ(stream.streamInfo[0].width, 65535);
 }
 
 }  // namespace

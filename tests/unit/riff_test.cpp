@@ -7,9 +7,9 @@
 #include "media/MediaStream.h"
 #include "tests/fixtures/ByteWriter.h"
 #include "tests/fixtures/JpegFixture.h"
-#include "tests/fixtures/MediaProbe.h"
 #include "tests/fixtures/Mp3Fixture.h"
 #include "tests/fixtures/RiffFixture.h"
+#include "tests/unit/ProbeCheck.h"
 
 namespace {
 
@@ -19,40 +19,27 @@ std::vector<uint8_t> silence(size_t bytes) { return std::vector<uint8_t>(bytes, 
 
 TEST(Wav, FormatAndSampleCount) {
   // 16-bit stereo: block align 4, so 4000 data bytes are 1000 sample frames.
-  auto stream = MediaProbe_Bytes(RiffFixture_File(
+  MediaStream stream = PROBE(RiffFixture_File(
       "WAVE", {RiffFixture_PcmFormat("fmt ", 2, 22050, 16), RiffFixture_Chunk("data", silence(4000))}));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->mediaType, MediaType_Audio);
-  EXPECT_STREQ(stream->mimeType, "audio/wave");
-  EXPECT_EQ(stream->duration, 1000u);
-  EXPECT_EQ(stream->timescale, 22050u);
-  ASSERT_EQ(stream->streamCount(), 1);
-  const StreamInfo& info = stream->streamInfo[0];
-  EXPECT_EQ(info.streamNumber, 1u);
-  EXPECT_EQ(info.streamKind, uint32_t{MediaType_Audio});
-  EXPECT_EQ(info.enabled, 1);
-  EXPECT_EQ(info.duration, 1000u);
-  EXPECT_EQ(info.timescale, 22050u);
-  EXPECT_EQ(info.sampleRate, 22050u);
-  EXPECT_EQ(info.channels, 2);
-  EXPECT_EQ(info.bitsPerSample, 16);
+  EXPECT_EQ(stream.mediaType, MediaType_Audio);
+  EXPECT_STREQ(stream.mimeType, "audio/wave");
+  ASSERT_EQ(stream.streamCount(), 1);
+  EXPECT_EQ(StreamText(stream.streamInfo[0]), "1 1 1 1000/22050 22050 2 16 0x0 0");
+  EXPECT_EQ(std::pair(stream.duration, stream.timescale), std::pair(1000u, 22050u));
 
   // A "fact" count wins over data size / block align, wherever it lies.
-  stream = MediaProbe_Bytes(
+  stream = PROBE(
       RiffFixture_File("WAVE", {RiffFixture_PcmFormat("fmt ", 2, 22050, 16), RiffFixture_Chunk("data", silence(4000)),
                                 RiffFixture_Chunk("fact", {0x09, 0x03, 0, 0})}));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->duration, 777u);
-  EXPECT_EQ(stream->streamInfo.at(0).duration, 777u);
+  EXPECT_EQ(stream.duration, 777u);
+  EXPECT_EQ(stream.streamInfo.at(0).duration, 777u);
 
   // Without a usable format chunk the file is still WAV, but has no stream.
-  stream = MediaProbe_Bytes(
+  stream = PROBE(
       RiffFixture_File("WAVE", {RiffFixture_Chunk("fmt ", silence(14)), RiffFixture_Chunk("data", silence(100))}));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_STREQ(stream->mimeType, "audio/wave");
-  EXPECT_EQ(stream->streamCount(), 0);
-  EXPECT_EQ(stream->duration, 0u);
-  EXPECT_EQ(stream->timescale, 1000u);
+  EXPECT_STREQ(stream.mimeType, "audio/wave");
+  EXPECT_EQ(stream.streamCount(), 0);
+  EXPECT_EQ(std::pair(stream.duration, stream.timescale), std::pair(0u, 1000u));
 }
 
 TEST(Wav, ChunkWalkLimits) {
@@ -62,20 +49,17 @@ TEST(Wav, ChunkWalkLimits) {
   for (int i = 0; i < 6; ++i)
     chunks.push_back(RiffFixture_Chunk("JUNK", silence(3)));  // odd sizes are padded
   chunks.push_back(RiffFixture_Chunk("data", silence(800)));
-  auto stream = MediaProbe_Bytes(RiffFixture_File("WAVE", chunks));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->duration, 800u);  // eighth chunk
+  MediaStream stream = PROBE(RiffFixture_File("WAVE", chunks));
+  EXPECT_EQ(stream.duration, 800u);  // eighth chunk
 
   chunks.insert(chunks.begin() + 1, RiffFixture_Chunk("JUNK", silence(3)));
-  stream = MediaProbe_Bytes(RiffFixture_File("WAVE", chunks));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->duration, 0u);
-  EXPECT_EQ(stream->streamInfo.at(0).duration, 0u);
+  stream = PROBE(RiffFixture_File("WAVE", chunks));
+  EXPECT_EQ(stream.duration, 0u);
+  EXPECT_EQ(stream.streamInfo.at(0).duration, 0u);
 
   chunks.insert(chunks.begin() + 1, RiffFixture_Chunk("fact", {0x20, 0x03, 0, 0}));
-  stream = MediaProbe_Bytes(RiffFixture_File("WAVE", chunks));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->duration, 800u);
+  stream = PROBE(RiffFixture_File("WAVE", chunks));
+  EXPECT_EQ(stream.duration, 800u);
 
   // A chunk that does not fit ends the walk.
   auto bytes = RiffFixture_File(
@@ -84,9 +68,8 @@ TEST(Wav, ChunkWalkLimits) {
   ByteWriter patched;
   patched.bytes(bytes);
   patched.patchU32le(dataSizeAt, 801);
-  stream = MediaProbe_Bytes(patched.data());
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->duration, 0u);
+  stream = PROBE(patched.data());
+  EXPECT_EQ(stream.duration, 0u);
 
   // The RIFF size must fit in the data; the form type must be WAVE or AVI.
   patched.patchU32le(4, static_cast<uint32_t>(bytes.size() - 7));
@@ -98,7 +81,7 @@ TEST(Wav, ChunkWalkLimits) {
 
 TEST(Wav, InfoTagsAndDates) {
   const std::string longTitle(700, 't');
-  auto stream = MediaProbe_Bytes(RiffFixture_File(
+  MediaStream stream = PROBE(RiffFixture_File(
       "WAVE",
       {RiffFixture_PcmFormat("fmt ", 1, 8000, 8),
        RiffFixture_List("INFO", {RiffFixture_Chunk("INAM", text(longTitle)),
@@ -106,12 +89,11 @@ TEST(Wav, InfoTagsAndDates) {
                                  RiffFixture_Chunk("IPRD", text("Product")), RiffFixture_Chunk("IGNR", text("Genre")),
                                  RiffFixture_Chunk("ICRD", text("2004:05:06"))}),
        RiffFixture_Chunk("data", silence(8))}));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->title, std::string(511, 't'));
-  EXPECT_EQ(stream->artist, "Art");
-  EXPECT_EQ(stream->album, "Product");
-  EXPECT_EQ(stream->genre, "Genre");
-  EXPECT_EQ(stream->date, 1083801600);  // 2004-05-06 UTC
+  EXPECT_EQ(stream.title, std::string(511, 't'));
+  EXPECT_EQ(stream.artist, "Art");
+  EXPECT_EQ(stream.album, "Product");
+  EXPECT_EQ(stream.genre, "Genre");
+  EXPECT_EQ(stream.date, 1083801600);  // 2004-05-06 UTC
 
   struct Case {
     const char* text;
@@ -119,12 +101,11 @@ TEST(Wav, InfoTagsAndDates) {
   };
   for (const Case& c : {Case{"2019-06-01", 1559347200}, Case{"1999", 915148800}, Case{"2010-07", 1277942400},
                         Case{"undated", 0}}) {
-    stream = MediaProbe_Bytes(RiffFixture_File(
+    stream = PROBE(RiffFixture_File(
         "WAVE",
         {RiffFixture_List("INFO", {RiffFixture_Chunk("ICRD", text(c.text)), RiffFixture_Chunk("IALB", text("A"))})}));
-    ASSERT_NE(stream, nullptr);
-    EXPECT_EQ(stream->date, c.date) << c.text;
-    EXPECT_EQ(stream->album, "A");
+    EXPECT_EQ(stream.date, c.date) << c.text;
+    EXPECT_EQ(stream.album, "A");
   }
 }
 
@@ -139,20 +120,18 @@ TEST(Wav, LaterTagChunkWins) {
   const auto format = RiffFixture_PcmFormat("fmt ", 1, 8000, 8);
 
   const auto infoFirst = RiffFixture_File("WAVE", {format, info, id3});
-  auto stream = MediaProbe_Bytes(infoFirst);
-  ASSERT_NE(stream, nullptr);
-  EXPECT_STREQ(stream->mimeType, "audio/wave");  // not taken for MP3
-  EXPECT_EQ(stream->title, "Tag Title");
-  EXPECT_EQ(stream->artist, "Info Artist");
+  MediaStream stream = PROBE(infoFirst);
+  EXPECT_STREQ(stream.mimeType, "audio/wave");  // not taken for MP3
+  EXPECT_EQ(stream.title, "Tag Title");
+  EXPECT_EQ(stream.artist, "Info Artist");
   // The cover is located in the file, behind everything but the pad byte.
   const int64_t jpegSize = static_cast<int64_t>(JpegFixture_Cover().size());
-  EXPECT_STREQ(stream->coverMimeType, "image/jpeg");
-  EXPECT_EQ(stream->coverLength, jpegSize);
-  EXPECT_EQ(stream->coverOffset, static_cast<int64_t>(infoFirst.size()) - jpegSize - (jpegSize & 1));
+  EXPECT_STREQ(stream.coverMimeType, "image/jpeg");
+  EXPECT_EQ(stream.coverLength, jpegSize);
+  EXPECT_EQ(stream.coverOffset, static_cast<int64_t>(infoFirst.size()) - jpegSize - (jpegSize & 1));
 
-  stream = MediaProbe_Bytes(RiffFixture_File("WAVE", {format, id3, info}));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->title, "Info Title");
+  stream = PROBE(RiffFixture_File("WAVE", {format, id3, info}));
+  EXPECT_EQ(stream.title, "Info Title");
 }
 
 std::vector<uint8_t> streamList(std::string_view type, uint32_t flags, uint32_t scale, uint32_t rate,
@@ -169,55 +148,32 @@ TEST(Avi, StreamHeaders) {
       streamList("txts", 0, 1, 1000, 5000, RiffFixture_Chunk("strf", silence(4))),
       streamList("vids", 0, 1, 25, 10, RiffFixture_VideoFormat(0, 240, 24)),  // bad width: no picture size
   };
-  auto stream = MediaProbe_Bytes(RiffFixture_File("AVI ", {RiffFixture_List("hdrl", header)}));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->mediaType, MediaType_Video);
-  EXPECT_STREQ(stream->mimeType, "video/avi");
-  EXPECT_EQ(stream->duration, 300u * 1001);
-  EXPECT_EQ(stream->timescale, 30000u);
-  ASSERT_EQ(stream->streamCount(), 4);
+  MediaStream stream = PROBE(RiffFixture_File("AVI ", {RiffFixture_List("hdrl", header)}));
+  EXPECT_EQ(stream.mediaType, MediaType_Video);
+  EXPECT_STREQ(stream.mimeType, "video/avi");
+  EXPECT_EQ(stream.duration, 300u * 1001);
+  EXPECT_EQ(stream.timescale, 30000u);
+  ASSERT_EQ(stream.streamCount(), 4);
 
-  const StreamInfo& video = stream->streamInfo[0];
-  EXPECT_EQ(video.streamNumber, 1u);
-  EXPECT_EQ(video.streamKind, uint32_t{MediaType_Video});
-  EXPECT_EQ(video.enabled, 1);
-  EXPECT_EQ(video.width, 640);
-  EXPECT_EQ(video.height, 480);
-  EXPECT_EQ(video.bitsPerPixel, 24);
-
-  const StreamInfo& audio = stream->streamInfo[1];
-  EXPECT_EQ(audio.streamKind, uint32_t{MediaType_Audio});
-  EXPECT_EQ(audio.enabled, 0);
-  EXPECT_EQ(audio.duration, 441000u);
-  EXPECT_EQ(audio.timescale, 44100u);
-  EXPECT_EQ(audio.sampleRate, 44100u);
-  EXPECT_EQ(audio.channels, 2);
-  EXPECT_EQ(audio.bitsPerSample, 16);
-
-  EXPECT_EQ(stream->streamInfo[2].streamKind, 4u);
-  EXPECT_EQ(stream->streamInfo[2].duration, 5000u);
-  EXPECT_EQ(stream->streamInfo[3].width, 0);
-  EXPECT_EQ(stream->streamInfo[3].height, 0);
+  EXPECT_EQ(StreamText(stream.streamInfo[0]), "1 2 1 300300/30000 0 0 0 640x480 24");
+  EXPECT_EQ(StreamText(stream.streamInfo[1]), "2 1 0 441000/44100 44100 2 16 0x0 0");
+  EXPECT_EQ(StreamText(stream.streamInfo[2]), "3 4 1 5000/1000 0 0 0 0x0 0");
+  EXPECT_EQ(StreamText(stream.streamInfo[3]), "4 2 1 10/25 0 0 0 0x0 0");
 
   // An AVI with audio only is still video; one without streams too.
-  stream = MediaProbe_Bytes(RiffFixture_File(
+  stream = PROBE(RiffFixture_File(
       "AVI ",
       {RiffFixture_List("hdrl", {streamList("auds", 0, 1, 8000, 16000, RiffFixture_PcmFormat("strf", 1, 8000, 8))})}));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->mediaType, MediaType_Video);
-  EXPECT_EQ(stream->duration, 16000u);
-  EXPECT_EQ(stream->timescale, 8000u);
-  stream = MediaProbe_Bytes(RiffFixture_File("AVI ", {}));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->streamCount(), 0);
-  EXPECT_EQ(stream->duration, 0u);
+  EXPECT_EQ(stream.mediaType, MediaType_Video);
+  EXPECT_EQ(std::pair(stream.duration, stream.timescale), std::pair(16000u, 8000u));
+  stream = PROBE(RiffFixture_File("AVI ", {}));
+  EXPECT_EQ(std::pair(stream.streamCount(), stream.duration), std::pair(uint8_t(0), 0u));
 }
 
 TEST(Avi, TagsAndTheEndOfTheWalk) {
-  const auto demo = MediaProbe_Bytes(RiffFixture_DemoAvi());
-  ASSERT_NE(demo, nullptr);
-  EXPECT_EQ(demo->title, "Clip");
-  EXPECT_EQ(demo->streamCount(), 2);
+  const MediaStream demo = PROBE(RiffFixture_DemoAvi());
+  EXPECT_EQ(demo.title, "Clip");
+  EXPECT_EQ(demo.streamCount(), 2);
 
   const auto hdrl =
       RiffFixture_List("hdrl", {streamList("vids", 0, 1, 25, 50, RiffFixture_VideoFormat(8, 8, 24))});
@@ -227,16 +183,14 @@ TEST(Avi, TagsAndTheEndOfTheWalk) {
   const auto id3 =
       RiffFixture_Chunk("id3 ", Id3TagBuilder(4).text("TIT2", "Tag").text("TPE1", "Artist").build());
 
-  auto stream = MediaProbe_Bytes(RiffFixture_File("AVI ", {hdrl, info, movi, id3, idx1}));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->title, "Tag");
-  EXPECT_EQ(stream->artist, "Artist");
+  MediaStream stream = PROBE(RiffFixture_File("AVI ", {hdrl, info, movi, id3, idx1}));
+  EXPECT_EQ(stream.title, "Tag");
+  EXPECT_EQ(stream.artist, "Artist");
 
   // Once header, INFO, movie data and index are all seen, the walk ends.
-  stream = MediaProbe_Bytes(RiffFixture_File("AVI ", {hdrl, info, movi, idx1, id3}));
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->title, "Info");
-  EXPECT_FALSE(stream->artist);
+  stream = PROBE(RiffFixture_File("AVI ", {hdrl, info, movi, idx1, id3}));
+  EXPECT_EQ(stream.title, "Info");
+  EXPECT_FALSE(stream.artist);
 }
 
 }  // namespace

@@ -5,8 +5,8 @@
 
 #include "media/MediaStream.h"
 #include "tests/fixtures/ByteWriter.h"
-#include "tests/fixtures/MediaProbe.h"
 #include "tests/fixtures/TiffFixture.h"
+#include "tests/unit/ProbeCheck.h"
 
 namespace {
 
@@ -29,23 +29,15 @@ TEST(Tiff, SinglePageInBothByteOrders) {
     p.artist = "Bo";
     p.dateTime = "2010-07-04T12:30:00";
     p.pixels = true;
-    auto stream = MediaProbe_Bytes(TiffFixture_Pages(bigEndian, {p}));
-    ASSERT_NE(stream, nullptr);
-    EXPECT_EQ(stream->mediaType, MediaType_Image);
-    EXPECT_STREQ(stream->mimeType, "image/tiff");
-    EXPECT_EQ(stream->duration, 0u);
-    EXPECT_EQ(stream->title, "Scanned letter");
-    EXPECT_EQ(stream->artist, "Bo");
-    EXPECT_EQ(stream->date, kJuly4th);
-    EXPECT_EQ(stream->coverLength, 0);
-    ASSERT_EQ(stream->streamCount(), 1);
-    const StreamInfo& info = stream->streamInfo[0];
-    EXPECT_EQ(info.width, 30);
-    EXPECT_EQ(info.height, 20);
-    EXPECT_EQ(info.bitsPerPixel, 24);
-    EXPECT_EQ(info.streamKind, uint32_t{MediaType_Image});
-    EXPECT_EQ(info.duration, 5000u);
-    EXPECT_EQ(info.timescale, 1000u);
+    MediaStream stream = PROBE(TiffFixture_Pages(bigEndian, {p}));
+    EXPECT_EQ(stream.mediaType, MediaType_Image);
+    EXPECT_STREQ(stream.mimeType, "image/tiff");
+    EXPECT_EQ(stream.title, "Scanned letter");
+    EXPECT_EQ(stream.artist, "Bo");
+    EXPECT_EQ(stream.date, kJuly4th);
+    EXPECT_EQ(stream.coverLength, 0);
+    ASSERT_EQ(stream.streamCount(), 1);
+    EXPECT_EQ(StreamText(stream.streamInfo[0]), "1 3 1 5000/1000 0 0 0 30x20 24");
   }
 }
 
@@ -58,14 +50,14 @@ TEST(Tiff, DepthFromBitsPerSample) {
                         Case{{8, 8, 8, 8}, 32}, Case{{8, 8}, 0}, Case{{8, 8, 8, 8, 8}, 0}, Case{{}, 0}}) {
     for (bool bigEndian : {false, true}) {
       SCOPED_TRACE(testing::Message() << c.bits.size() << " samples, big endian " << bigEndian);
-      auto stream = MediaProbe_Bytes(TiffFixture_Pages(bigEndian, {page(10, 10, c.bits)}));
-      ASSERT_NE(stream, nullptr);  // accepted even without a picture
+      // Accepted even without a picture.
+      MediaStream stream = PROBE(TiffFixture_Pages(bigEndian, {page(10, 10, c.bits)}));
       if (c.bitsPerPixel == 0) {
-        EXPECT_EQ(stream->streamCount(), 0);
+        EXPECT_EQ(stream.streamCount(), 0);
         continue;
       }
-      ASSERT_EQ(stream->streamCount(), 1);
-      EXPECT_EQ(stream->streamInfo[0].bitsPerPixel, c.bitsPerPixel);
+      ASSERT_EQ(stream.streamCount(), 1);
+      EXPECT_EQ(stream.streamInfo[0].bitsPerPixel, c.bitsPerPixel);
     }
   }
 }
@@ -73,11 +65,10 @@ TEST(Tiff, DepthFromBitsPerSample) {
 TEST(Tiff, MultiPageFileIsCappedAtSixteenStreams) {
   std::vector<TiffFixturePage> pages;
   for (uint16_t i = 0; i < 20; ++i) pages.push_back(page(100 + i, 50 + i));
-  auto stream = MediaProbe_Bytes(TiffFixture_Pages(true, pages));
-  ASSERT_NE(stream, nullptr);
-  ASSERT_EQ(stream->streamCount(), 16);
+  MediaStream stream = PROBE(TiffFixture_Pages(true, pages));
+  ASSERT_EQ(stream.streamCount(), 16);
   for (uint16_t i = 0; i < 16; ++i) {
-    const StreamInfo& info = stream->streamInfo[i];
+    const StreamInfo& info = stream.streamInfo[i];
     EXPECT_EQ(info.streamNumber, i + 1u);
     EXPECT_EQ(info.width, 100 + i);
     EXPECT_EQ(info.height, 50 + i);
@@ -85,9 +76,8 @@ TEST(Tiff, MultiPageFileIsCappedAtSixteenStreams) {
   }
 
   pages.resize(3);
-  auto three = MediaProbe_Bytes(TiffFixture_Pages(false, pages));
-  ASSERT_NE(three, nullptr);
-  EXPECT_EQ(three->streamCount(), 3);
+  MediaStream three = PROBE(TiffFixture_Pages(false, pages));
+  EXPECT_EQ(three.streamCount(), 3);
 }
 
 TEST(Tiff, TextsAndDatesComeFromTheFirstPicture) {
@@ -102,19 +92,17 @@ TEST(Tiff, TextsAndDatesComeFromTheFirstPicture) {
   second.description = "second";
   second.artist = "someone";
   second.dateOriginal = "2011:01:02 03:04:05";
-  auto stream = MediaProbe_Bytes(TiffFixture_Pages(false, {sizeless, first, second}));
-  ASSERT_NE(stream, nullptr);
-  ASSERT_EQ(stream->streamCount(), 2);
-  EXPECT_EQ(stream->streamInfo[0].width, 20);
-  EXPECT_EQ(stream->streamInfo[1].streamNumber, 2u);
-  EXPECT_EQ(stream->title, "first");
-  EXPECT_FALSE(stream->artist);
-  EXPECT_EQ(stream->date, kJuly4th);
+  MediaStream stream = PROBE(TiffFixture_Pages(false, {sizeless, first, second}));
+  ASSERT_EQ(stream.streamCount(), 2);
+  EXPECT_EQ(stream.streamInfo[0].width, 20);
+  EXPECT_EQ(stream.streamInfo[1].streamNumber, 2u);
+  EXPECT_EQ(stream.title, "first");
+  EXPECT_FALSE(stream.artist);
+  EXPECT_EQ(stream.date, kJuly4th);
 
   first.dateOriginal = "2011:01:02 03:04:05";
-  auto original = MediaProbe_Bytes(TiffFixture_Pages(true, {first}));
-  ASSERT_NE(original, nullptr);
-  EXPECT_EQ(original->date, kJanuary2nd);
+  MediaStream original = PROBE(TiffFixture_Pages(true, {first}));
+  EXPECT_EQ(original.date, kJanuary2nd);
 }
 
 TEST(Tiff, ChainThatLoopsEnds) {
@@ -125,18 +113,16 @@ TEST(Tiff, ChainThatLoopsEnds) {
     pictures.shortValue(TiffTag_ImageWidth, 8).shortValue(TiffTag_ImageLength, 8).shortValue(TiffTag_BitsPerSample, 8);
   }
   pictures.link(1, 0);
-  auto stream = MediaProbe_Bytes(pictures.build());
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->streamCount(), 2);
+  MediaStream stream = PROBE(pictures.build());
+  EXPECT_EQ(stream.streamCount(), 2);
 
   // Directories without a picture, looping through themselves or each other.
   TiffFixture self(true);
   self.directory();
   self.shortValue(TiffTag_ImageWidth, 8);
   self.link(0, 0);
-  auto selfLoop = MediaProbe_Bytes(self.build());
-  ASSERT_NE(selfLoop, nullptr);
-  EXPECT_EQ(selfLoop->streamCount(), 0);
+  MediaStream selfLoop = PROBE(self.build());
+  EXPECT_EQ(selfLoop.streamCount(), 0);
 
   TiffFixture pair(false);
   pair.directory();
@@ -144,9 +130,8 @@ TEST(Tiff, ChainThatLoopsEnds) {
   pair.shortValue(TiffTag_ImageWidth, 8).shortValue(TiffTag_ImageLength, 8).shortValue(TiffTag_BitsPerSample, 8);
   pair.directory();
   pair.link(2, 0);
-  auto pairLoop = MediaProbe_Bytes(pair.build());
-  ASSERT_NE(pairLoop, nullptr);
-  EXPECT_EQ(pairLoop->streamCount(), 1);
+  MediaStream pairLoop = PROBE(pair.build());
+  EXPECT_EQ(pairLoop.streamCount(), 1);
 }
 
 TEST(Tiff, ValuesOutsideTheFileAreLeftEmpty) {
@@ -157,22 +142,20 @@ TEST(Tiff, ValuesOutsideTheFileAreLeftEmpty) {
   tiff.raw(TiffTag_ImageDescription, TiffType_Ascii, 40, 0xFFF0);
   tiff.raw(TiffTag_DateTime, TiffType_Ascii, 20, 0xFFF0);
   tiff.ascii(TiffTag_Artist, "Ann");
-  auto stream = MediaProbe_Bytes(tiff.build());
-  ASSERT_NE(stream, nullptr);
-  EXPECT_FALSE(stream->title);
-  EXPECT_EQ(stream->date, 0);
-  EXPECT_EQ(stream->artist, "Ann");  // short enough to sit in the entry itself, in file order
-  ASSERT_EQ(stream->streamCount(), 1);
-  EXPECT_EQ(stream->streamInfo[0].width, 0x20);
+  MediaStream stream = PROBE(tiff.build());
+  EXPECT_FALSE(stream.title);
+  EXPECT_EQ(stream.date, 0);
+  EXPECT_EQ(stream.artist, "Ann");  // short enough to sit in the entry itself, in file order
+  ASSERT_EQ(stream.streamCount(), 1);
+  EXPECT_EQ(stream.streamInfo[0].width, 0x20);
 
   // Samples stored outside the file give no depth, so no picture.
   TiffFixture samples(false);
   samples.directory();
   samples.shortValue(TiffTag_ImageWidth, 16).shortValue(TiffTag_ImageLength, 16);
   samples.raw(TiffTag_BitsPerSample, TiffType_Short, 3, 0xFFF0);
-  auto noDepth = MediaProbe_Bytes(samples.build());
-  ASSERT_NE(noDepth, nullptr);
-  EXPECT_EQ(noDepth->streamCount(), 0);
+  MediaStream noDepth = PROBE(samples.build());
+  EXPECT_EQ(noDepth.streamCount(), 0);
 }
 
 TEST(Tiff, HeaderAndDirectoryChecks) {
@@ -187,16 +170,14 @@ TEST(Tiff, HeaderAndDirectoryChecks) {
   // An entry count that does not fit leaves the directory unread.
   auto overlong = valid;
   overlong[8] = 0xFF;
-  auto stream = MediaProbe_Bytes(overlong);
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(stream->streamCount(), 0);
+  MediaStream stream = PROBE(overlong);
+  EXPECT_EQ(stream.streamCount(), 0);
 
   // A directory cut short by the end of the data is not read either.
   auto cut = valid;
   cut.resize(8 + 2 + 12 * 2);
-  auto truncated = MediaProbe_Bytes(cut);
-  ASSERT_NE(truncated, nullptr);
-  EXPECT_EQ(truncated->streamCount(), 0);
+  MediaStream truncated = PROBE(cut);
+  EXPECT_EQ(truncated.streamCount(), 0);
 }
 
 }  // namespace
