@@ -3,7 +3,7 @@ BUILD      := build
 ASAN_BUILD := build-asan
 JOBS       ?= $(shell nproc)
 
-.PHONY: all build asan run check deps fuzz clean
+.PHONY: all build asan run check deps fuzz bench clean
 
 all: build
 
@@ -32,6 +32,18 @@ check: deps build asan
 	cd $(BUILD) && ctest --output-on-failure -j 2
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j 2
+
+# Speed and memory benchmarks: builds every bench/*.cpp in the normal build
+# and runs each one. They work on generated files under /tmp (or BENCH_DIR),
+# never start the server and never use the network; targets are reported.
+BENCH_DIR ?= /tmp
+bench:
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	cmake --build $(BUILD) -j $(JOBS) --target bench
+	@for src in bench/*.cpp; do \
+	  name=$$(basename $$src .cpp); \
+	  $(BUILD)/$$name $(BENCH_DIR) || exit 1; \
+	done
 
 # Coverage-guided fuzzing with libFuzzer (clang): FUZZ_SECONDS per harness.
 FUZZ_SECONDS ?= 60

@@ -10,11 +10,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <ctime>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "media/MediaStream.h"
 
@@ -112,8 +114,19 @@ class FileDescriptor {
   int fd_;
 };
 
+// A new item waiting to be filed into the views: the items of one folder
+// are filed together once the folder is read.
+struct NewItem {
+  DmsObject* item;
+  const MediaStream* metadata;
+  MediaStreamPtr owned;  // the scan's own record of the file
+};
+
+void categoriseItems(const std::vector<NewItem>& newItems);
+
 // Handles one regular file of a folder being read; true when the library changed.
-bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat& info, int32_t pass) {
+bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat& info, int32_t pass,
+              std::vector<NewItem>& newItems) {
   if (!hasMediaExtension(name)) return false;
   const DmsObjectId id{static_cast<uint64_t>(info.st_dev) + 1, static_cast<uint64_t>(info.st_ino)};
   bool changed = false;
@@ -123,6 +136,12 @@ bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat&
     if (existing->modificationTime == static_cast<int64_t>(info.st_mtime) && existing->title == name) {
       existing->pass = pass;
       return false;
+    }
+    // A second name of a file first seen in this very read: the items so far
+    // are filed before it goes, just as if each had been filed at once.
+    if (std::ranges::any_of(newItems, [existing](const NewItem& pending) { return pending.item == existing; })) {
+      categoriseItems(newItems);
+      newItems.clear();
     }
     DmsObject_Free(id);
     changed = true;
@@ -141,7 +160,8 @@ bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat&
   item->mimeType = stream->mimeType;
   item->modificationTime = static_cast<int64_t>(info.st_mtime);
   item->pass = pass;
-  DmsLibrary_Categorise(item, *stream);
+  const MediaStream* metadata = stream.get();
+  newItems.push_back({item, metadata, std::move(stream)});
   return true;
 }
 
@@ -165,16 +185,18 @@ FolderRead readFolder(DmsObject* folder, int32_t pass, int64_t* spent) {
   folder->pass = pass;
   const int64_t started = nowMicros();
   bool changed = false;
+  std::vector<NewItem> newItems;
   while (const dirent* entry = directory.next()) {
     if (entry->d_name[0] == '.') continue;  // dot-files are never published
     struct stat info {};
     if (::fstatat(directory.fd(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
     if (S_ISREG(info.st_mode)) {
-      changed |= scanFile(folder, directory.fd(), entry->d_name, info, pass);
+      changed |= scanFile(folder, directory.fd(), entry->d_name, info, pass, newItems);
     } else if (S_ISDIR(info.st_mode)) {
       scanDirectory(folder, entry->d_name, info, pass);
     }
   }
+  categoriseItems(newItems);
   *spent += nowMicros() - started;
   return changed ? FolderRead::Changed : FolderRead::Unchanged;
 }
@@ -223,19 +245,79 @@ DmsObject* findOrCreateGroup(DmsObject* view, const std::string& key, bool newes
   return DmsObject_New({0, ++lastGroupId}, key.c_str(), view->upnpClass, DmsKind_Container, view, after);
 }
 
-void addReference(DmsObject* container, DmsObject* item, uint64_t viewBit) {
-  DmsObject* after = nullptr;
-  for (DmsObject* child = container->firstChild; child; child = child->nextSibling) {
-    const DmsObject* target = child->item ? child->item : child;
-    if (strcasecmp(target->title.c_str(), item->title.c_str()) >= 0) break;
-    after = child;
-  }
+// Links a reference to `item` into `container` after `after`.
+DmsObject* addReference(DmsObject* container, DmsObject* after, DmsObject* item, uint64_t viewBit) {
   const DmsObjectId id{item->id.high | (viewBit << 32), item->id.low};
   DmsObject* reference = DmsObject_New(id, nullptr, item->upnpClass, DmsKind_Reference, container, after);
-  if (!reference) return;
+  if (!reference) return nullptr;
   reference->item = item;
   reference->nextReference = item->references;
   item->references = reference;
+  return reference;
+}
+
+DmsObject* topContainerFor(const DmsObject* item) {
+  if (!item || item->kind != DmsKind_Item) return nullptr;
+  if (item->upnpClass == mediaClass(DmsClass_AudioItem)) return DmsObject_Find(DmsId_Music);
+  if (item->upnpClass == mediaClass(DmsClass_VideoItem)) return DmsObject_Find(DmsId_Videos);
+  if (item->upnpClass == mediaClass(DmsClass_ImageItem)) return DmsObject_Find(DmsId_Pictures);
+  return nullptr;
+}
+
+// One reference still to be made.
+struct Placement {
+  DmsObject* container;
+  DmsObject* item;
+  uint64_t viewBit;
+  int view;  // position of the view among its top container's children
+};
+
+// Groups are found or created item by item in scan order, so group ids come
+// out as if each item were filed on its own. The references then go into
+// each container in title order during a single walk down its children,
+// instead of one walk per item: a library of thousands of items would
+// otherwise spend most of its first pass walking the All lists. The lists
+// come out the same as with one-by-one filing: sorted by title, and among
+// equal titles the later item first.
+void categoriseItems(const std::vector<NewItem>& newItems) {
+  std::vector<Placement> placements;
+  for (const NewItem& pending : newItems) {
+    DmsObject* top = topContainerFor(pending.item);
+    if (!top) continue;
+    int index = 0;
+    for (DmsObject* view = top->firstChild; view; view = view->nextSibling, ++index) {
+      const uint64_t bit = viewBitFor(view->upnpClass);
+      if (bit == 0) continue;
+      DmsObject* container =
+          bit == kViewAll ? view : findOrCreateGroup(view, groupKey(bit, *pending.metadata), bit == kViewMoments);
+      if (container) placements.push_back({container, pending.item, bit, index});
+    }
+  }
+  // By view first, so that each item's list of references is built in view order.
+  std::stable_sort(placements.begin(), placements.end(), [](const Placement& a, const Placement& b) {
+    if (a.view != b.view) return a.view < b.view;
+    if (a.container != b.container) return std::less<const DmsObject*>{}(a.container, b.container);
+    return strcasecmp(a.item->title.c_str(), b.item->title.c_str()) < 0;
+  });
+  const DmsObject* container = nullptr;
+  DmsObject* after = nullptr;
+  DmsObject* next = nullptr;
+  for (const Placement& placement : placements) {
+    if (placement.container != container) {
+      container = placement.container;
+      after = nullptr;
+      next = container->firstChild;
+    }
+    while (next) {
+      const DmsObject* target = next->item ? next->item : next;
+      if (strcasecmp(target->title.c_str(), placement.item->title.c_str()) >= 0) break;
+      after = next;
+      next = next->nextSibling;
+    }
+    if (DmsObject* reference = addReference(placement.container, after, placement.item, placement.viewBit)) {
+      next = reference;
+    }
+  }
 }
 
 }  // namespace
@@ -278,23 +360,7 @@ int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent) {
 }
 
 void DmsLibrary_Categorise(DmsObject* item, const MediaStream& metadata) {
-  if (!item || item->kind != DmsKind_Item) return;
-  DmsObjectId topId;
-  if (item->upnpClass == mediaClass(DmsClass_AudioItem)) topId = DmsId_Music;
-  else if (item->upnpClass == mediaClass(DmsClass_VideoItem)) topId = DmsId_Videos;
-  else if (item->upnpClass == mediaClass(DmsClass_ImageItem)) topId = DmsId_Pictures;
-  else return;
-  DmsObject* top = DmsObject_Find(topId);
-  if (!top) return;
-
-  for (DmsObject* view = top->firstChild; view; view = view->nextSibling) {
-    const uint64_t bit = viewBitFor(view->upnpClass);
-    if (bit == 0) continue;
-    if (bit == kViewAll) {
-      addReference(view, item, bit);
-      continue;
-    }
-    DmsObject* group = findOrCreateGroup(view, groupKey(bit, metadata), bit == kViewMoments);
-    if (group) addReference(group, item, bit);
-  }
+  std::vector<NewItem> newItems;
+  newItems.push_back({item, &metadata, nullptr});
+  categoriseItems(newItems);
 }

@@ -5,11 +5,14 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cerrno>
 #include <climits>
+#include <cstring>
 #include <ctime>
+#include <memory>
 #include <new>
 
 #include "media/MediaParsers.h"
@@ -38,6 +41,83 @@ void dropIfNotUtf8(std::optional<std::string>& text) {
   if (text && !MediaStream_IsUtf8(text->c_str())) text.reset();
 }
 
+// While MediaStream_new probes a file, the readers and MediaSeek of that
+// thread serve the descriptor from one read-ahead window filled with pread:
+// the parsers read in small pieces, and a system call per piece would cost
+// far more than the parsing itself. Outside a probe they go to the kernel.
+constexpr size_t kReadWindowSize = 16384;
+
+struct ReadWindow {
+  int fd = -1;
+  int64_t position = 0;  // where the next read starts
+  int64_t start = 0;     // file offset of data[0]
+  size_t filled = 0;
+  std::array<unsigned char, kReadWindowSize> data;
+};
+
+thread_local ReadWindow* activeWindow = nullptr;
+
+ReadWindow* windowFor(int fd) { return activeWindow && activeWindow->fd == fd ? activeWindow : nullptr; }
+
+// Reads at `at` without moving the descriptor; retries when interrupted.
+ssize_t readAt(int fd, unsigned char* out, size_t count, int64_t at) {
+  for (;;) {
+    const ssize_t n = ::pread(fd, out, count, static_cast<off_t>(at));
+    if (n >= 0 || errno != EINTR) return n;
+  }
+}
+
+bool windowRead(ReadWindow& window, unsigned char* out, size_t count) {
+  size_t done = 0;
+  while (done < count) {
+    const int64_t at = window.position;
+    const int64_t end = window.start + static_cast<int64_t>(window.filled);
+    if (at >= window.start && at < end) {
+      const size_t n = std::min(count - done, static_cast<size_t>(end - at));
+      std::memcpy(out + done, window.data.data() + (at - window.start), n);
+      done += n;
+      window.position += static_cast<int64_t>(n);
+      continue;
+    }
+    // A piece larger than the window goes straight into the destination.
+    const bool direct = count - done >= kReadWindowSize;
+    const ssize_t n = direct ? readAt(window.fd, out + done, count - done, at)
+                             : readAt(window.fd, window.data.data(), kReadWindowSize, at);
+    if (n <= 0) return false;
+    if (direct) {
+      done += static_cast<size_t>(n);
+      window.position += n;
+    } else {
+      window.start = at;
+      window.filled = static_cast<size_t>(n);
+    }
+  }
+  return true;
+}
+
+// Makes the calling thread read `fd` through a window for its lifetime; does
+// nothing for a descriptor that cannot seek.
+class ReadWindowScope {
+ public:
+  explicit ReadWindowScope(int fd) {
+    const int64_t position = ::lseek(fd, 0, SEEK_CUR);
+    if (position < 0 || activeWindow) return;
+    window_.reset(new (std::nothrow) ReadWindow);
+    if (!window_) return;
+    window_->fd = fd;
+    window_->position = position;
+    activeWindow = window_.get();
+  }
+  ~ReadWindowScope() {
+    if (window_) activeWindow = nullptr;
+  }
+  ReadWindowScope(const ReadWindowScope&) = delete;
+  ReadWindowScope& operator=(const ReadWindowScope&) = delete;
+
+ private:
+  std::unique_ptr<ReadWindow> window_;
+};
+
 }  // namespace
 
 void MediaStream_delete(MediaStream* stream) { delete stream; }
@@ -46,6 +126,7 @@ MediaStreamPtr MediaStream_new(int fd, int64_t offset, int64_t length, bool meta
   if (fd < 0 || length <= 0) return nullptr;
   MediaStreamPtr stream(new (std::nothrow) MediaStream);
   if (!stream) return nullptr;
+  ReadWindowScope window(fd);
   for (const ParserSlot& slot : kParsers) {
     if (!slot.parse) continue;
     *stream = MediaStream{};
@@ -78,6 +159,7 @@ bool MediaStream_IsUtf8(const char* text) {
 
 bool MediaRead_Bytes(int fd, void* buffer, size_t count) {
   auto* out = static_cast<unsigned char*>(buffer);
+  if (ReadWindow* window = windowFor(fd)) return windowRead(*window, out, count);
   size_t done = 0;
   while (done < count) {
     ssize_t n = ::read(fd, out + done, count - done);
@@ -112,7 +194,17 @@ bool MediaRead_U32LE(int fd, uint32_t& value) { return readInteger<uint32_t, fal
 bool MediaRead_U64BE(int fd, uint64_t& value) { return readInteger<uint64_t, true>(fd, value); }
 
 int64_t MediaSeek(int fd, int64_t offset, int whence) {
-  return static_cast<int64_t>(::lseek(fd, static_cast<off_t>(offset), whence));
+  ReadWindow* window = windowFor(fd);
+  if (!window || (whence != SEEK_SET && whence != SEEK_CUR)) {
+    const int64_t position = static_cast<int64_t>(::lseek(fd, static_cast<off_t>(offset), whence));
+    if (window && position >= 0) window->position = position;
+    return position;
+  }
+  int64_t target = offset;
+  if (whence == SEEK_CUR && __builtin_add_overflow(window->position, offset, &target)) return -1;
+  if (target < 0) return -1;
+  window->position = target;
+  return target;
 }
 
 uint32_t MediaBits_Get(const uint8_t* buffer, uint32_t position, unsigned count) {

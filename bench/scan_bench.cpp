@@ -1,0 +1,406 @@
+// Library-scan benchmark: writes a generated library of mixed media files in
+// nested folders, then times the first full scan, an unchanged rescan and a
+// plain lstat/open/read loop over the same files, and reports the memory the
+// content tree holds. Targets are printed as PASS or MISS, never asserted.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "dms/DmsLibrary.h"
+#include "dms/DmsObject.h"
+#include "tests/fixtures/ByteWriter.h"
+#include "tests/fixtures/FlacFixture.h"
+#include "tests/fixtures/GifFixture.h"
+#include "tests/fixtures/JpegFixture.h"
+#include "tests/fixtures/MatroskaFixture.h"
+#include "tests/fixtures/Mp3Fixture.h"
+#include "tests/fixtures/Mp4Fixture.h"
+#include "tests/fixtures/PngFixture.h"
+#include "tests/fixtures/RiffFixture.h"
+#include "tests/fixtures/TiffFixture.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// 10 artist folders of 10 album folders of 100 files each.
+constexpr int kTopFolders = 10;
+constexpr int kFoldersPerTop = 10;
+constexpr int kFilesPerFolder = 100;
+constexpr int kFileCount = kTopFolders * kFoldersPerTop * kFilesPerFolder;
+constexpr int kRepetitions = 5;
+constexpr size_t kRawReadBytes = 4096;
+
+// Targets for 10,000 files on the 2-core reference machine.
+constexpr double kFirstPassSeconds = 1.0;
+constexpr double kRescanSeconds = 0.3;
+constexpr double kRawSpeedShare = 0.5;
+constexpr double kBytesPerItem = 1024.0;
+
+constexpr const char* kGenres[] = {"Jazz", "Rock", "Pop", "Classical", "Blues", "Folk", "Electronic", "Soul"};
+
+struct Library {
+  std::string root;
+  std::vector<std::string> files;  // absolute paths
+};
+
+// Metadata that varies from file to file so that the views get realistic
+// numbers of artist, album, genre and day groups.
+struct FileTags {
+  std::string title;
+  std::string artist;
+  std::string album;
+  std::string genre;
+  int year = 0;
+  int month = 0;
+  int day = 0;
+};
+
+Mp4Bytes tagSongM4a(const FileTags& tags) {
+  const Mp4Bytes items = Mp4Fixture_Join({Mp4Fixture_TextItem(kMp4ItemTitle, tags.title),
+                                          Mp4Fixture_TextItem(kMp4ItemArtist, tags.artist),
+                                          Mp4Fixture_TextItem(kMp4ItemAlbum, tags.album),
+                                          Mp4Fixture_TextItem(kMp4ItemGenre, tags.genre)});
+  return Mp4Fixture_Join({Mp4Fixture_Ftyp("M4A "),
+                          Mp4Fixture_Box("moov", Mp4Fixture_Join({Mp4Fixture_Mvhd(1000, 183000),
+                                                                  Mp4Fixture_Track({}),
+                                                                  Mp4Fixture_UserData(items)}))});
+}
+
+std::string dateText(const FileTags& tags, const char* format) {
+  char text[32];
+  std::snprintf(text, sizeof text, format, tags.year, tags.month, tags.day);
+  return text;
+}
+
+struct Format {
+  const char* extension;
+  std::function<std::vector<uint8_t>(const FileTags&)> build;
+};
+
+const std::vector<Format>& formats() {
+  static const std::vector<Format> all = {
+      {".mp3", [](const FileTags&) { return Mp3Fixture_Demo(); }},
+      {".flac",
+       [](const FileTags& t) {
+         return FlacFixture_Song(t.title, t.artist, t.album, t.genre, dateText(t, "%04d-%02d-%02d"));
+       }},
+      {".m4a", tagSongM4a},
+      {".mp4", [](const FileTags&) { return Mp4Fixture_Video(); }},
+      {".mkv", [](const FileTags&) { return MatroskaFixture_VideoWithCover(); }},
+      {".mka", [](const FileTags&) { return MatroskaFixture_AudioWithTitle(); }},
+      {".jpg",
+       [](const FileTags& t) {
+         const std::string date = dateText(t, "%04d:%02d:%02d 10:20:30");
+         return JpegFixture_Build({.exif = JpegFixture_Exif({.description = t.title,
+                                                             .artist = t.artist,
+                                                             .dateTime = date,
+                                                             .dateOriginal = date})});
+       }},
+      {".png",
+       [](const FileTags& t) { return PngFixture_Picture(32, 24, t.title, dateText(t, "%04d:%02d:%02d 12:00:00")); }},
+      {".gif", [](const FileTags&) { return GifFixture_Picture("89a", 32, 24, 4); }},
+      {".wav", [](const FileTags&) { return RiffFixture_DemoWav(); }},
+      {".avi", [](const FileTags&) { return RiffFixture_DemoAvi(); }},
+      {".tif",
+       [](const FileTags& t) {
+         TiffFixturePage page;
+         page.width = 24;
+         page.height = 16;
+         page.pixels = true;
+         page.description = t.title;
+         page.dateTime = dateText(t, "%04d:%02d:%02d 08:00:00");
+         return TiffFixture_Pages(false, {page});
+       }},
+      {".mov", [](const FileTags&) { return Mp4Fixture_Mov(); }},
+  };
+  return all;
+}
+
+bool LibraryWrite(Library& library) {
+  const auto& kinds = formats();
+  for (int top = 0; top < kTopFolders; ++top) {
+    for (int sub = 0; sub < kFoldersPerTop; ++sub) {
+      char folder[64];
+      std::snprintf(folder, sizeof folder, "Artist %02d/Album %02d", top, sub);
+      const fs::path dir = fs::path(library.root) / folder;
+      std::error_code error;
+      fs::create_directories(dir, error);
+      if (error) return false;
+      for (int i = 0; i < kFilesPerFolder; ++i) {
+        const int n = (top * kFoldersPerTop + sub) * kFilesPerFolder + i;
+        const Format& format = kinds[n % kinds.size()];
+        FileTags tags;
+        tags.title = "Track " + std::to_string(n);
+        tags.artist = "Artist " + std::to_string(top);
+        tags.album = "Album " + std::to_string(top) + "-" + std::to_string(sub);
+        tags.genre = kGenres[n % std::size(kGenres)];
+        tags.year = 2000 + n % 20;
+        tags.month = 1 + n % 12;
+        tags.day = 1 + n % 28;
+        char name[64];
+        std::snprintf(name, sizeof name, "%02d Track %05d%s", i, n, format.extension);
+        const std::string path = (dir / name).string();
+        if (!Fixture_WriteFile(path, format.build(tags))) return false;
+        library.files.push_back(path);
+      }
+    }
+  }
+  return true;
+}
+
+// Reads every file completely once so that all runs see a warm page cache.
+int64_t LibraryWarm(const Library& library) {
+  int64_t total = 0;
+  std::vector<char> buffer(1 << 16);
+  for (const std::string& path : library.files) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) continue;
+    ssize_t got;
+    while ((got = ::read(fd, buffer.data(), buffer.size())) > 0) total += got;
+    ::close(fd);
+  }
+  return total;
+}
+
+double secondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// CPU seconds of this thread: on a loaded machine the wall time overstates
+// what the same work takes on an idle one, the CPU time does not.
+double cpuSeconds() {
+  timespec now {};
+  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+struct Timing {
+  double seconds = 0;
+  double cpu = 0;
+};
+
+template <typename Work>
+Timing timeOf(Work&& work) {
+  const double cpuStart = cpuSeconds();
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  return {secondsSince(start), cpuSeconds() - cpuStart};
+}
+
+int64_t residentBytes() {
+  std::ifstream statm("/proc/self/statm");
+  int64_t size = 0;
+  int64_t resident = 0;
+  statm >> size >> resident;
+  return resident * ::sysconf(_SC_PAGESIZE);
+}
+
+struct FixedContainer {
+  DmsObjectId id;
+  DmsObjectId parent;
+  const char* title;  // null: the library root
+  DmsMediaClass mediaClass;
+};
+
+// The fixed containers the server builds before its first scan, in the same
+// order, so that every view takes part in categorising as it does there.
+constexpr FixedContainer kFixedContainers[] = {
+    {DmsId_MediaDirectory, DmsId_Root, nullptr, DmsClass_StorageVolume},
+    {DmsId_Pictures, DmsId_Root, "Pictures", DmsClass_Container},
+    {DmsId_Videos, DmsId_Root, "Videos", DmsClass_Container},
+    {DmsId_Music, DmsId_Root, "Music", DmsClass_Container},
+    {{0, 13}, DmsId_Music, "Genres", DmsClass_MusicGenre},
+    {{0, 12}, DmsId_Music, "Albums", DmsClass_MusicAlbum},
+    {{0, 11}, DmsId_Music, "Artists", DmsClass_MusicArtist},
+    {{0, 10}, DmsId_Music, "All Music", DmsClass_Container},
+    {{0, 23}, DmsId_Videos, "Genres", DmsClass_MovieGenre},
+    {{0, 22}, DmsId_Videos, "Albums", DmsClass_Album},
+    {{0, 21}, DmsId_Videos, "Artists", DmsClass_Person},
+    {{0, 20}, DmsId_Videos, "All Videos", DmsClass_Container},
+    {{0, 31}, DmsId_Pictures, "Moments", DmsClass_PhotoAlbum},
+    {{0, 30}, DmsId_Pictures, "All Pictures", DmsClass_Container},
+};
+
+DmsObject* TreeBuild(const std::string& root) {
+  DmsObject_New(DmsId_Root, "root", dlnaMediaClasses[DmsClass_Container], DmsKind_Container, nullptr, nullptr);
+  for (const FixedContainer& fixed : kFixedContainers) {
+    DmsObject_New(fixed.id, fixed.title ? fixed.title : root.c_str(), dlnaMediaClasses[fixed.mediaClass],
+                  DmsKind_Container, DmsObject_Find(fixed.parent), nullptr);
+  }
+  return DmsObject_Find(DmsId_MediaDirectory);
+}
+
+struct PassTiming {
+  Timing time;
+  int steps = 0;
+  double longestStep = 0;
+};
+
+// Runs scan steps for `pass` until one reports the pass complete, the way the
+// refresh thread does, but without its pause between steps.
+PassTiming TreeScan(DmsObject* volume, int32_t pass) {
+  PassTiming timing;
+  timing.time = timeOf([&] {
+    for (;;) {
+      const auto stepStart = std::chrono::steady_clock::now();
+      int64_t spent = 0;
+      const int done = DmsLibrary_Scan(volume, pass, &spent);
+      timing.steps += 1;
+      timing.longestStep = std::max(timing.longestStep, secondsSince(stepStart));
+      if (done == 1) break;
+    }
+  });
+  return timing;
+}
+
+struct TreeCount {
+  int items = 0;
+  int references = 0;
+  int containers = 0;
+};
+
+void TreeCountBelow(const DmsObject* object, TreeCount& count) {
+  for (const DmsObject* child = object->firstChild; child; child = child->nextSibling) {
+    if (child->kind == DmsKind_Item) count.items += 1;
+    else if (child->kind == DmsKind_Reference) count.references += 1;
+    else count.containers += 1;
+    if (child->kind == DmsKind_Container) TreeCountBelow(child, count);
+  }
+}
+
+// The physical floor: what reading the start of every file costs.
+Timing RawLoop(const Library& library) {
+  std::vector<char> buffer(kRawReadBytes);
+  int64_t total = 0;
+  const Timing timing = timeOf([&] {
+    for (const std::string& path : library.files) {
+      struct stat info {};
+      if (::lstat(path.c_str(), &info) != 0) continue;
+      const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+      if (fd < 0) continue;
+      const ssize_t got = ::read(fd, buffer.data(), buffer.size());
+      if (got > 0) total += got;
+      ::close(fd);
+    }
+  });
+  if (total == 0) std::fprintf(stderr, "raw loop read nothing\n");
+  return timing;
+}
+
+// Medians of wall and CPU time, each taken on its own.
+Timing median(const std::vector<Timing>& runs) {
+  std::vector<double> wall, cpu;
+  for (const Timing& run : runs) {
+    wall.push_back(run.seconds);
+    cpu.push_back(run.cpu);
+  }
+  std::sort(wall.begin(), wall.end());
+  std::sort(cpu.begin(), cpu.end());
+  return {wall[wall.size() / 2], cpu[cpu.size() / 2]};
+}
+
+const char* verdict(bool met) { return met ? "PASS" : "MISS"; }
+
+std::string LibraryMakeRoot(const char* parent) {
+  std::string pattern = std::string(parent) + "/dms-scan-bench-XXXXXX";
+  if (!::mkdtemp(pattern.data())) return {};
+  return pattern;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc > 2) {
+    std::fprintf(stderr, "usage: %s [PARENT-DIRECTORY]\n", argv[0]);
+    return 2;
+  }
+  const int64_t residentAtStart = residentBytes();
+  Library library;
+  library.root = LibraryMakeRoot(argc == 2 ? argv[1] : "/tmp");
+  if (library.root.empty()) {
+    std::fprintf(stderr, "cannot create a directory for the library\n");
+    return 1;
+  }
+  std::printf("scan_bench: %d files in %d folders under %s\n", kFileCount, kTopFolders * kFoldersPerTop,
+              library.root.c_str());
+  if (!LibraryWrite(library)) {
+    std::fprintf(stderr, "cannot write the library\n");
+    fs::remove_all(library.root);
+    return 1;
+  }
+  const int64_t libraryBytes = LibraryWarm(library);
+  std::printf("library: %.1f MB, %.0f bytes per file on average\n", libraryBytes / 1e6,
+              static_cast<double>(libraryBytes) / kFileCount);
+
+  std::vector<Timing> firstPass, rescan, raw;
+  int firstSteps = 0;
+  double longestStep = 0;
+  int64_t residentTree = 0;
+  TreeCount count;
+  for (int run = 0; run < kRepetitions; ++run) {
+    // Memory is taken from the first run only: later runs reuse heap pages
+    // that the allocator kept from the freed tree.
+    const int64_t residentBefore = residentBytes();
+    DmsObject* volume = TreeBuild(library.root);
+    const PassTiming first = TreeScan(volume, 1);
+    if (run == 0) {
+      residentTree = residentBytes() - residentBefore;
+      TreeCountBelow(DmsObject_Find(DmsId_Root), count);
+    }
+    const PassTiming again = TreeScan(volume, 2);
+    DmsObject_Free(DmsId_Root);
+    firstPass.push_back(first.time);
+    rescan.push_back(again.time);
+    firstSteps = first.steps;
+    longestStep = std::max({longestStep, first.longestStep, again.longestStep});
+    raw.push_back(RawLoop(library));
+  }
+
+  const Timing firstTime = median(firstPass);
+  const Timing rescanTime = median(rescan);
+  const Timing rawTime = median(raw);
+  const double share = rawTime.seconds / firstTime.seconds;
+  const double perItem = static_cast<double>(residentTree) / std::max(count.items, 1);
+  double load[3] = {};
+  ::getloadavg(load, 3);
+
+  std::printf("tree after first pass: %d items, %d references, %d containers\n", count.items, count.references,
+              count.containers);
+  std::printf("first pass: %d steps, longest step %.1f ms (all runs)\n", firstSteps, longestStep * 1e3);
+  std::printf("medians of %d runs (load average %.2f):\n", kRepetitions, load[0]);
+  std::printf("  %-15s %8s %10s %8s %10s\n", "", "wall s", "files/s", "cpu s", "files/s");
+  auto row = [](const char* name, const Timing& time, const char* note) {
+    std::printf("  %-15s %8.3f %10.0f %8.3f %10.0f  %s\n", name, time.seconds, kFileCount / time.seconds, time.cpu,
+                kFileCount / time.cpu, note);
+  };
+  char note[64];
+  std::snprintf(note, sizeof note, "[%s target <= %.1f s]", verdict(firstTime.seconds <= kFirstPassSeconds),
+                kFirstPassSeconds);
+  row("first pass", firstTime, note);
+  std::snprintf(note, sizeof note, "[%s target <= %.1f s]", verdict(rescanTime.seconds <= kRescanSeconds),
+                kRescanSeconds);
+  row("unchanged scan", rescanTime, note);
+  row("raw loop", rawTime, "(lstat + open + read 4 KB + close)");
+  std::printf("  first pass speed / raw loop speed  %.2f wall, %.2f cpu  [%s target >= %.2f]\n", share,
+              rawTime.cpu / firstTime.cpu, verdict(share >= kRawSpeedShare), kRawSpeedShare);
+  std::printf("  resident memory  %.0f KB for the tree, %.0f bytes per item  [%s target <= %.0f]\n",
+              residentTree / 1024.0, perItem, verdict(perItem <= kBytesPerItem), kBytesPerItem);
+  std::printf("  (process resident memory at start %.0f KB)\n", residentAtStart / 1024.0);
+
+  std::error_code error;
+  fs::remove_all(library.root, error);
+  return 0;
+}
