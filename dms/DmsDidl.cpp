@@ -52,11 +52,13 @@ std::string titleWithoutExtension(const std::string& title) {
 ItemFacts readItemFacts(const DmsObject* target) {
   ItemFacts facts;
   const std::string path = DmsObject_GetPath(target);
-  struct stat info {};
-  if (!path.empty() && ::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
-    facts.size = static_cast<int64_t>(info.st_size);
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) {
+  // One path lookup: the open refuses a symbolic link and never waits on a
+  // FIFO, and fstat then rejects anything that is not a regular file.
+  const int fd = path.empty() ? -1 : ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd >= 0) {
+    struct stat info {};
+    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+      facts.size = static_cast<int64_t>(info.st_size);
       if (MediaStreamPtr stream = MediaStream_new(fd, 0, facts.size, true)) {
         facts.parsed = true;
         if (stream->title) facts.title = DmsDidl_Escape(*stream->title);
@@ -72,8 +74,8 @@ ItemFacts readItemFacts(const DmsObject* target) {
           facts.height = stream->streamInfo[0].height;
         }
       }
-      ::close(fd);
     }
+    ::close(fd);
   }
   if (facts.title.empty()) facts.title = titleWithoutExtension(target->title);
   return facts;
