@@ -140,12 +140,14 @@ void sendChildren(HTTPRequest* request, HTTPResponse* response, BrowseRequest& b
 }  // namespace
 
 bool DmsHttp_WriteChunk(HTTPRequest* request, HTTPResponse* response, std::string_view text) {
+  // The size line, the text and its CRLF leave in one send: three small
+  // writes per chunk cost three system calls and three TCP segments.
   char size[16];
   const int sizeLength = std::snprintf(size, sizeof size, "%zx\r\n", text.size());
-  if (HTTPRequest_WriteData(request, size, static_cast<size_t>(sizeLength)) &&
-      HTTPRequest_WriteData(request, text.data(), text.size()) && HTTPRequest_WriteData(request, "\r\n", 2)) {
-    return true;
-  }
+  std::string chunk;
+  chunk.reserve(static_cast<size_t>(sizeLength) + text.size() + 2);
+  chunk.append(size, static_cast<size_t>(sizeLength)).append(text).append("\r\n");
+  if (HTTPRequest_WriteData(request, chunk.data(), chunk.size())) return true;
   response->keepAlive = false;
   return false;
 }
