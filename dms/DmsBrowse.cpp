@@ -9,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "dms/DmsDidl.h"
@@ -108,12 +109,18 @@ struct Counts {
 };
 
 // Sends the children of the container, page by page. Each page re-checks
-// the container under the content mutex before it is built.
+// the container under the content mutex before it is built. While its child
+// count and update id are unchanged its list is the same, so a page resumes
+// at the child after the last one sent (found again by id, never through a
+// pointer kept across the unlock), and a child rendered for a page it did not
+// fit opens the next page instead of being parsed from its file again.
 void sendChildren(HTTPRequest* request, HTTPResponse* response, BrowseRequest& browse, const char* host,
                   uint16_t port, int32_t childCount, uint32_t updateId, Counts& counts) {
-  std::string page;
+  std::string page, carried;
   page.reserve(kPageSpace);
-  while (browse.requestedCount == 0 || counts.numberReturned < browse.requestedCount) {
+  std::optional<DmsObjectId> resume;  // the next child to send, after the first page
+  bool more = true;
+  while (more && (browse.requestedCount == 0 || counts.numberReturned < browse.requestedCount)) {
     page.clear();
     {
       std::lock_guard lock(DmsServer_ContentMutex());
@@ -122,16 +129,28 @@ void sendChildren(HTTPRequest* request, HTTPResponse* response, BrowseRequest& b
           container->updateId != updateId) {
         return;
       }
-      uint32_t position = 0;
-      for (const DmsObject* child = container->firstChild; child; child = child->nextSibling, ++position) {
-        if (position < browse.startingIndex) continue;
+      const DmsObject* child = container->firstChild;
+      if (resume) {
+        child = DmsObject_Find(*resume);
+        if (!child || child->parent != container) return;
+      } else {
+        for (uint32_t position = 0; child && position < browse.startingIndex; ++position) child = child->nextSibling;
+      }
+      for (; child; child = child->nextSibling) {
         if (browse.requestedCount != 0 && counts.numberReturned >= browse.requestedCount) break;
-        const std::string rendered = DmsDidl_RenderObject(child, host, port, browse.filter);
-        if (page.size() + rendered.size() > kPageSpace) break;
+        std::string rendered = carried.empty() ? DmsDidl_RenderObject(child, host, port, browse.filter)
+                                               : std::move(carried);
+        carried.clear();
+        if (page.size() + rendered.size() > kPageSpace) {
+          carried = std::move(rendered);
+          break;
+        }
         page += rendered;
         counts.numberReturned += 1;
         browse.startingIndex += 1;
       }
+      more = child != nullptr;
+      if (more) resume = child->id;
     }
     if (page.empty() || !DmsHttp_WriteChunk(request, response, page)) return;
   }
