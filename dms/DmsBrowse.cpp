@@ -4,6 +4,8 @@
 // listing early instead of producing an inconsistent page.
 #include "dms/DmsBrowse.h"
 
+#include <fcntl.h>
+
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -16,6 +18,7 @@
 #include "dms/DmsObject.h"
 #include "dms/DmsServer.h"
 #include "http/HTTPRequest.h"
+#include "http/UniqueFd.h"
 
 const char* const dlnaBrowseFlags[2] = {"BrowseDirectChildren", "BrowseMetadata"};
 
@@ -119,6 +122,7 @@ void sendChildren(HTTPRequest* request, HTTPResponse* response, BrowseRequest& b
   std::string page, carried;
   page.reserve(kPageSpace);
   std::optional<DmsObjectId> resume;  // the next child to send, after the first page
+  UniqueFd folder;                    // a file-system container, opened once for all its items
   bool more = true;
   while (more && (browse.requestedCount == 0 || counts.numberReturned < browse.requestedCount)) {
     page.clear();
@@ -135,10 +139,15 @@ void sendChildren(HTTPRequest* request, HTTPResponse* response, BrowseRequest& b
         if (!child || child->parent != container) return;
       } else {
         for (uint32_t position = 0; child && position < browse.startingIndex; ++position) child = child->nextSibling;
+        if (container->upnpClass == dlnaMediaClasses[DmsClass_StorageFolder] ||
+            container->upnpClass == dlnaMediaClasses[DmsClass_StorageVolume]) {
+          const std::string path = DmsObject_GetPath(container);
+          if (!path.empty()) folder.reset(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        }
       }
       for (; child; child = child->nextSibling) {
         if (browse.requestedCount != 0 && counts.numberReturned >= browse.requestedCount) break;
-        std::string rendered = carried.empty() ? DmsDidl_RenderObject(child, host, port, browse.filter)
+        std::string rendered = carried.empty() ? DmsDidl_RenderObject(child, host, port, browse.filter, folder.get())
                                                : std::move(carried);
         carried.clear();
         if (page.size() + rendered.size() > kPageSpace) {

@@ -49,12 +49,19 @@ std::string titleWithoutExtension(const std::string& title) {
   return DmsDidl_Escape(dot == std::string::npos ? std::string_view(title) : std::string_view(title).substr(0, dot));
 }
 
-ItemFacts readItemFacts(const DmsObject* target) {
-  ItemFacts facts;
+// Opens the item's file: by name in its folder when the caller holds that
+// folder open, by full path otherwise. The open refuses a symbolic link and
+// never waits on a FIFO; readItemFacts then rejects anything not regular.
+int openItem(const DmsObject* target, int folderFd) {
+  constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  if (folderFd >= 0) return target->title.empty() ? -1 : ::openat(folderFd, target->title.c_str(), kFlags);
   const std::string path = DmsObject_GetPath(target);
-  // One path lookup: the open refuses a symbolic link and never waits on a
-  // FIFO, and fstat then rejects anything that is not a regular file.
-  const int fd = path.empty() ? -1 : ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  return path.empty() ? -1 : ::open(path.c_str(), kFlags);
+}
+
+ItemFacts readItemFacts(const DmsObject* target, int folderFd) {
+  ItemFacts facts;
+  const int fd = openItem(target, folderFd);
   if (fd >= 0) {
     struct stat info {};
     if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
@@ -195,7 +202,8 @@ std::string DmsDidl_Escape(std::string_view text) {
   return out;
 }
 
-std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint16_t port, uint32_t filter) {
+std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint16_t port, uint32_t filter,
+                                 int folderFd) {
   if (!object) return {};
   const bool container = object->kind == DmsKind_Container;
   const char* element = container ? "container" : "item";
@@ -224,8 +232,9 @@ std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint
     out += volume ? std::string("Volume") : DmsDidl_Escape(object->title);
     out += "&lt;/dc:title&gt;";
   } else {
+    // A reference's item lives in another folder than the reference.
     const DmsObject* target = object->item ? object->item : object;
-    const ItemFacts facts = readItemFacts(target);
+    const ItemFacts facts = readItemFacts(target, target == object ? folderFd : -1);
     out += facts.title;
     out += "&lt;/dc:title&gt;";
     renderItemBody(out, target, facts, host, port, filter);
