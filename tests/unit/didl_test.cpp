@@ -94,7 +94,10 @@ TEST_F(DidlContainers, OnlyRegularFilesAreParsed) {
   };
   const std::string real = render("real.gif"), link = render("link.gif"), pipe = render("pipe.gif");
   fs::remove_all(folder);
-  EXPECT_NE(real.find("resolution=\"32x24\" size=\"" + std::to_string(gif.size()) + "\""), std::string::npos);
+  EXPECT_NE(real.find("&lt;res resolution=\"32x24\" size=\"" + std::to_string(gif.size()) +
+                      "\" protocolInfo=\"http-get:*:image/*:DLNA.ORG_OP=01\"&gt;http://h:1/mediaitem/7.2&lt;/res&gt;"),
+            std::string::npos)
+      << real;
   EXPECT_EQ(link.find("&lt;res"), std::string::npos) << link;
   EXPECT_EQ(pipe.find("&lt;res"), std::string::npos) << pipe;
   EXPECT_NE(link.find("&lt;dc:title&gt;link&lt;/dc:title&gt;"), std::string::npos);
