@@ -15,7 +15,7 @@ from pathlib import Path
 from benchlib import BUILD, Dms, dms_client, require_namespace, verdict
 
 SIZE = 1 << 30
-RUNS = 10  # per server
+RUNS = 15  # per server, at least 10
 RUN_TIMEOUT = 60  # seconds, per transfer
 SCAN_TIMEOUT = 30
 TARGET_RATIO = 0.95
