@@ -17,6 +17,7 @@ from benchlib import BUILD, Dms, dms_client, require_namespace, verdict
 SIZE = 1 << 30
 RUNS = 15  # per server, at least 10
 RUN_TIMEOUT = 60  # seconds, per transfer
+NO_RESCAN_SECONDS = 3600  # no periodic rescan of the library during the timed runs
 SCAN_TIMEOUT = 30
 TARGET_RATIO = 0.95
 PAD_BLOCK = 1 << 20
@@ -113,7 +114,7 @@ def main():
         folder.chmod(0o755)  # nginx's workers run as an unprivileged user
         target = build_file(folder)
         nginx = start_nginx(folder, target.parent) if NGINX.exists() else None
-        server = Dms(folder / "server", f'path = "{target.parent}"\n')
+        server = Dms(folder / "server", f'path = "{target.parent}"\nrefreshInterval = "{NO_RESCAN_SECONDS}"\n')
         try:
             port = server.wait_ready()
             urls = {"dms": media_url(port)}
