@@ -35,8 +35,9 @@ check: deps build asan
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j 2
 
 # Speed and memory benchmarks: builds every bench/*.cpp in the normal build
-# and runs each one. They work on generated files under /tmp (or BENCH_DIR),
-# never start the server and never use the network; targets are reported.
+# and runs each one on generated files under /tmp (or BENCH_DIR); then runs
+# every bench/*_bench.py, which start the server (and nginx) on 127.0.0.1,
+# inside a private network namespace. Targets are reported, never asserted.
 BENCH_DIR ?= /tmp
 bench:
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
@@ -44,6 +45,9 @@ bench:
 	@for src in bench/*.cpp; do \
 	  name=$$(basename $$src .cpp); \
 	  $(BUILD)/$$name $(BENCH_DIR) || exit 1; \
+	done
+	@for script in bench/*_bench.py; do \
+	  DMS_BUILD_DIR=$(CURDIR)/$(BUILD) tools/netns-run /usr/bin/python3 $$script || exit 1; \
 	done
 
 # Coverage-guided fuzzing with libFuzzer (clang): FUZZ_SECONDS per harness.

@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cinttypes>
+#include <charconv>
 #include <cstdio>
 #include <ctime>
 #include <optional>
@@ -49,14 +49,23 @@ std::string titleWithoutExtension(const std::string& title) {
   return DmsDidl_Escape(dot == std::string::npos ? std::string_view(title) : std::string_view(title).substr(0, dot));
 }
 
-ItemFacts readItemFacts(const DmsObject* target) {
-  ItemFacts facts;
+// Opens the item's file: by name in its folder when the caller holds that
+// folder open, by full path otherwise. The open refuses a symbolic link and
+// never waits on a FIFO; readItemFacts then rejects anything not regular.
+int openItem(const DmsObject* target, int folderFd) {
+  constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  if (folderFd >= 0) return target->title.empty() ? -1 : ::openat(folderFd, target->title.c_str(), kFlags);
   const std::string path = DmsObject_GetPath(target);
-  struct stat info {};
-  if (!path.empty() && ::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
-    facts.size = static_cast<int64_t>(info.st_size);
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) {
+  return path.empty() ? -1 : ::open(path.c_str(), kFlags);
+}
+
+ItemFacts readItemFacts(const DmsObject* target, int folderFd) {
+  ItemFacts facts;
+  const int fd = openItem(target, folderFd);
+  if (fd >= 0) {
+    struct stat info {};
+    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+      facts.size = static_cast<int64_t>(info.st_size);
       if (MediaStreamPtr stream = MediaStream_new(fd, 0, facts.size, true)) {
         facts.parsed = true;
         if (stream->title) facts.title = DmsDidl_Escape(*stream->title);
@@ -72,26 +81,37 @@ ItemFacts readItemFacts(const DmsObject* target) {
           facts.height = stream->streamInfo[0].height;
         }
       }
-      ::close(fd);
     }
+    ::close(fd);
   }
   if (facts.title.empty()) facts.title = titleWithoutExtension(target->title);
   return facts;
 }
 
-std::string formatId(DmsObjectId id) {
+template <typename Number>
+void appendNumber(std::string& out, Number value) {
+  char text[24];
+  out.append(text, std::to_chars(text, text + sizeof text, value).ptr);
+}
+
+void appendId(std::string& out, DmsObjectId id) {
   char text[DmsObjectId_TextSize];
-  DmsObjectId_Format(id, text);
-  return text;
+  out.append(text, static_cast<size_t>(DmsObjectId_Format(id, text)));
 }
 
-std::string didlId(const DmsObject* object) {
-  return object->id == DmsObjectId{0, 0} ? std::string("0") : formatId(object->id);
+void appendDidlId(std::string& out, const DmsObject* object) {
+  if (object->id == DmsObjectId{0, 0}) out += '0';
+  else appendId(out, object->id);
 }
 
-std::string parentId(const DmsObject* object) {
-  if (!object->parent) return "-1";
-  return didlId(object->parent);
+// "http://host:port" + `path` + the id: the media and thumbnail URLs.
+void appendUrl(std::string& out, const char* host, uint16_t port, const char* path, DmsObjectId id) {
+  out += "http://";
+  out += host;
+  out += ':';
+  appendNumber(out, port);
+  out += path;
+  appendId(out, id);
 }
 
 void appendTag(std::string& out, const char* name, const std::optional<std::string>& value, bool wanted) {
@@ -110,29 +130,33 @@ void appendTag(std::string& out, const char* name, const std::optional<std::stri
 void appendResources(std::string& out, const DmsObject* target, const ItemFacts& facts, const char* host,
                      uint16_t port, bool image) {
   const char* mime = target->mimeType ? target->mimeType : (image ? "image/*" : "*");
-  const std::string id = formatId(target->id);
-  char head[128];
+  out += "&lt;res ";
   if (image) {
-    std::snprintf(head, sizeof head, "resolution=\"%ux%u\"", facts.width, facts.height);
+    out += "resolution=\"";
+    appendNumber(out, facts.width);
+    out += 'x';
+    appendNumber(out, facts.height);
+    out += '"';
   } else {
     const uint32_t timescale = facts.timescale ? facts.timescale : 1;
     const uint32_t seconds = facts.duration / timescale;
     const auto fraction = static_cast<uint32_t>(static_cast<uint64_t>(facts.duration % timescale) * 1000000u / timescale);
-    std::snprintf(head, sizeof head, "duration=\"%u:%02u:%02u.%06u\"", seconds / 3600, (seconds % 3600) / 60,
-                  seconds % 60, fraction);
+    char duration[64];
+    const int length = std::snprintf(duration, sizeof duration, "duration=\"%u:%02u:%02u.%06u\"", seconds / 3600,
+                                     (seconds % 3600) / 60, seconds % 60, fraction);
+    out.append(duration, static_cast<size_t>(length));
   }
-  char res[512];
-  std::snprintf(res, sizeof res,
-                "&lt;res %s size=\"%" PRId64 "\" protocolInfo=\"http-get:*:%s:DLNA.ORG_OP=01\"&gt;"
-                "http://%s:%d/mediaitem/%s&lt;/res&gt;",
-                head, facts.size, mime, host, port, id.c_str());
-  out += res;
+  out += " size=\"";
+  appendNumber(out, facts.size);
+  out += "\" protocolInfo=\"http-get:*:";
+  out += mime;
+  out += ":DLNA.ORG_OP=01\"&gt;";
+  appendUrl(out, host, port, "/mediaitem/", target->id);
+  out += "&lt;/res&gt;";
   if (!facts.hasThumbnail) return;
-  std::snprintf(res, sizeof res,
-                "&lt;res protocolInfo=\"http-get:*:image/jpeg:DLNA.ORG_PN=JPEG_TN;DLNA.ORG_OP=01;DLNA.ORG_CI=1\"&gt;"
-                "http://%s:%d/thumbnail/%s&lt;/res&gt;",
-                host, port, id.c_str());
-  out += res;
+  out += "&lt;res protocolInfo=\"http-get:*:image/jpeg:DLNA.ORG_PN=JPEG_TN;DLNA.ORG_OP=01;DLNA.ORG_CI=1\"&gt;";
+  appendUrl(out, host, port, "/thumbnail/", target->id);
+  out += "&lt;/res&gt;";
 }
 
 void renderItemBody(std::string& out, const DmsObject* target, const ItemFacts& facts, const char* host,
@@ -154,12 +178,9 @@ void renderItemBody(std::string& out, const DmsObject* target, const ItemFacts& 
     }
   }
   if (facts.hasThumbnail && (filter & DmsFilter_AlbumArt)) {
-    char art[256];
-    std::snprintf(art, sizeof art,
-                  "&lt;upnp:albumArtURI dlna:profileID=\"JPEG_TN\" xmlns:dlna=\"urn:schemas-dlna-org:metadata-1-0/\"&gt;"
-                  "http://%s:%d/thumbnail/%s&lt;/upnp:albumArtURI&gt;",
-                  host, port, formatId(target->id).c_str());
-    out += art;
+    out += "&lt;upnp:albumArtURI dlna:profileID=\"JPEG_TN\" xmlns:dlna=\"urn:schemas-dlna-org:metadata-1-0/\"&gt;";
+    appendUrl(out, host, port, "/thumbnail/", target->id);
+    out += "&lt;/upnp:albumArtURI&gt;";
   }
   if (facts.parsed && (image || audioVideo) && (filter & DmsFilter_Res)) appendResources(out, target, facts, host, port, image);
 }
@@ -193,7 +214,8 @@ std::string DmsDidl_Escape(std::string_view text) {
   return out;
 }
 
-std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint16_t port, uint32_t filter) {
+std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint16_t port, uint32_t filter,
+                                 int folderFd) {
   if (!object) return {};
   const bool container = object->kind == DmsKind_Container;
   const char* element = container ? "container" : "item";
@@ -203,16 +225,21 @@ std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint
   out += "&lt;";
   out += element;
   out += " id=\"";
-  out += didlId(object);
+  appendDidlId(out, object);
   out += "\" parentID=\"";
-  out += parentId(object);
+  if (object->parent) appendDidlId(out, object->parent);
+  else out += "-1";
   out += "\" ";
   if ((filter & DmsFilter_RefId) && object->kind == DmsKind_Reference && object->item) {
-    out += "refID=\"" + formatId(object->item->id) + "\"";
+    out += "refID=\"";
+    appendId(out, object->item->id);
+    out += '"';
   }
   out += " restricted=\"0\" ";
   if (container && (filter & DmsFilter_ChildCount)) {
-    out += "childCount=\"" + std::to_string(object->childCount < 0 ? 0 : object->childCount) + "\"";
+    out += "childCount=\"";
+    appendNumber(out, object->childCount < 0 ? 0 : object->childCount);
+    out += '"';
   }
   out += "&gt;&lt;upnp:class&gt;";
   out += object->upnpClass ? object->upnpClass : "";
@@ -222,8 +249,9 @@ std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint
     out += volume ? std::string("Volume") : DmsDidl_Escape(object->title);
     out += "&lt;/dc:title&gt;";
   } else {
+    // A reference's item lives in another folder than the reference.
     const DmsObject* target = object->item ? object->item : object;
-    const ItemFacts facts = readItemFacts(target);
+    const ItemFacts facts = readItemFacts(target, target == object ? folderFd : -1);
     out += facts.title;
     out += "&lt;/dc:title&gt;";
     renderItemBody(out, target, facts, host, port, filter);

@@ -27,7 +27,10 @@ uint32_t DmsDidl_ParseFilter(std::string_view filter);
 
 // One `item` or `container` element, escaped for the SOAP body. `host` and
 // `port` form the media and thumbnail URLs. Items are parsed from their file.
-std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint16_t port, uint32_t filter);
+// `folderFd`, when not -1, is the object's parent folder opened by the caller:
+// an item in it is then opened by its name alone instead of its full path.
+std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint16_t port, uint32_t filter,
+                                 int folderFd = -1);
 
 // Doubly escapes the five XML special characters.
 std::string DmsDidl_Escape(std::string_view text);

@@ -4,6 +4,7 @@
 #include "dms/DmsObject.h"
 
 #include <atomic>
+#include <charconv>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -74,7 +75,13 @@ void freeObject(DmsObject* object) {
 }  // namespace
 
 int DmsObjectId_Format(DmsObjectId id, char text[DmsObjectId_TextSize]) {
-  return std::snprintf(text, DmsObjectId_TextSize, "%" PRIu64 ".%" PRIu64, id.high, id.low);
+  // to_chars: every Browse formats several ids per item, and printf's
+  // format parsing cost more than the digits.
+  char* end = std::to_chars(text, text + DmsObjectId_TextSize - 1, id.high).ptr;
+  *end++ = '.';
+  end = std::to_chars(end, text + DmsObjectId_TextSize - 1, id.low).ptr;
+  *end = '\0';
+  return static_cast<int>(end - text);
 }
 
 bool DmsObjectId_Parse(const char* text, DmsObjectId& id) {

@@ -59,22 +59,23 @@ def exchange(port, raw, host="127.0.0.1", expect_body=True):
         return read_reply(conn, expect_body)
 
 
-def soap_request(action, arguments, service=CONTENT_DIRECTORY, method="POST", path="/DMS/ContentDirectory/control"):
+def soap_request(action, arguments, service=CONTENT_DIRECTORY, method="POST", path="/DMS/ContentDirectory/control",
+                 connection="close"):
     inner = "".join(f"<{name}>{value}</{name}>" for name, value in arguments)
     body = ('<?xml version="1.0"?><s:Envelope xmlns:s="http://schemas.xmlsoap.org/soap/envelope/" '
             's:encodingStyle="http://schemas.xmlsoap.org/soap/encoding/"><s:Body>'
             f'<u:{action} xmlns:u="{service}">{inner}</u:{action}></s:Body></s:Envelope>').encode()
     head = (f"{method} {path} HTTP/1.1\r\nHost: test\r\nContent-Type: text/xml; charset=\"utf-8\"\r\n"
-            f"SOAPACTION: \"{service}#{action}\"\r\nContent-Length: {len(body)}\r\nConnection: close\r\n\r\n")
+            f"SOAPACTION: \"{service}#{action}\"\r\nContent-Length: {len(body)}\r\nConnection: {connection}\r\n\r\n")
     return head.encode() + body
 
 
 def browse_raw(port, object_id, flag="BrowseDirectChildren", filt="*", start=0, count=0, method="POST",
-               extra=None):
+               extra=None, host="127.0.0.1"):
     arguments = [("ObjectID", object_id), ("BrowseFlag", flag), ("Filter", filt),
                  ("StartingIndex", start), ("RequestedCount", count), ("SortCriteria", "")]
     return exchange(port, soap_request("Browse", extra if extra is not None else arguments, method=method),
-                    expect_body=method != "HEAD")
+                    host=host, expect_body=method != "HEAD")
 
 
 def browse(port, object_id, **kwargs):

@@ -5,6 +5,9 @@ GSSDP browser for ssdp:all saw on IFACE (USN and locations).
 `gupnp_probe.py device IFACE SECONDS` waits for a MediaServer device proxy,
 introspects every service it lists and prints its fields, action names and
 state variable names. Exits 1 when nothing was found in time.
+`gupnp_probe.py browse IFACE SECONDS` waits for a ContentDirectory service
+proxy, walks the whole tree from "0" through its Browse action, parses every
+Result with GUPnP-AV's DIDL-Lite parser and prints what that parser saw.
 """
 import json
 import sys
@@ -13,9 +16,12 @@ import gi
 
 gi.require_version("GSSDP", "1.6")
 gi.require_version("GUPnP", "1.6")
-from gi.repository import GLib, GSSDP, GUPnP  # noqa: E402
+gi.require_version("GUPnPAV", "1.0")
+from gi.repository import GLib, GObject, GSSDP, GUPnP, GUPnPAV  # noqa: E402
 
 MEDIA_SERVER = "urn:schemas-upnp-org:device:MediaServer:1"
+CONTENT_DIRECTORY = "urn:schemas-upnp-org:service:ContentDirectory:1"
+MAX_BROWSES = 1000  # bounds the walk should a container ever list itself
 
 
 def browse_ssdp(interface, seconds):
@@ -71,6 +77,74 @@ def introspect_device(interface, seconds):
     return 0 if result.get("udn") and not pending else 1
 
 
+def find_content_directory(interface, seconds):
+    loop = GLib.MainLoop()
+    context = GUPnP.Context.new_full(interface, None, 0, GSSDP.UDAVersion.VERSION_1_0)
+    control_point = GUPnP.ControlPoint.new(context, CONTENT_DIRECTORY)
+    found = []
+
+    def available(_control_point, proxy):
+        found.append(proxy)
+        loop.quit()
+
+    control_point.connect("service-proxy-available", available)
+    control_point.set_active(True)
+    GLib.timeout_add_seconds(seconds, loop.quit)
+    loop.run()
+    return (found[0], context, control_point) if found else (None, context, control_point)
+
+
+def parsed_object(didl_object):
+    found = {"id": didl_object.get_id(), "parentID": didl_object.get_parent_id(),
+             "title": didl_object.get_title(), "class": didl_object.get_upnp_class(), "res": []}
+    if isinstance(didl_object, GUPnPAV.DIDLLiteContainer):
+        found["childCount"] = didl_object.get_child_count()
+    for resource in didl_object.get_resources():
+        info = resource.get_protocol_info()
+        found["res"].append({
+            "uri": resource.get_uri(), "protocol": info.get_protocol(), "network": info.get_network(),
+            "mime": info.get_mime_type(), "profile": info.get_dlna_profile(),
+            "operation": int(info.get_dlna_operation()), "conversion": int(info.get_dlna_conversion()),
+            "flags": int(info.get_dlna_flags())})
+    return found
+
+
+def browse_page(proxy, object_id, start):
+    names = ["ObjectID", "BrowseFlag", "Filter", "StartingIndex", "RequestedCount", "SortCriteria"]
+    values = [object_id, "BrowseDirectChildren", "*", start, 0, ""]
+    action = proxy.call_action(GUPnP.ServiceProxyAction.new_from_list("Browse", names, values), None)
+    ok, (didl, returned, total) = action.get_result_list(
+        ["Result", "NumberReturned", "TotalMatches"], [GObject.TYPE_STRING, GObject.TYPE_UINT, GObject.TYPE_UINT])
+    if not ok:
+        raise RuntimeError(f"Browse {object_id} gave no result")
+    objects = []
+    parser = GUPnPAV.DIDLLiteParser.new()
+    parser.connect("object-available", lambda _parser, didl_object: objects.append(didl_object))
+    parser.parse_didl(didl)
+    return [parsed_object(o) for o in objects], returned, total
+
+
+def walk_tree(interface, seconds):
+    proxy, *_keep = find_content_directory(interface, seconds)
+    if proxy is None:
+        return 1
+    browses, pending = {}, ["0"]
+    while pending and len(browses) < MAX_BROWSES:
+        object_id = pending.pop(0)
+        if object_id in browses:
+            continue
+        objects, returned, total = browse_page(proxy, object_id, 0)
+        while returned and len(objects) < total:
+            more, returned, total = browse_page(proxy, object_id, len(objects))
+            objects += more
+        browses[object_id] = {"objects": objects, "total": total}
+        pending += [o["id"] for o in objects if "childCount" in o]
+    print(json.dumps(browses))
+    return 0
+
+
+MODES = {"ssdp": browse_ssdp, "device": introspect_device, "browse": walk_tree}
+
 if __name__ == "__main__":
     mode, interface, seconds = sys.argv[1], sys.argv[2], int(sys.argv[3])
-    sys.exit(browse_ssdp(interface, seconds) if mode == "ssdp" else introspect_device(interface, seconds))
+    sys.exit(MODES[mode](interface, seconds))

@@ -1,9 +1,15 @@
 // DIDL-Lite rendering: the filter tokens, the doubled escaping and the exact
 // container elements (items are covered with real files in the scan tests).
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
 
 #include "dms/DmsDidl.h"
 #include "dms/DmsObject.h"
+#include "tests/fixtures/GifFixture.h"
 
 namespace {
 
@@ -64,6 +70,37 @@ TEST_F(DidlContainers, UnreadableItemFallsBackToItsFileName) {
             "&lt;item id=\"8589934597.9\" parentID=\"0\" refID=\"5.9\" restricted=\"0\" &gt;"
             "&lt;upnp:class&gt;object.item.audioItem&lt;/upnp:class&gt;"
             "&lt;dc:title&gt;Track.One&lt;/dc:title&gt;&lt;/item&gt;");
+}
+
+// Only a regular file is parsed: a symbolic link or a FIFO under an item's
+// name renders like a missing file, and the FIFO must not block the render.
+TEST_F(DidlContainers, OnlyRegularFilesAreParsed) {
+  namespace fs = std::filesystem;
+  const fs::path folder = fs::temp_directory_path() / ("didl_test_" + std::to_string(::getpid()));
+  fs::create_directories(folder);
+  const std::vector<uint8_t> gif = GifFixture_Picture("89a", 32, 24, 2);
+  std::ofstream(folder / "real.gif", std::ios::binary).write(reinterpret_cast<const char*>(gif.data()),
+                                                              static_cast<std::streamsize>(gif.size()));
+  fs::create_symlink(folder / "real.gif", folder / "link.gif");
+  ASSERT_EQ(::mkfifo((folder / "pipe.gif").c_str(), 0600), 0);
+
+  DmsObject* volume = DmsObject_New({0, 1}, folder.string().c_str(), dlnaMediaClasses[DmsClass_StorageVolume],
+                                    DmsKind_Container, root, nullptr);
+  uint64_t low = 1;
+  auto render = [&](const char* name) {
+    DmsObject* item = DmsObject_New({7, ++low}, name, dlnaMediaClasses[DmsClass_ImageItem], DmsKind_Item,
+                                    volume, nullptr);
+    return DmsDidl_RenderObject(item, "h", 1, DmsFilter_Res);
+  };
+  const std::string real = render("real.gif"), link = render("link.gif"), pipe = render("pipe.gif");
+  fs::remove_all(folder);
+  EXPECT_NE(real.find("&lt;res resolution=\"32x24\" size=\"" + std::to_string(gif.size()) +
+                      "\" protocolInfo=\"http-get:*:image/*:DLNA.ORG_OP=01\"&gt;http://h:1/mediaitem/7.2&lt;/res&gt;"),
+            std::string::npos)
+      << real;
+  EXPECT_EQ(link.find("&lt;res"), std::string::npos) << link;
+  EXPECT_EQ(pipe.find("&lt;res"), std::string::npos) << pipe;
+  EXPECT_NE(link.find("&lt;dc:title&gt;link&lt;/dc:title&gt;"), std::string::npos);
 }
 
 }  // namespace
