@@ -18,6 +18,7 @@
 #include "dms/DmsObject.h"
 #include "dms/DmsServer.h"
 #include "http/HTTPRequest.h"
+#include "upnp/UPnPDevice.h"
 #include "http/UniqueFd.h"
 
 const char* const dlnaBrowseFlags[2] = {"BrowseDirectChildren", "BrowseMetadata"};
@@ -87,7 +88,7 @@ bool writeHeader(HTTPRequest* request, HTTPResponse* response) {
   header += date;
   header += "\r\nContent-Type: text/xml; charset=\"utf-8\"\r\nTransfer-Encoding: chunked\r\nConnection: ";
   header += response->keepAlive ? "keep-alive" : "close";
-  header += "\r\nEXT:\r\nServer: " + info.osText + " UPnP/1.0 " + info.modelName + "/" + info.modelNumber + "\r\n\r\n";
+  header += "\r\nEXT:\r\nServer: " + std::string(UPnP_OsToken()) + " UPnP/1.0 " + info.modelName + "/" + info.modelNumber + "\r\n\r\n";
   if (HTTPRequest_WriteData(request, header.data(), header.size())) return true;
   response->keepAlive = false;
   return false;

@@ -88,12 +88,6 @@ std::string hostFriendlyName() {
   return name;
 }
 
-std::string hostOsText() {
-  utsname host{};
-  if (::uname(&host) != 0) return {};
-  return std::string(host.sysname) + "/" + host.release;
-}
-
 // Stable across restarts: "DMS", a version-1 layout and the first
 // interface's MAC address. Without any interface the UUID is random.
 std::string makeUdn() {
@@ -181,7 +175,6 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
   info.modelName = limited(modelName, kTextLimit);
   info.modelNumber = limited(modelNumber, kModelNumberLimit);
   info.modelDescription = limited(modelDescription, kTextLimit);
-  if (info.osText.empty()) info.osText = hostOsText().substr(0, kTextLimit);
   info.udn = makeUdn();
   info.startTime = static_cast<int64_t>(::time(nullptr));
 

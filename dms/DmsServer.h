@@ -29,7 +29,6 @@ struct DmsServerInfo {
   std::string modelName;         // at most 127
   std::string modelNumber;       // at most 31
   std::string modelDescription;  // at most 127
-  std::string osText;            // "system/release", at most 127 characters
   std::string udn;               // 36-character upper-case UUID text
   int64_t startTime = 0;
   uint16_t refreshInterval = 0;  // seconds, never below 30

@@ -275,8 +275,13 @@ int UPnPDevice_HandleRequest(HTTPResponse* response, void*, const char* path, co
   return 0;
 }
 
-bool UPnPDevice_Open(UPnPDevice* device, uint16_t port) {
+const char* UPnP_OsToken() {
   std::call_once(gOsTokenOnce, ComputeOsToken);
+  return gOsToken.c_str();
+}
+
+bool UPnPDevice_Open(UPnPDevice* device, uint16_t port) {
+  UPnP_OsToken();
   if (!device) return false;
   if (device->running) return true;
   device->port = port;

@@ -101,6 +101,10 @@ struct UPnPDevice {
   std::vector<MDNSResponder*> mdnsResponders{};
 };
 
+// "system/release" of the host (at most 127 characters), computed once; the
+// product token of every Server line and SSDP message.
+const char* UPnP_OsToken();
+
 // Starts the HTTP server on `port` (0: any free port; the bound port is then
 // in device->port) and the device thread. True when running.
 bool UPnPDevice_Open(UPnPDevice* device, uint16_t port);
