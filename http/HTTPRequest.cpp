@@ -7,6 +7,8 @@
 
 #include <fcntl.h>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <strings.h>
 #include <sys/sendfile.h>
@@ -21,6 +23,7 @@
 #include <cstring>
 #include <ctime>
 #include <new>
+#include <optional>
 #include <string_view>
 
 #include "http/UniqueFd.h"
@@ -294,6 +297,21 @@ std::string MakeReplyHeader(const HTTPResponse& response, const ReplyPlan& plan)
   return header;
 }
 
+// Holds back partial segments on a socket for its lifetime: the header then
+// leaves together with the first body bytes and the body in full segments,
+// and the tail goes out as soon as the scope ends.
+class CorkScope {
+ public:
+  explicit CorkScope(int socket) : socket_(socket) { setCork(1); }
+  ~CorkScope() { setCork(0); }
+  CorkScope(const CorkScope&) = delete;
+  CorkScope& operator=(const CorkScope&) = delete;
+
+ private:
+  void setCork(int value) { setsockopt(socket_, IPPROTO_TCP, TCP_CORK, &value, sizeof value); }
+  int socket_;
+};
+
 int64_t SendFileBody(int socket, const ReplyPlan& plan) {
   off_t position = plan.fileStart;
   int64_t sent = 0;
@@ -466,6 +484,8 @@ bool HTTPResponse_Send(HTTPRequest* request, HTTPResponse* response) {
   if (response->filePath) PlanFileReply(*request, *response, plan);
 
   std::string header = MakeReplyHeader(*response, plan);
+  std::optional<CorkScope> cork;
+  if (plan.file.valid() && request->method != HTTP_METHOD_HEAD) cork.emplace(request->socket);
   if (!HTTPRequest_WriteData(request, header.data(), header.size())) return false;
   if (request->method == HTTP_METHOD_HEAD) return true;
 
