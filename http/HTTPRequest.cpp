@@ -23,7 +23,6 @@
 #include <cstring>
 #include <ctime>
 #include <new>
-#include <optional>
 #include <string_view>
 
 #include "http/UniqueFd.h"
@@ -297,20 +296,9 @@ std::string MakeReplyHeader(const HTTPResponse& response, const ReplyPlan& plan)
   return header;
 }
 
-// Holds back partial segments on a socket for its lifetime: the header then
-// leaves together with the first body bytes and the body in full segments,
-// and the tail goes out as soon as the scope ends.
-class CorkScope {
- public:
-  explicit CorkScope(int socket) : socket_(socket) { setCork(1); }
-  ~CorkScope() { setCork(0); }
-  CorkScope(const CorkScope&) = delete;
-  CorkScope& operator=(const CorkScope&) = delete;
-
- private:
-  void setCork(int value) { setsockopt(socket_, IPPROTO_TCP, TCP_CORK, &value, sizeof value); }
-  int socket_;
-};
+void SetCork(int socket, int value) {
+  if (socket >= 0) setsockopt(socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value);
+}
 
 int64_t SendFileBody(int socket, const ReplyPlan& plan) {
   off_t position = plan.fileStart;
@@ -435,6 +423,12 @@ bool HTTPRequest_WriteData(HTTPRequest* request, const void* data, size_t length
   return true;
 }
 
+HTTPRequest_CorkScope::HTTPRequest_CorkScope(const HTTPRequest* request) : socket_(request ? request->socket : -1) {
+  SetCork(socket_, 1);
+}
+
+HTTPRequest_CorkScope::~HTTPRequest_CorkScope() { SetCork(socket_, 0); }
+
 bool HTTPRequest_GetSockName(const HTTPRequest* request, char* host, size_t hostSize, uint16_t* port) {
   return SocketAddress(request, getsockname, host, hostSize, port);
 }
@@ -484,8 +478,9 @@ bool HTTPResponse_Send(HTTPRequest* request, HTTPResponse* response) {
   if (response->filePath) PlanFileReply(*request, *response, plan);
 
   std::string header = MakeReplyHeader(*response, plan);
-  std::optional<CorkScope> cork;
-  if (plan.file.valid() && request->method != HTTP_METHOD_HEAD) cork.emplace(request->socket);
+  // Corked, the header rides with the first body bytes.
+  std::optional<HTTPRequest_CorkScope> cork;
+  if (plan.file.valid() && request->method != HTTP_METHOD_HEAD) cork.emplace(request);
   if (!HTTPRequest_WriteData(request, header.data(), header.size())) return false;
   if (request->method == HTTP_METHOD_HEAD) return true;
 
