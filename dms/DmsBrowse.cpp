@@ -189,6 +189,9 @@ void DmsBrowse_Browse(HTTPRequest* request, const char* serviceType, const char*
     return;
   }
   response->handled = true;
+  // The reply is written as it is rendered, in a chunk per page; corked,
+  // the pages leave in full segments instead of one segment each.
+  const HTTPRequest_CorkScope cork(request);
   if (!writeHeader(request, response)) return;
   if (HTTPRequest_GetMethod(request) == HTTP_METHOD_HEAD) return;
 

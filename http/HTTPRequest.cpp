@@ -7,6 +7,8 @@
 
 #include <fcntl.h>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <strings.h>
 #include <sys/sendfile.h>
@@ -294,6 +296,10 @@ std::string MakeReplyHeader(const HTTPResponse& response, const ReplyPlan& plan)
   return header;
 }
 
+void SetCork(int socket, int value) {
+  if (socket >= 0) setsockopt(socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value);
+}
+
 int64_t SendFileBody(int socket, const ReplyPlan& plan) {
   off_t position = plan.fileStart;
   int64_t sent = 0;
@@ -417,6 +423,12 @@ bool HTTPRequest_WriteData(HTTPRequest* request, const void* data, size_t length
   return true;
 }
 
+HTTPRequest_CorkScope::HTTPRequest_CorkScope(const HTTPRequest* request) : socket_(request ? request->socket : -1) {
+  SetCork(socket_, 1);
+}
+
+HTTPRequest_CorkScope::~HTTPRequest_CorkScope() { SetCork(socket_, 0); }
+
 bool HTTPRequest_GetSockName(const HTTPRequest* request, char* host, size_t hostSize, uint16_t* port) {
   return SocketAddress(request, getsockname, host, hostSize, port);
 }
@@ -466,6 +478,9 @@ bool HTTPResponse_Send(HTTPRequest* request, HTTPResponse* response) {
   if (response->filePath) PlanFileReply(*request, *response, plan);
 
   std::string header = MakeReplyHeader(*response, plan);
+  // Corked, the header rides with the first body bytes.
+  std::optional<HTTPRequest_CorkScope> cork;
+  if (plan.file.valid() && request->method != HTTP_METHOD_HEAD) cork.emplace(request);
   if (!HTTPRequest_WriteData(request, header.data(), header.size())) return false;
   if (request->method == HTTP_METHOD_HEAD) return true;
 

@@ -118,6 +118,19 @@ ssize_t HTTPRequest_ReadData(HTTPRequest* request, void* buffer, size_t length);
 // Writes every byte, waiting up to 10 s each time for the socket to take data.
 // True only when all went out; with a null request or data, true only for 0.
 bool HTTPRequest_WriteData(HTTPRequest* request, const void* data, size_t length);
+// For its lifetime, holds back partial TCP segments on the request's socket,
+// so that a reply written in pieces leaves in full segments; the tail goes
+// out as soon as the scope ends. Does nothing for a null request.
+class HTTPRequest_CorkScope {
+ public:
+  explicit HTTPRequest_CorkScope(const HTTPRequest* request);
+  ~HTTPRequest_CorkScope();
+  HTTPRequest_CorkScope(const HTTPRequest_CorkScope&) = delete;
+  HTTPRequest_CorkScope& operator=(const HTTPRequest_CorkScope&) = delete;
+
+ private:
+  int socket_;
+};
 // Local (SockName) or remote (PeerName) address of the connection as numeric
 // text into `host` (when given with a size above 0) and the port in host order
 // through `port` (when given). False when the address cannot be read.

@@ -45,19 +45,38 @@ void dropIfNotUtf8(std::optional<std::string>& text) {
 // thread serve the descriptor from one read-ahead window filled with pread:
 // the parsers read in small pieces, and a system call per piece would cost
 // far more than the parsing itself. Outside a probe they go to the kernel.
+// Each thread keeps its window for its lifetime, so a probe allocates nothing.
 constexpr size_t kReadWindowSize = 16384;
 
 struct ReadWindow {
   int fd = -1;
-  int64_t position = 0;  // where the next read starts
+  // Every parser begins with an absolute seek, so the descriptor's own
+  // position is asked of the kernel only when a read or relative seek comes
+  // first, and a descriptor that cannot seek then leaves the window.
+  bool positioned = false;
+  int64_t position = 0;  // where the next read starts, once positioned
   int64_t start = 0;     // file offset of data[0]
   size_t filled = 0;
   std::array<unsigned char, kReadWindowSize> data;
 };
 
+thread_local std::unique_ptr<ReadWindow> threadWindow;
 thread_local ReadWindow* activeWindow = nullptr;
 
-ReadWindow* windowFor(int fd) { return activeWindow && activeWindow->fd == fd ? activeWindow : nullptr; }
+// The window serving `fd` on this thread, positioned, or null.
+ReadWindow* windowFor(int fd) {
+  ReadWindow* window = activeWindow;
+  if (!window || window->fd != fd) return nullptr;
+  if (window->positioned) return window;
+  const int64_t position = static_cast<int64_t>(::lseek(fd, 0, SEEK_CUR));
+  if (position < 0) {
+    activeWindow = nullptr;
+    return nullptr;
+  }
+  window->position = position;
+  window->positioned = true;
+  return window;
+}
 
 // Reads at `at` without moving the descriptor; retries when interrupted.
 ssize_t readAt(int fd, unsigned char* out, size_t count, int64_t at) {
@@ -95,27 +114,30 @@ bool windowRead(ReadWindow& window, unsigned char* out, size_t count) {
   return true;
 }
 
-// Makes the calling thread read `fd` through a window for its lifetime; does
-// nothing for a descriptor that cannot seek.
+// Makes the calling thread read `fd` through its window for the lifetime of
+// the scope, unless an outer scope already holds the window.
 class ReadWindowScope {
  public:
   explicit ReadWindowScope(int fd) {
-    const int64_t position = ::lseek(fd, 0, SEEK_CUR);
-    if (position < 0 || activeWindow) return;
-    window_.reset(new (std::nothrow) ReadWindow);
-    if (!window_) return;
-    window_->fd = fd;
-    window_->position = position;
-    activeWindow = window_.get();
+    if (activeWindow) return;
+    if (!threadWindow) threadWindow.reset(new (std::nothrow) ReadWindow);
+    if (!threadWindow) return;
+    ReadWindow& window = *threadWindow;
+    window.fd = fd;
+    window.positioned = false;
+    window.start = 0;
+    window.filled = 0;
+    activeWindow = &window;
+    owner_ = true;
   }
   ~ReadWindowScope() {
-    if (window_) activeWindow = nullptr;
+    if (owner_) activeWindow = nullptr;
   }
   ReadWindowScope(const ReadWindowScope&) = delete;
   ReadWindowScope& operator=(const ReadWindowScope&) = delete;
 
  private:
-  std::unique_ptr<ReadWindow> window_;
+  bool owner_ = false;
 };
 
 }  // namespace
@@ -193,16 +215,23 @@ bool MediaRead_U32LE(int fd, uint32_t& value) { return readInteger<uint32_t, fal
 bool MediaRead_U64BE(int fd, uint64_t& value) { return readInteger<uint64_t, true>(fd, value); }
 
 int64_t MediaSeek(int fd, int64_t offset, int whence) {
-  ReadWindow* window = windowFor(fd);
+  ReadWindow* window = activeWindow && activeWindow->fd == fd ? activeWindow : nullptr;
+  int64_t target = offset;
+  if (window && whence == SEEK_CUR) {
+    window = windowFor(fd);
+    if (window && __builtin_add_overflow(window->position, offset, &target)) return -1;
+  }
   if (!window || (whence != SEEK_SET && whence != SEEK_CUR)) {
     const int64_t position = static_cast<int64_t>(::lseek(fd, static_cast<off_t>(offset), whence));
-    if (window && position >= 0) window->position = position;
+    if (window && position >= 0) {
+      window->position = position;
+      window->positioned = true;
+    }
     return position;
   }
-  int64_t target = offset;
-  if (whence == SEEK_CUR && __builtin_add_overflow(window->position, offset, &target)) return -1;
   if (target < 0) return -1;
   window->position = target;
+  window->positioned = true;
   return target;
 }
 

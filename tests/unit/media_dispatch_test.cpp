@@ -4,6 +4,9 @@
 // three bytes per character are dropped on the way out.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <cstdio>
 #include <string>
 
 #include "tests/fixtures/ByteWriter.h"
@@ -103,6 +106,42 @@ TEST(MediaDispatch, TagsThatAreNotUtf8AreDropped) {
   EXPECT_NE(stream.date, 0);
   stream = PROBE(PngFixture_Picture(2, 2, "plain ASCII", ""));
   EXPECT_EQ(stream.title, "plain ASCII");
+}
+
+}  // namespace
+
+namespace {
+
+// Probes `bytes` from a temporary file whose descriptor was left at its end.
+MediaStreamPtr probeFromEnd(const std::vector<uint8_t>& bytes) {
+  FILE* file = std::tmpfile();
+  if (!file) return nullptr;
+  std::fwrite(bytes.data(), 1, bytes.size(), file);
+  std::fflush(file);
+  MediaStreamPtr stream = MediaStream_new(fileno(file), 0, static_cast<int64_t>(bytes.size()), true);
+  std::fclose(file);
+  return stream;
+}
+
+TEST(MediaDispatch, ProbesStartFreshAndNeedASeekableDescriptor) {
+  // Back to back on one thread, each probe sees its own file, whatever the
+  // descriptor's position, and nothing of the file probed before.
+  const std::vector<uint8_t> gif = GifFixture_Picture("89a", 4, 4, 2);
+  const std::vector<uint8_t> png = PngFixture_File({PngFixture_Text("Title", "second")});
+  MediaStreamPtr first = probeFromEnd(gif);
+  ASSERT_NE(first, nullptr);
+  EXPECT_STREQ(first->mimeType, "image/gif");
+  MediaStreamPtr second = probeFromEnd(png);
+  ASSERT_NE(second, nullptr);
+  EXPECT_STREQ(second->mimeType, "image/png");
+  EXPECT_EQ(second->title, "second");
+
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  ASSERT_EQ(::write(ends[1], gif.data(), gif.size()), static_cast<ssize_t>(gif.size()));
+  ::close(ends[1]);
+  EXPECT_EQ(MediaStream_new(ends[0], 0, static_cast<int64_t>(gif.size()), true), nullptr);
+  ::close(ends[0]);
 }
 
 }  // namespace
