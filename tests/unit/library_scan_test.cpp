@@ -13,6 +13,7 @@
 
 #include "dms/DmsLibrary.h"
 #include "dms/DmsObject.h"
+#include "dms/DmsServer.h"
 #include "tests/fixtures/ByteWriter.h"
 #include "tests/fixtures/JpegFixture.h"
 #include "tests/fixtures/Mp4Fixture.h"
@@ -51,20 +52,12 @@ class LibraryScan : public ::testing::Test {
     char name[] = "/tmp/dms-scan-XXXXXX";
     ASSERT_NE(::mkdtemp(name), nullptr);
     dir = name;
-    auto container = [](DmsObjectId id, DmsObjectId parent, const char* title, DmsMediaClass c) {
-      return DmsObject_New(id, title, dlnaMediaClasses[c], DmsKind_Container, DmsObject_Find(parent), nullptr);
-    };
-    container(DmsId_Root, {9, 9}, "root", DmsClass_Container);
-    volume = container(DmsId_MediaDirectory, DmsId_Root, dir.c_str(), DmsClass_StorageVolume);
-    container(DmsId_Pictures, DmsId_Root, "Pictures", DmsClass_Container);
-    container(DmsId_Videos, DmsId_Root, "Videos", DmsClass_Container);
-    music = container(DmsId_Music, DmsId_Root, "Music", DmsClass_Container);
-    container({0, 13}, DmsId_Music, "Genres", DmsClass_MusicGenre);
-    container({0, 12}, DmsId_Music, "Albums", DmsClass_MusicAlbum);
-    artists = container({0, 11}, DmsId_Music, "Artists", DmsClass_MusicArtist);
-    allMusic = container({0, 10}, DmsId_Music, "All Music", DmsClass_Container);
-    container({0, 20}, DmsId_Videos, "All Videos", DmsClass_Container);
-    moments = container({0, 31}, DmsId_Pictures, "Moments", DmsClass_PhotoAlbum);
+    ASSERT_TRUE(DmsServer_BuildTree("root", dir.c_str()));
+    volume = DmsObject_Find(DmsId_MediaDirectory);
+    music = DmsObject_Find(DmsId_Music);
+    artists = DmsObject_Find({0, 11});
+    allMusic = DmsObject_Find({0, 10});
+    moments = DmsObject_Find({0, 31});
   }
   void TearDown() override {
     DmsObject_Free(DmsId_Root);
