@@ -45,8 +45,9 @@ def address():
     return os.environ["DMS_NETNS_ADDR"]
 
 
-class NotifySink:
-    """A callback server that records every request it gets and answers 200."""
+class Listener:
+    """A TCP listener on the namespace address that hands every connection to
+    `_connected` on its own accept thread."""
 
     def __init__(self, port=0):
         self.sock = socket.socket()
@@ -54,8 +55,6 @@ class NotifySink:
         self.sock.bind((address(), port))
         self.sock.listen(16)
         self.port = self.sock.getsockname()[1]
-        self.events = []
-        self.changed = threading.Condition()
         threading.Thread(target=self._accept, daemon=True).start()
 
     def _accept(self):
@@ -64,7 +63,19 @@ class NotifySink:
                 conn, _ = self.sock.accept()
             except OSError:
                 return
-            threading.Thread(target=self._serve, args=(conn,), daemon=True).start()
+            self._connected(conn)
+
+
+class NotifySink(Listener):
+    """A callback server that records every request it gets and answers 200."""
+
+    def __init__(self, port=0):
+        self.events = []
+        self.changed = threading.Condition()
+        super().__init__(port)
+
+    def _connected(self, conn):
+        threading.Thread(target=self._serve, args=(conn,), daemon=True).start()
 
     def _serve(self, conn):
         with conn:
@@ -108,26 +119,17 @@ class NotifySink:
         self.sock.close()
 
 
-class SilentListener:
+class SilentListener(Listener):
     """Accepts connections and never reads from or answers them."""
 
     def __init__(self):
-        self.sock = socket.socket()
-        self.sock.bind((address(), 0))
-        self.sock.listen(16)
-        self.port = self.sock.getsockname()[1]
         self.connections = []
         self.accepted = threading.Event()
-        threading.Thread(target=self._accept, daemon=True).start()
+        super().__init__()
 
-    def _accept(self):
-        while True:
-            try:
-                conn, _ = self.sock.accept()
-            except OSError:
-                return
-            self.connections.append(conn)
-            self.accepted.set()
+    def _connected(self, conn):
+        self.connections.append(conn)
+        self.accepted.set()
 
     def close(self):
         for conn in self.connections:
