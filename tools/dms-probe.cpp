@@ -250,9 +250,9 @@ const char* probeMediaTypeName(int32_t mediaType) {
   }
 }
 
-// Walks one folder as the scan reads it: every entry but the dot-names is
-// lstat-ed, regular files are probed, folders are read after the folder
-// itself. Returns the number of files published in and below it.
+// Walks one folder as the scan reads it: dot-names are passed over, regular
+// files are probed, folders are read after the folder itself, anything else
+// is skipped. Returns the number of files published in and below it.
 int probeFolder(const std::string& folder, ProbeSummary& summary) {
   DIR* directory = ::opendir(folder.c_str());
   if (!directory) {
@@ -267,13 +267,14 @@ int probeFolder(const std::string& folder, ProbeSummary& summary) {
     if (name == "." || name == "..") continue;
     const std::string path = folder + "/" + name;
     struct stat info;
-    if (DmsLibrary_IsHiddenName(name.c_str())) {
-      probePrintSkipped(path, kHiddenName);
-      ++summary.files;
-      ++summary.declined[kHiddenName];
-    } else if (::lstat(path.c_str(), &info) != 0) {
+    if (::lstat(path.c_str(), &info) != 0) {
       std::fprintf(stderr, "%s: %s\n", path.c_str(), std::strerror(errno));
       summary.allExamined = false;
+    } else if (DmsLibrary_IsHiddenName(name.c_str())) {
+      probePrintSkipped(path, kHiddenName);
+      if (S_ISDIR(info.st_mode)) continue;  // the summary counts files
+      ++summary.files;
+      ++summary.declined[kHiddenName];
     } else if (S_ISDIR(info.st_mode)) {
       folders.push_back(name);
     } else if (!S_ISREG(info.st_mode)) {

@@ -221,6 +221,8 @@ def test_folder_walk_explains_every_entry_and_sums_up(tmp_path):
     (tmp_path / "song.mp3").write_bytes(song)
     (tmp_path / "ffmpeg.mp3").write_bytes(mp3_frames("fffb9000", *["fffb9040"] * 3, first_body=bytes(32) + b"Info"))
     (tmp_path / ".hidden.mp3").write_bytes(song)
+    (tmp_path / ".thumbnails").mkdir()
+    (tmp_path / ".thumbnails" / "never.mp3").write_bytes(song)
     (tmp_path / "notes.txt").write_bytes(b"text")
     (tmp_path / "song.aac").write_bytes(b"\xff\xf1\x50\x80" + bytes(2000))
     (tmp_path / "link.mp3").symlink_to("song.mp3")
@@ -236,7 +238,7 @@ def test_folder_walk_explains_every_entry_and_sums_up(tmp_path):
     assert verdicts == {
         "song.mp3": None, "Bad\x01Folder/inner.mp3": None, "caf\ufffd.mp3": None,
         "ffmpeg.mp3": "mp3: the frame after the first has another channel mode",
-        ".hidden.mp3": "the name starts with '.'",
+        ".hidden.mp3": "the name starts with '.'", ".thumbnails": "the name starts with '.'",
         "notes.txt": "the extension is not one the scan accepts",
         "song.aac": "no parser recognises the content",
         "link.mp3": "not a regular file (links, devices and pipes are passed over)",
@@ -246,6 +248,6 @@ def test_folder_walk_explains_every_entry_and_sums_up(tmp_path):
     assert notes["ffmpeg.mp3"] == ['mp3: the first frame is an "Info" header, not read: duration from the data length']
     assert summary == {"summary": {
         "files": 8, "published": {"audio": 3},
-        "declined": {reason: 1 for reason in verdicts.values() if reason},
+        "declined": {reason: 1 for name, reason in verdicts.items() if reason and name != ".thumbnails"},
         "brokenNames": [{"folder": str(tmp_path), "name": "caf\ufffd.mp3", "problem": "bytes that are not UTF-8"},
                         {"folder": str(tmp_path), "name": "Bad\x01Folder", "problem": "a control character"}]}}
