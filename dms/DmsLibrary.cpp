@@ -47,19 +47,6 @@ bool isFolder(const DmsObject* object) {
          object->upnpClass == mediaClass(DmsClass_StorageVolume);
 }
 
-bool hasMediaExtension(std::string_view name) {
-  size_t dot = name.rfind('.');
-  if (dot == std::string_view::npos) return false;
-  std::string_view extension = name.substr(dot);
-  for (std::string_view accepted : kExtensions) {
-    if (extension.size() == accepted.size() &&
-        strncasecmp(extension.data(), accepted.data(), accepted.size()) == 0) {
-      return true;
-    }
-  }
-  return false;
-}
-
 int64_t nowMicros() {
   using namespace std::chrono;
   return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
@@ -74,15 +61,6 @@ DmsObject* sortedInsertionPoint(const DmsObject* folder, const char* name) {
     after = child;
   }
   return after;
-}
-
-const char* itemClassFor(int32_t mediaType) {
-  switch (mediaType) {
-    case MediaType_Audio: return mediaClass(DmsClass_AudioItem);
-    case MediaType_Video: return mediaClass(DmsClass_VideoItem);
-    case MediaType_Image: return mediaClass(DmsClass_ImageItem);
-    default: return nullptr;
-  }
 }
 
 class DirectoryReader {
@@ -114,7 +92,7 @@ void categoriseItems(const std::vector<NewItem>& newItems);
 // Handles one regular file of a folder being read; true when the library changed.
 bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat& info, int32_t pass,
               std::vector<NewItem>& newItems) {
-  if (!hasMediaExtension(name)) return false;
+  if (!DmsLibrary_HasMediaExtension(name)) return false;
   const DmsObjectId id{static_cast<uint64_t>(info.st_dev) + 1, static_cast<uint64_t>(info.st_ino)};
   bool changed = false;
   if (DmsObject* existing = DmsObject_Find(id)) {
@@ -137,8 +115,7 @@ bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat&
   UniqueFd file(::openat(dirFd, name, O_RDONLY | O_CLOEXEC));
   if (file.get() < 0) return changed;
   MediaStreamPtr stream = MediaStream_new(file.get(), 0, static_cast<int64_t>(info.st_size), true);
-  if (!stream || stream->mediaType == MediaType_None || stream->streamCount() == 0) return changed;
-  const char* itemClass = itemClassFor(stream->mediaType);
+  const char* itemClass = DmsLibrary_ItemClass(stream.get());
   if (!itemClass) return changed;
   if (stream->date == 0) stream->date = static_cast<int32_t>(info.st_mtime);
 
@@ -174,7 +151,7 @@ FolderRead readFolder(DmsObject* folder, int32_t pass, int64_t* spent) {
   bool changed = false;
   std::vector<NewItem> newItems;
   while (const dirent* entry = directory.next()) {
-    if (entry->d_name[0] == '.') continue;  // dot-files are never published
+    if (DmsLibrary_IsHiddenName(entry->d_name)) continue;
     struct stat info {};
     if (::fstatat(directory.fd(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
     if (S_ISREG(info.st_mode)) {
@@ -344,6 +321,31 @@ int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent) {
   }
   if (changed) DmsContent_RaiseSystemUpdateId();
   return result;
+}
+
+bool DmsLibrary_IsHiddenName(const char* name) { return name[0] == '.'; }
+
+bool DmsLibrary_HasMediaExtension(std::string_view name) {
+  size_t dot = name.rfind('.');
+  if (dot == std::string_view::npos) return false;
+  std::string_view extension = name.substr(dot);
+  for (std::string_view accepted : kExtensions) {
+    if (extension.size() == accepted.size() &&
+        strncasecmp(extension.data(), accepted.data(), accepted.size()) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+const char* DmsLibrary_ItemClass(const MediaStream* stream) {
+  if (!stream || stream->streamCount() == 0) return nullptr;
+  switch (stream->mediaType) {
+    case MediaType_Audio: return mediaClass(DmsClass_AudioItem);
+    case MediaType_Video: return mediaClass(DmsClass_VideoItem);
+    case MediaType_Image: return mediaClass(DmsClass_ImageItem);
+    default: return nullptr;
+  }
 }
 
 void DmsLibrary_Categorise(DmsObject* item, const MediaStream& metadata) {

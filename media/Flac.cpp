@@ -13,6 +13,7 @@
 #include <memory>
 #include <string_view>
 
+#include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
 
 namespace {
@@ -98,13 +99,16 @@ struct FlacAudio {
 // the whole block, as do a zero sample rate and fewer than 4 bits per sample.
 void flacReadStreamInfo(FlacBlockReader& block, FlacAudio& audio) {
   uint8_t data[8];
-  if (block.length() < kMinStreamInfoLength || !block.skip(kStreamInfoFrameSizes) || !block.read(data, sizeof data)) {
-    return;
-  }
+  if (block.length() < kMinStreamInfoLength) return MediaNote_Unpublished("flac: STREAMINFO shorter than 18 bytes");
+  if (!block.skip(kStreamInfoFrameSizes) || !block.read(data, sizeof data)) return;
   const uint32_t sampleRate = MediaBits_Get(data, 0, 20);
   const uint32_t channels = MediaBits_Get(data, 20, 3) + 1;
   const uint32_t bitsPerSample = MediaBits_Get(data, 23, 5) + 1;
-  if (MediaBits_Get(data, 28, 4) != 0 || sampleRate == 0 || bitsPerSample < kMinBitsPerSample) return;
+  if (MediaBits_Get(data, 28, 4) != 0) return MediaNote_Unpublished("flac: STREAMINFO counts 2^32 samples or more");
+  if (sampleRate == 0) return MediaNote_Unpublished("flac: STREAMINFO gives a sample rate of 0");
+  if (bitsPerSample < kMinBitsPerSample) {
+    return MediaNote_Unpublished("flac: STREAMINFO gives fewer than 4 bits per sample");
+  }
   audio = {sampleRate, static_cast<uint8_t>(channels), static_cast<uint8_t>(bitsPerSample),
            MediaBits_Get(data, 32, 32)};
 }
@@ -191,10 +195,13 @@ void flacReadPicture(FlacBlockReader& block, MediaStream& stream) {
       !block.readU32BE(dataLength) || dataLength > block.remaining()) {
     return;
   }
-  if (dataLength < 1 || dataLength > kMaxCoverLength) return;
+  if (dataLength < 1 || dataLength > kMaxCoverLength) {
+    return MediaNote_Shortcut("flac: an empty picture or one larger than 1 MiB is no cover");
+  }
   stream.coverOffset = block.position();
   stream.coverLength = dataLength;
   stream.coverMimeType = flacCoverMimeType(mime);
+  if (!stream.coverMimeType) MediaNote_Shortcut("flac: a cover of another type than JPEG or PNG gives no thumbnail");
 }
 
 }  // namespace
@@ -234,6 +241,8 @@ bool MediaParse_Flac(int fd, int64_t offset, int64_t length, MediaStream& stream
     MediaStream_AddSound(stream, audio.totalSamples, audio.sampleRate, audio.channels, audio.bitsPerSample);
     stream.duration = audio.totalSamples;
     stream.timescale = audio.sampleRate;
+  } else {
+    MediaNote_Unpublished("flac: no usable STREAMINFO block (or its total of samples is 0)");
   }
   stream.mediaType = MediaType_Audio;
   stream.mimeType = "audio/flac";

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <string_view>
 
+#include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
 
 namespace {
@@ -19,13 +20,18 @@ bool MediaParse_Gif(int fd, int64_t offset, int64_t length, MediaStream& stream,
   uint8_t header[kHeaderSize];
   if (!MediaRead_At(fd, offset, header, sizeof header)) return false;
   const std::string_view signature(reinterpret_cast<const char*>(header), 6);
-  if (signature != "GIF87a" && signature != "GIF89a") return false;
+  if (!signature.starts_with("GIF")) return false;
+  if (signature != "GIF87a" && signature != "GIF89a") {
+    return MediaNote_Decline("gif: the version is neither 87a nor 89a");
+  }
 
   const uint16_t width = MediaBytes_U16LE(header + 6);
   const uint16_t height = MediaBytes_U16LE(header + 8);
   const uint8_t packed = header[10];
   if (width != 0 && height != 0) {
     MediaStream_AddPicture(stream, width, height, static_cast<uint8_t>((packed & kColourBitsMask) + 1));
+  } else {
+    MediaNote_Unpublished("gif: the screen width or height is 0");
   }
   stream.mediaType = MediaType_Image;
   stream.mimeType = "image/gif";

@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "media/Genres.h"
+#include "media/MediaNotes.h"
 
 namespace {
 
@@ -98,7 +99,10 @@ std::optional<std::string> decodeUtf16(const uint8_t* bytes, size_t count, bool 
 // byte and the encoded text. Latin-1 is passed through unchanged (the UTF-8
 // check of the record drops it later when it is not ASCII).
 std::optional<std::string> decodeText(int fd, uint32_t size) {
-  if (size < 1 || size > kMaxTextFrameSize) return std::nullopt;
+  if (size < 1 || size > kMaxTextFrameSize) {
+    MediaNote_Shortcut("id3: a text frame of more than 512 bytes is dropped");
+    return std::nullopt;
+  }
   uint8_t frame[kMaxTextFrameSize];
   if (!MediaRead_Bytes(fd, frame, size)) return std::nullopt;
   const uint8_t* body = frame + 1;
@@ -119,6 +123,7 @@ std::optional<std::string> decodeText(int fd, uint32_t size) {
       return decodeUtf16(body, count, littleEndian);
     }
     case Id3Encoding_Utf16BE:
+      MediaNote_Shortcut("id3: big-endian UTF-16 text comes out garbled or empty");
       return decodeUtf16(body, count, false);
     default:
       return std::nullopt;
@@ -227,12 +232,17 @@ void readPicture(int fd, int64_t frameStart, uint32_t size, unsigned version, Me
   }
 
   const int64_t pictureLength = static_cast<int64_t>(size) - static_cast<int64_t>(at);
-  if (pictureLength < 1 || pictureLength > kMaxCoverLength) return;
+  if (pictureLength < 1 || pictureLength > kMaxCoverLength) {
+    return MediaNote_Shortcut("id3: an empty picture or one larger than 1 MiB is no cover");
+  }
   stream.coverOffset = frameStart + static_cast<int64_t>(at);
   stream.coverLength = pictureLength;
   if (containsNoCase(mime, "jpeg") || containsNoCase(mime, "jpg")) stream.coverMimeType = "image/jpeg";
   else if (containsNoCase(mime, "png")) stream.coverMimeType = "image/png";
-  else stream.coverMimeType = nullptr;
+  else {
+    stream.coverMimeType = nullptr;
+    MediaNote_Shortcut("id3: a cover of another type than JPEG or PNG gives no thumbnail");
+  }
 }
 
 void readFrame(int fd, FrameKind kind, int64_t dataStart, uint32_t size, unsigned version,
@@ -333,7 +343,9 @@ bool Id3_ReadTag(int fd, int64_t start, int64_t length, MediaStream& stream) {
       size + kTagHeaderSize + footer > length ||
       (version == 2 && (flags & (kTagFlagUnsync | kTagFlagCompressedOrExtended))) ||
       ((version == 3 || version == 4) && (flags & kTagFlagUnsync)) || version < 2 || version > 4;
-  if (!framesUnreadable) {
+  if (framesUnreadable) {
+    MediaNote_Shortcut("id3: tag frames not read (unsynchronised, compressed, cut short or an unknown version)");
+  } else {
     TagDate date;
     readFrames(fd, start + kTagHeaderSize, size, version, flags, stream, date);
     applyDate(date, stream);

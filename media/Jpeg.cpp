@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
 #include "media/TiffDirectory.h"
 
@@ -82,9 +83,15 @@ void JpegReadFrame(int fd, uint16_t segmentLength, JpegPicture& picture) {
   if (segmentLength < kMinFrameLength || !MediaRead_Bytes(fd, frame, sizeof frame)) return;
   const uint8_t precision = frame[0];
   const uint8_t components = frame[5];
-  if (precision != 8 && precision != 12 && precision != 16) return;
-  if (components != 1 && components != 3 && components != 4) return;
-  if (segmentLength != components * 3 + kMinFrameLength) return;
+  if (precision != 8 && precision != 12 && precision != 16) {
+    return MediaNote_Unpublished("jpeg: start-of-frame precision is not 8, 12 or 16");
+  }
+  if (components != 1 && components != 3 && components != 4) {
+    return MediaNote_Unpublished("jpeg: start-of-frame has not 1, 3 or 4 components");
+  }
+  if (segmentLength != components * 3 + kMinFrameLength) {
+    return MediaNote_Unpublished("jpeg: start-of-frame length does not match its components");
+  }
   picture.height = static_cast<uint16_t>(MediaBits_Get(frame + 1, 0, 16));
   picture.width = static_cast<uint16_t>(MediaBits_Get(frame + 3, 0, 16));
   picture.bitsPerPixel = static_cast<uint8_t>(precision * components);
@@ -123,6 +130,8 @@ bool MediaParse_Jpeg(int fd, int64_t offset, int64_t length, MediaStream& stream
 
   if (picture.width != 0 && picture.height != 0 && picture.bitsPerPixel != 0) {
     MediaStream_AddPicture(stream, picture.width, picture.height, picture.bitsPerPixel);
+  } else {
+    MediaNote_Unpublished("jpeg: no usable start-of-frame in the first 16 segments");
   }
   stream.mediaType = MediaType_Image;
   stream.mimeType = "image/jpeg";

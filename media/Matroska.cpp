@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "media/Ebml.h"
+#include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
 
 namespace {
@@ -373,13 +374,13 @@ bool MediaParse_Matroska(int fd, int64_t offset, int64_t length, MediaStream& st
     return false;
   }
   const bool webm = docType == "webm";
-  if (!webm && docType != "matroska") return false;
+  if (!webm && docType != "matroska") return MediaNote_Decline("mkv: the document type is neither matroska nor webm");
 
   EbmlWalker topLevel(fd, header.end(), end, kTopLevelChildLimit);
   EbmlElement segment;
   bool haveSegment = false;
   while (!haveSegment && topLevel.next(segment)) haveSegment = segment.id == kIdSegment;
-  if (!haveSegment) return false;
+  if (!haveSegment) return MediaNote_Decline("mkv: no Segment behind the EBML header");
 
   SegmentReader(fd, segment, stream).read();
   for (StreamInfo& info : stream.streamInfo) {
@@ -397,7 +398,7 @@ bool MediaParse_Matroska(int fd, int64_t offset, int64_t length, MediaStream& st
   stream.mimeType = mimeTypeFor(stream.mediaType, webm);
   if (!stream.mimeType) {
     stream = MediaStream{};
-    return false;
+    return MediaNote_Decline("mkv: no usable audio or video track");
   }
   return true;
 }

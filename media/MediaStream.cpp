@@ -15,6 +15,7 @@
 #include <memory>
 #include <new>
 
+#include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
 
 namespace {
@@ -37,8 +38,11 @@ constexpr std::array<ParserSlot, 9> kParsers{{
     {"mp3", MediaParse_Mp3},
 }};
 
-void dropIfNotUtf8(std::optional<std::string>& text) {
-  if (text && !MediaStream_IsUtf8(text->c_str())) text.reset();
+template <size_t N>
+void dropIfNotUtf8(std::optional<std::string>& text, const char (&note)[N]) {
+  if (!text || MediaStream_IsUtf8(text->c_str())) return;
+  text.reset();
+  MediaNote_Shortcut(note);
 }
 
 // While MediaStream_new probes a file, the readers and MediaSeek of that
@@ -152,10 +156,10 @@ MediaStreamPtr MediaStream_new(int fd, int64_t offset, int64_t length, bool meta
   for (const ParserSlot& slot : kParsers) {
     *stream = MediaStream{};
     if (!slot.parse(fd, offset, length, *stream, metadataOnly)) continue;
-    dropIfNotUtf8(stream->title);
-    dropIfNotUtf8(stream->artist);
-    dropIfNotUtf8(stream->album);
-    dropIfNotUtf8(stream->genre);
+    dropIfNotUtf8(stream->title, "tags: the title is not UTF-8 (Latin-1?) and is dropped");
+    dropIfNotUtf8(stream->artist, "tags: the artist is not UTF-8 (Latin-1?) and is dropped");
+    dropIfNotUtf8(stream->album, "tags: the album is not UTF-8 (Latin-1?) and is dropped");
+    dropIfNotUtf8(stream->genre, "tags: the genre is not UTF-8 (Latin-1?) and is dropped");
     return stream;
   }
   return nullptr;

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "media/Id3.h"
+#include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
 
 namespace {
@@ -106,7 +107,12 @@ struct AudioLayout {
 // Takes frame count, byte count and table of contents from a "Xing" header
 // at `xing`, which lies well inside the search buffer.
 void readXing(const uint8_t* xing, AudioLayout& layout) {
-  if (std::memcmp(xing, "Xing", 4) != 0) return;
+  if (std::memcmp(xing, "Info", 4) == 0) {
+    return MediaNote_Shortcut("mp3: the first frame is an \"Info\" header, not read: duration from the data length");
+  }
+  if (std::memcmp(xing, "Xing", 4) != 0) {
+    return MediaNote_Shortcut("mp3: no \"Xing\" header: duration from the first frame's bitrate");
+  }
   const uint32_t flags = MediaBits_Get(xing + 4, 0, 32) & 0xFF;
   const uint8_t* field = xing + 8;
   if (flags & kXingHasFrames) {
@@ -124,26 +130,26 @@ void readXing(const uint8_t* xing, AudioLayout& layout) {
   }
 }
 
-bool sameStream(const FrameHeader& a, const FrameHeader& b) {
-  return a.version == b.version && a.layer == b.layer && a.sampleRate == b.sampleRate &&
-         a.channelMode == b.channelMode;
-}
-
 bool parseMp3(int fd, int64_t offset, int64_t length, MediaStream& stream, bool metadataOnly) {
-  if (!Id3_ReadTag(fd, offset, length, stream) && MediaSeek(fd, offset, SEEK_SET) != offset) return false;
+  const bool tagged = Id3_ReadTag(fd, offset, length, stream);
+  if (!tagged && MediaSeek(fd, offset, SEEK_SET) != offset) return false;
   const int64_t bufferStart = MediaSeek(fd, 0, SEEK_CUR);
   uint8_t buffer[kSearchBufferSize];
-  if (bufferStart < 0 || !MediaRead_Bytes(fd, buffer, sizeof buffer)) return false;
+  if (bufferStart < 0 || !MediaRead_Bytes(fd, buffer, sizeof buffer)) {
+    return tagged && MediaNote_Decline("mp3: fewer than 1024 bytes behind the ID3 tag");
+  }
 
   FrameHeader first;
   size_t index = 0;
   while (index < kSearchPositions && !decodeFrameHeader(buffer + index, first)) ++index;
-  if (index == kSearchPositions) return false;
+  if (index == kSearchPositions) {
+    return tagged && MediaNote_Decline("mp3: no frame header in the first 512 bytes behind the ID3 tag");
+  }
 
   AudioLayout layout;
   layout.firstFrame = bufferStart + static_cast<int64_t>(index);
   layout.audioLength = offset + length - layout.firstFrame;
-  if (layout.audioLength < first.frameLength) return false;
+  if (layout.audioLength < first.frameLength) return MediaNote_Decline("mp3: the first frame runs past the end");
   layout.frameCount = static_cast<uint64_t>(layout.audioLength) / first.frameLength;
   readXing(buffer + index + xingOffset(first), layout);
   const auto totalSamples = static_cast<uint32_t>(first.samplesPerFrame * layout.frameCount);
@@ -152,9 +158,21 @@ bool parseMp3(int fd, int64_t offset, int64_t length, MediaStream& stream, bool 
   uint8_t nextBytes[4];
   FrameHeader next;
   if (!MediaRead_At(fd, nextFrame, nextBytes, sizeof nextBytes) ||
-      MediaSeek(fd, layout.firstFrame, SEEK_SET) != layout.firstFrame ||
-      !decodeFrameHeader(nextBytes, next) || !sameStream(first, next)) {
-    return false;
+      MediaSeek(fd, layout.firstFrame, SEEK_SET) != layout.firstFrame) {
+    return MediaNote_Decline("mp3: the file ends where the second frame should start");
+  }
+  if (!decodeFrameHeader(nextBytes, next)) return MediaNote_Decline("mp3: no frame header where the first frame ends");
+  // The first two frames must agree; a different first frame (say, a VBR
+  // header frame written apart from the audio) makes the file no MP3.
+  if (next.version != first.version) {
+    return MediaNote_Decline("mp3: the frame after the first has another MPEG version");
+  }
+  if (next.layer != first.layer) return MediaNote_Decline("mp3: the frame after the first has another layer");
+  if (next.sampleRate != first.sampleRate) {
+    return MediaNote_Decline("mp3: the frame after the first has another sample rate");
+  }
+  if (next.channelMode != first.channelMode) {
+    return MediaNote_Decline("mp3: the frame after the first has another channel mode");
   }
 
   stream.mediaType = MediaType_Audio;
@@ -164,6 +182,8 @@ bool parseMp3(int fd, int64_t offset, int64_t length, MediaStream& stream, bool 
     stream.timescale = first.sampleRate;
     MediaStream_AddSound(stream, totalSamples, first.sampleRate, first.channelMode == kChannelModeSingle ? 1 : 2,
                          kDecodedBitsPerSample);
+  } else {
+    MediaNote_Unpublished("mp3: the frame count comes out 0 (a \"Xing\" header counting no frames)");
   }
   if (!metadataOnly) {
     auto seek = std::unique_ptr<Mp3SeekInfo>(new (std::nothrow) Mp3SeekInfo);

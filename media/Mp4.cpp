@@ -16,6 +16,7 @@
 #include <string>
 
 #include "media/Genres.h"
+#include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
 
 namespace {
@@ -439,7 +440,7 @@ void Mp4Parser::readItem(const Mp4Box& item) {
       if (dataType == kDataJpeg) stream.coverMimeType = "image/jpeg";
       else if (dataType == kDataPng) stream.coverMimeType = "image/png";
       else if (dataType == kDataBmp) stream.coverMimeType = "image/bmp";
-      else break;
+      else return MediaNote_Shortcut("mp4: a cover of another type than JPEG, PNG or BMP is no cover");
       stream.coverOffset = value;
       stream.coverLength = valueLength;
       break;
@@ -456,7 +457,10 @@ void Mp4Parser::readText(uint32_t dataType, int64_t position, int64_t length,
   std::array<char, kMaxTextValue> bytes;
   if (!MediaRead_At(fd, position, bytes.data(), size_t(length))) return;
   if (dataType == kDataUtf8) text.emplace(bytes.data(), strnlen(bytes.data(), size_t(length)));
-  else if (dataType == kDataUtf16) text.emplace();
+  else if (dataType == kDataUtf16) {
+    text.emplace();
+    MediaNote_Shortcut("mp4: a UTF-16 tag text comes out empty");
+  }
 }
 
 // A genre number counts from 1; 0 and numbers above 255 are ignored.
@@ -516,6 +520,8 @@ bool MediaParse_Mp4(int fd, int64_t offset, int64_t length, MediaStream& stream,
     parser.parseMovie(box);
     break;
   }
+  if (box.type != kMoov) MediaNote_Unpublished("mp4: no moov box among the first 8 top-level boxes");
+  if (stream.streamInfo.empty()) MediaNote_Unpublished("mp4: no track with a usable tkhd and mdia box");
 
   for (const StreamInfo& info : stream.streamInfo) {
     if (info.streamKind == MediaType_Video) {
@@ -526,6 +532,7 @@ bool MediaParse_Mp4(int fd, int64_t offset, int64_t length, MediaStream& stream,
   }
   if (stream.mediaType == MediaType_Video) stream.mimeType = "video/mp4";
   else if (stream.mediaType == MediaType_Audio) stream.mimeType = "audio/mp4";
+  else MediaNote_Unpublished("mp4: no audio or video track");
   stream.seekInfo = std::move(seek);
   return true;
 }

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
 
 namespace {
@@ -94,6 +95,8 @@ bool MediaParse_Png(int fd, int64_t offset, int64_t length, MediaStream& stream,
       pngReadHeader(fd, header);
     } else if (chunkType == "tEXt" && chunkLength >= kMinTextLength && chunkLength <= kMaxTextLength) {
       pngReadText(fd, chunkLength, stream);
+    } else if (chunkType == "iTXt" || chunkType == "zTXt") {
+      MediaNote_Shortcut("png: iTXt and zTXt text chunks are not read");
     }
     position += static_cast<int64_t>(chunkLength) + kChunkOverhead;
   }
@@ -101,6 +104,8 @@ bool MediaParse_Png(int fd, int64_t offset, int64_t length, MediaStream& stream,
   if (header.depth != 0) {
     MediaStream_AddPicture(stream, static_cast<uint16_t>(header.width), static_cast<uint16_t>(header.height),
                            pngBitsPerPixel(header));
+  } else {
+    MediaNote_Unpublished("png: no valid IHDR chunk before the image data");
   }
   stream.mediaType = MediaType_Image;
   stream.mimeType = "image/png";

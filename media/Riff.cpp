@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "media/Id3.h"
+#include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
 
 namespace {
@@ -121,11 +122,11 @@ bool readRiffHeader(int fd, int64_t offset, int64_t length, std::string_view for
     return false;
   }
   const int64_t riffSize = MediaBytes_U32LE(header + 4);
-  if (std::string_view(reinterpret_cast<char*>(header), 4) != "RIFF" ||
-      riffSize + kChunkHeaderSize > length ||
-      std::string_view(reinterpret_cast<char*>(header + 8), 4) != form) {
-    return false;
+  if (std::string_view(reinterpret_cast<char*>(header), 4) != "RIFF") return false;
+  if (riffSize + kChunkHeaderSize > length) {
+    return MediaNote_Decline("riff: the RIFF size runs past the end of the file");
   }
+  if (std::string_view(reinterpret_cast<char*>(header + 8), 4) != form) return false;
   end = offset + kChunkHeaderSize + riffSize;
   return true;
 }
@@ -176,6 +177,8 @@ bool parseWav(int fd, int64_t offset, int64_t length, MediaStream& stream) {
   if (format.sampleRate != 0 && format.channels != 0) {
     MediaStream_AddSound(stream, frames, format.sampleRate, static_cast<uint8_t>(format.channels),
                          static_cast<uint8_t>(format.bitsPerSample));
+  } else {
+    MediaNote_Unpublished("wav: no usable fmt chunk (sample rate and channels not 0) among the first 8 chunks");
   }
   stream.mediaType = MediaType_Audio;
   stream.mimeType = "audio/wave";
@@ -290,6 +293,7 @@ bool parseAvi(int fd, int64_t offset, int64_t length, MediaStream& stream) {
 
   stream.mediaType = MediaType_Video;
   stream.mimeType = "video/avi";
+  if (stream.streamInfo.empty()) MediaNote_Unpublished("avi: no stream list with a usable strh in the hdrl list");
   if (!stream.streamInfo.empty()) {
     stream.duration = stream.streamInfo.front().duration;
     stream.timescale = stream.streamInfo.front().timescale;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 
+#include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
 #include "media/TiffDirectory.h"
 
@@ -47,6 +48,7 @@ bool MediaParse_Tiff(int fd, int64_t offset, int64_t length, MediaStream& stream
     stream.date = TiffDate_Choose(directory.date, exif);
   } while (directoryOffset != 0 && stream.streamInfo.size() < kMaxPictures);
 
+  if (stream.streamInfo.empty()) MediaNote_Unpublished("tiff: no directory gives width, height and bits per sample");
   stream.mediaType = MediaType_Image;
   stream.mimeType = "image/tiff";
   return true;

@@ -1,18 +1,27 @@
 // Shows why a file is or is not published: probes each file named on the
 // command line exactly as the library scan does (read-only, from offset 0
 // over the lstat size, metadata only) and prints the resulting record as one
-// JSON object per line. Exit status 1 when any file could not be examined.
+// JSON object per line, with the scan's verdict, the rule behind a refusal and
+// the shortcuts the parser took. A directory is walked as the scan walks the
+// library, with one record per entry and a closing summary. Exit status 1 when
+// any file could not be examined.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <dirent.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "dms/DmsLibrary.h"
+#include "media/MediaNotes.h"
 #include "media/MediaStream.h"
 
 namespace {
@@ -107,27 +116,54 @@ std::string probeStreamJson(const StreamInfo& info) {
   return out;
 }
 
-std::string probeRecordJson(const char* path, const MediaStream* stream) {
+constexpr char kHiddenName[] = "the name starts with '.'";
+constexpr char kNoMediaExtension[] = "the extension is not one the scan accepts";
+constexpr char kNotRegular[] = "not a regular file (links, devices and pipes are passed over)";
+constexpr char kUnrecognised[] = "no parser recognises the content";
+constexpr char kNoStream[] = "no usable stream";
+
+// One probed file: the parser's record, its notes, and the scan's verdict.
+struct ProbeResult {
+  MediaStreamPtr stream;
+  MediaNotes notes;
+  const char* reason = nullptr;  // null when the scan publishes the file
+};
+
+void probeAppendVerdict(std::string& out, const char* reason) {
+  out += reason ? ", \"published\": false, \"reason\": " : ", \"published\": true";
+  if (reason) probeAppendString(out, reason);
+}
+
+std::string probeRecordJson(const std::string& path, const ProbeResult& result) {
   std::string out = "{\"file\": ";
   probeAppendString(out, path);
-  if (!stream) return out + ", \"recognised\": false}";
-  out += ", \"recognised\": true";
-  probeAppendField(out, "mediaType", stream->mediaType);
-  probeAppendTextField(out, "mimeType", stream->mimeType);
-  probeAppendField(out, "duration", stream->duration);
-  probeAppendField(out, "timescale", stream->timescale);
-  probeAppendTextField(out, "title", stream->title);
-  probeAppendTextField(out, "artist", stream->artist);
-  probeAppendTextField(out, "album", stream->album);
-  probeAppendTextField(out, "genre", stream->genre);
-  probeAppendField(out, "date", stream->date);
-  probeAppendTextField(out, "coverMimeType", stream->coverMimeType);
-  probeAppendField(out, "coverOffset", stream->coverOffset);
-  probeAppendField(out, "coverLength", stream->coverLength);
-  out += ", \"streams\": [";
-  for (size_t i = 0; i < stream->streamCount(); ++i) {
+  probeAppendVerdict(out, result.reason);
+  const MediaStream* stream = result.stream.get();
+  out += stream ? ", \"recognised\": true" : ", \"recognised\": false";
+  if (stream) {
+    probeAppendField(out, "mediaType", stream->mediaType);
+    probeAppendTextField(out, "mimeType", stream->mimeType);
+    probeAppendField(out, "duration", stream->duration);
+    probeAppendField(out, "timescale", stream->timescale);
+    probeAppendTextField(out, "title", stream->title);
+    probeAppendTextField(out, "artist", stream->artist);
+    probeAppendTextField(out, "album", stream->album);
+    probeAppendTextField(out, "genre", stream->genre);
+    probeAppendField(out, "date", stream->date);
+    probeAppendTextField(out, "coverMimeType", stream->coverMimeType);
+    probeAppendField(out, "coverOffset", stream->coverOffset);
+    probeAppendField(out, "coverLength", stream->coverLength);
+    out += ", \"streams\": [";
+    for (size_t i = 0; i < stream->streamCount(); ++i) {
+      if (i > 0) out += ", ";
+      out += probeStreamJson(stream->streamInfo[i]);
+    }
+    out += ']';
+  }
+  out += ", \"notes\": [";
+  for (size_t i = 0; i < result.notes.shortcuts.size(); ++i) {
     if (i > 0) out += ", ";
-    out += probeStreamJson(stream->streamInfo[i]);
+    probeAppendString(out, result.notes.shortcuts[i]);
   }
   return out + "]}";
 }
@@ -146,25 +182,182 @@ class ProbeFile {
   int fd_;
 };
 
-// Prints the line for one file; false (with a message on stderr) when the
-// file cannot be examined the way the scan would.
-bool probeOne(const char* path) {
+// Probes one regular file with the parsers' notes switched on, and judges it
+// by the scan's rules: name first, then content.
+std::optional<ProbeResult> probeFile(const std::string& path, int64_t size) {
+  ProbeFile file(path.c_str());
+  if (file.fd() < 0) {
+    std::fprintf(stderr, "%s: %s\n", path.c_str(), std::strerror(errno));
+    return std::nullopt;
+  }
+  ProbeResult result;
+  mediaNotes = &result.notes;
+  result.stream = MediaStream_new(file.fd(), 0, size, true);
+  mediaNotes = nullptr;
+  const std::string_view name = std::string_view(path).substr(path.rfind('/') + 1);
+  if (DmsLibrary_IsHiddenName(name.data())) result.reason = kHiddenName;
+  else if (!DmsLibrary_HasMediaExtension(name)) result.reason = kNoMediaExtension;
+  else if (!DmsLibrary_ItemClass(result.stream.get())) {
+    result.reason = result.notes.reason ? result.notes.reason : result.stream ? kNoStream : kUnrecognised;
+  }
+  return result;
+}
+
+// What a listing shows as this entry's title cannot stand in XML when it
+// holds bytes that are not UTF-8 or a control character other than tab and
+// line ends; a client then rejects the folder's whole page.
+const char* probeTitleProblem(std::string_view text) {
+  while (!text.empty()) {
+    const size_t length = probeUtf8Length(text);
+    if (length == 0) return "bytes that are not UTF-8";
+    const auto c = static_cast<unsigned char>(text[0]);
+    if (c < 0x20 && c != '\t' && c != '\n' && c != '\r') return "a control character";
+    text.remove_prefix(length);
+  }
+  return nullptr;
+}
+
+struct BrokenName {
+  std::string folder;
+  std::string name;
+  const char* problem;
+};
+
+struct ProbeSummary {
+  int files = 0;
+  std::map<std::string, int> published;  // by media type
+  std::map<std::string, int> declined;   // by reason
+  std::vector<BrokenName> brokenNames;
+  bool allExamined = true;
+
+  void noteTitle(const std::string& folder, const std::string& name, const std::string& title) {
+    if (const char* problem = probeTitleProblem(title)) brokenNames.push_back({folder, name, problem});
+  }
+};
+
+void probePrintSkipped(const std::string& path, const char* reason) {
+  std::string out = "{\"file\": ";
+  probeAppendString(out, path);
+  probeAppendVerdict(out, reason);
+  std::printf("%s}\n", out.c_str());
+}
+
+const char* probeMediaTypeName(int32_t mediaType) {
+  switch (mediaType) {
+    case MediaType_Audio: return "audio";
+    case MediaType_Video: return "video";
+    default: return "image";
+  }
+}
+
+// Walks one folder as the scan reads it: dot-names are passed over, regular
+// files are probed, folders are read after the folder itself, anything else
+// is skipped. Returns the number of files published in and below it.
+int probeFolder(const std::string& folder, ProbeSummary& summary) {
+  DIR* directory = ::opendir(folder.c_str());
+  if (!directory) {
+    std::fprintf(stderr, "%s: %s\n", folder.c_str(), std::strerror(errno));
+    summary.allExamined = false;
+    return 0;
+  }
+  std::vector<std::string> folders;
+  int published = 0;
+  while (const dirent* entry = ::readdir(directory)) {
+    const std::string name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    const std::string path = folder + "/" + name;
+    struct stat info;
+    if (::lstat(path.c_str(), &info) != 0) {
+      std::fprintf(stderr, "%s: %s\n", path.c_str(), std::strerror(errno));
+      summary.allExamined = false;
+    } else if (DmsLibrary_IsHiddenName(name.c_str())) {
+      probePrintSkipped(path, kHiddenName);
+      if (S_ISDIR(info.st_mode)) continue;  // the summary counts files
+      ++summary.files;
+      ++summary.declined[kHiddenName];
+    } else if (S_ISDIR(info.st_mode)) {
+      folders.push_back(name);
+    } else if (!S_ISREG(info.st_mode)) {
+      ++summary.files;
+      probePrintSkipped(path, kNotRegular);
+      ++summary.declined[kNotRegular];
+    } else if (std::optional<ProbeResult> result = probeFile(path, static_cast<int64_t>(info.st_size))) {
+      ++summary.files;
+      std::printf("%s\n", probeRecordJson(path, *result).c_str());
+      if (result->reason) {
+        ++summary.declined[result->reason];
+        continue;
+      }
+      ++published;
+      ++summary.published[probeMediaTypeName(result->stream->mediaType)];
+      summary.noteTitle(folder, name, result->stream->title.value_or(name));
+    } else {
+      summary.allExamined = false;
+    }
+  }
+  ::closedir(directory);
+  for (const std::string& name : folders) {
+    const int below = probeFolder(folder + "/" + name, summary);
+    if (below > 0) summary.noteTitle(folder, name, name);  // a folder with nothing published is not listed
+    published += below;
+  }
+  return published;
+}
+
+template <typename Count>
+void probeAppendCounts(std::string& out, const char* name, const std::map<std::string, Count>& counts) {
+  out += ", \"";
+  out += name;
+  out += "\": {";
+  const char* separator = "";
+  for (const auto& [key, count] : counts) {
+    out += separator;
+    probeAppendString(out, key);
+    out += ": " + std::to_string(count);
+    separator = ", ";
+  }
+  out += '}';
+}
+
+std::string probeSummaryJson(const ProbeSummary& summary) {
+  std::string out = "{\"summary\": {\"files\": " + std::to_string(summary.files);
+  probeAppendCounts(out, "published", summary.published);
+  probeAppendCounts(out, "declined", summary.declined);
+  out += ", \"brokenNames\": [";
+  for (size_t i = 0; i < summary.brokenNames.size(); ++i) {
+    const BrokenName& broken = summary.brokenNames[i];
+    out += i > 0 ? ", {\"folder\": " : "{\"folder\": ";
+    probeAppendString(out, broken.folder);
+    out += ", \"name\": ";
+    probeAppendString(out, broken.name);
+    out += ", \"problem\": ";
+    probeAppendString(out, broken.problem);
+    out += '}';
+  }
+  return out + "]}}";
+}
+
+// Prints the lines for one command-line argument; false (with a message on
+// stderr) when something could not be examined the way the scan would.
+bool probeArgument(const std::string& path) {
   struct stat info;
-  if (::lstat(path, &info) != 0) {
-    std::fprintf(stderr, "%s: %s\n", path, std::strerror(errno));
+  if (::lstat(path.c_str(), &info) != 0) {
+    std::fprintf(stderr, "%s: %s\n", path.c_str(), std::strerror(errno));
     return false;
+  }
+  if (S_ISDIR(info.st_mode)) {
+    ProbeSummary summary;
+    probeFolder(path, summary);
+    std::printf("%s\n", probeSummaryJson(summary).c_str());
+    return summary.allExamined;
   }
   if (!S_ISREG(info.st_mode)) {
-    std::fprintf(stderr, "%s: not a regular file; the library scan passes over it\n", path);
+    std::fprintf(stderr, "%s: not a regular file; the library scan passes over it\n", path.c_str());
     return false;
   }
-  ProbeFile file(path);
-  if (file.fd() < 0) {
-    std::fprintf(stderr, "%s: %s\n", path, std::strerror(errno));
-    return false;
-  }
-  MediaStreamPtr stream = MediaStream_new(file.fd(), 0, static_cast<int64_t>(info.st_size), true);
-  std::printf("%s\n", probeRecordJson(path, stream.get()).c_str());
+  std::optional<ProbeResult> result = probeFile(path, static_cast<int64_t>(info.st_size));
+  if (!result) return false;
+  std::printf("%s\n", probeRecordJson(path, *result).c_str());
   return true;
 }
 
@@ -172,10 +365,10 @@ bool probeOne(const char* path) {
 
 int main(int argc, char** argv) {
   if (argc < 2) {
-    std::fprintf(stderr, "usage: %s FILE...\n", argv[0]);
+    std::fprintf(stderr, "usage: %s FILE|DIR...\n", argv[0]);
     return 2;
   }
   bool allExamined = true;
-  for (int i = 1; i < argc; ++i) allExamined = probeOne(argv[i]) && allExamined;
+  for (int i = 1; i < argc; ++i) allExamined = probeArgument(argv[i]) && allExamined;
   return allExamined ? 0 : 1;
 }
