@@ -1,16 +1,20 @@
 // A small HTTP/1.1 server: one listening socket, one accept thread and one
-// detached thread per connection. It knows nothing of what it serves: its user
-// hands it handler tables and callbacks; for each request one handler fills
-// the response (see HTTPRequest.h) and the server writes the reply.
+// detached thread per connection, each on a small stack of its own. It knows
+// nothing of what it serves: its user hands it handler tables and callbacks;
+// for each request one handler fills the response (see HTTPRequest.h) and the
+// server writes the reply.
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 #include <thread>
 
 #include "http/HTTPRequest.h"
 
 struct HTTPServer;
+struct HTTPConnection;
 
 // Called on the accept thread when it starts and just before it ends.
 using HTTPServerStartFunc = void (*)(HTTPServer* server, void* context);
@@ -44,18 +48,24 @@ struct HTTPServer {
   const HTTPHandlerEntry* defaultHandler = nullptr;  // one entry, any method and path
   HTTPConnectionCloseFunc onConnectionClose = nullptr;
   void* context = nullptr;
+
+  // The connections whose threads still run, so that HTTP_delete can end them
+  // and wait for them.
+  std::mutex connectionsMutex;
+  std::condition_variable connectionsEnded;
+  HTTPConnection* connections = nullptr;
 };
 
 // Listens on `*port` (host order; a null pointer or 0 lets the system choose)
 // on every IPv4 address and writes the bound port back through `port`. Null on
 // failure. The server does not own the tables or the context; they and the
-// callbacks must stay valid until every connection has ended, which may be
-// after HTTP_delete.
+// callbacks must stay valid until HTTP_delete returns.
 HTTPServer* HTTP_new(uint16_t* port, void* context, HTTPServerStartFunc onServerStart,
                      HTTPServerStopFunc onServerStop, HTTPConnectionOpenFunc onConnectionOpen,
                      const HTTPHandlerEntry* exactHandlers, const HTTPHandlerEntry* prefixHandlers,
                      const HTTPHandlerEntry* defaultHandler, HTTPConnectionCloseFunc onConnectionClose);
 
-// Stops accepting, joins the accept thread and frees the server; connections
-// still open run on to their end. Null is ignored.
+// Stops accepting, joins the accept thread, shuts the sockets of the open
+// connections down, waits until their threads have let go of the server and
+// its user's callbacks, and frees the server. Null is ignored.
 void HTTP_delete(HTTPServer* server);
