@@ -18,6 +18,7 @@
 #include <string_view>
 #include <vector>
 
+#include "http/Text.h"
 #include "http/UniqueFd.h"
 #include "media/MediaStream.h"
 
@@ -52,10 +53,7 @@ bool hasMediaExtension(std::string_view name) {
   if (dot == std::string_view::npos) return false;
   std::string_view extension = name.substr(dot);
   for (std::string_view accepted : kExtensions) {
-    if (extension.size() == accepted.size() &&
-        strncasecmp(extension.data(), accepted.data(), accepted.size()) == 0) {
-      return true;
-    }
+    if (Text_EqualsNoCase(extension, accepted)) return true;
   }
   return false;
 }

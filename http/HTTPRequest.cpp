@@ -25,6 +25,7 @@
 #include <new>
 #include <string_view>
 
+#include "http/Text.h"
 #include "http/UniqueFd.h"
 
 namespace {
@@ -80,8 +81,6 @@ constexpr std::array<int8_t, 256> MakeBase64Values() {
 }
 constexpr std::array<int8_t, 256> kBase64Values = MakeBase64Values();
 
-bool Contains(const char* text, const char* word) { return strcasestr(text, word) != nullptr; }
-
 const char* SkipSpaces(const char* text) {
   while (*text == ' ') ++text;
   return text;
@@ -126,7 +125,7 @@ void ParseRequestLine(HTTPRequest& request, char* line) {
   }
   if (version != nullptr && *version != '\0') {
     request.version = version;
-    request.keepAlive = Contains(version, "HTTP/1.1");
+    request.keepAlive = Text_ContainsNoCase(version, "HTTP/1.1");
   }
 }
 
@@ -146,7 +145,7 @@ int ScanRange(const char* text, int64_t& first, int64_t& last) {
 
 void ParseRange(HTTPRequest& request, const char* value) {
   request.rangeRequested = true;
-  const char* ranges = SkipSpaces(strcasestr(value, "bytes=") + 6);
+  const char* ranges = SkipSpaces(value + Text_FindNoCase(value, "bytes=") + 6);
   if (*ranges == '\0') return;
   int64_t first = -1;
   int64_t last = -1;
@@ -164,7 +163,7 @@ void ParseRange(HTTPRequest& request, const char* value) {
 }
 
 void ParseAuthorization(HTTPRequest& request, const char* value) {
-  const char* encoded = SkipSpaces(strcasestr(value, "Basic") + 5);
+  const char* encoded = SkipSpaces(value + Text_FindNoCase(value, "Basic") + 5);
   size_t encodedLength = std::strlen(encoded);
   std::string decoded(encodedLength + 1, '\0');
   if (Base64Decode(decoded.data(), decoded.size(), encoded, encodedLength) <= 1) return;
@@ -177,17 +176,17 @@ void ParseAuthorization(HTTPRequest& request, const char* value) {
 
 void ApplyHeader(HTTPRequest& request, const char* name, const char* value) {
   if (strcasecmp(name, "Connection") == 0) {
-    if (Contains(value, "keep-alive")) {
+    if (Text_ContainsNoCase(value, "keep-alive")) {
       request.keepAlive = true;
-    } else if (Contains(value, "close")) {
+    } else if (Text_ContainsNoCase(value, "close")) {
       request.keepAlive = false;
     }
   } else if (strcasecmp(name, "Expect") == 0) {
-    if (Contains(value, "100") && Contains(value, "continue")) request.expectContinue = true;
+    if (Text_ContainsNoCase(value, "100") && Text_ContainsNoCase(value, "continue")) request.expectContinue = true;
   } else if (strcasecmp(name, "Content-Length") == 0) {
     request.contentLength = std::strtoll(value, nullptr, 10);
   } else if (strcasecmp(name, "Authorization") == 0) {
-    if (!request.userName && !request.password && Contains(value, "Basic")) {
+    if (!request.userName && !request.password && Text_ContainsNoCase(value, "Basic")) {
       try {
         ParseAuthorization(request, value);
       } catch (const std::bad_alloc&) {
@@ -196,7 +195,7 @@ void ApplyHeader(HTTPRequest& request, const char* name, const char* value) {
       }
     }
   } else if (strcasecmp(name, "Range") == 0) {
-    if (!request.rangeRequested && Contains(value, "bytes=")) ParseRange(request, value);
+    if (!request.rangeRequested && Text_ContainsNoCase(value, "bytes=")) ParseRange(request, value);
   }
 }
 

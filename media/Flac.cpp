@@ -5,14 +5,13 @@
 // seeks to every header afresh, so a damaged block costs only itself.
 #include "media/Flac.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string_view>
 
+#include "http/Text.h"
 #include "media/MediaParsers.h"
 
 namespace {
@@ -130,20 +129,16 @@ void flacReadSeekTable(FlacBlockReader& block, uint64_t totalSamples, FlacSeekIn
   }
 }
 
-bool flacFieldIs(std::string_view field, std::string_view name) {
-  return field.size() == name.size() && ::strncasecmp(field.data(), name.data(), name.size()) == 0;
-}
-
 void flacTakeComment(std::string_view comment, MediaStream& stream) {
   const size_t equals = comment.find('=');
   if (equals == std::string_view::npos) return;
   const std::string_view field = comment.substr(0, equals);
   const std::string_view value = comment.substr(equals + 1);
-  if (flacFieldIs(field, "title")) stream.title = std::string(value);
-  else if (flacFieldIs(field, "artist")) stream.artist = std::string(value);
-  else if (flacFieldIs(field, "album")) stream.album = std::string(value);
-  else if (flacFieldIs(field, "genre")) stream.genre = std::string(value);
-  else if (flacFieldIs(field, "date")) {
+  if (Text_EqualsNoCase(field, "title")) stream.title = std::string(value);
+  else if (Text_EqualsNoCase(field, "artist")) stream.artist = std::string(value);
+  else if (Text_EqualsNoCase(field, "album")) stream.album = std::string(value);
+  else if (Text_EqualsNoCase(field, "genre")) stream.genre = std::string(value);
+  else if (Text_EqualsNoCase(field, "date")) {
     // A year alone means 1 January, a year and month the first of that month.
     // The numbers must be joined by dashes: "2009:06:15" reads as the year alone.
     if (auto date = MediaDate_Scan(value, {"%d-%d-%d"}, 1)) stream.date = *date;
@@ -169,12 +164,6 @@ void flacReadComments(FlacBlockReader& block, MediaStream& stream) {
   }
 }
 
-const char* flacCoverMimeType(const char* mime) {
-  if (::strcasestr(mime, "jpeg") || ::strcasestr(mime, "jpg")) return "image/jpeg";
-  if (::strcasestr(mime, "png")) return "image/png";
-  return nullptr;
-}
-
 // The cover is located, not read: its data starts where the block's fixed
 // fields end.
 void flacReadPicture(FlacBlockReader& block, MediaStream& stream) {
@@ -194,7 +183,7 @@ void flacReadPicture(FlacBlockReader& block, MediaStream& stream) {
   if (dataLength < 1 || dataLength > kMaxCoverLength) return;
   stream.coverOffset = block.position();
   stream.coverLength = dataLength;
-  stream.coverMimeType = flacCoverMimeType(mime);
+  stream.coverMimeType = MediaStream_CoverMimeType(mime);
 }
 
 }  // namespace

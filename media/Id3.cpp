@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -171,13 +170,6 @@ void readDayMonth(int fd, uint32_t size, TagDate& date) {
   if (scanNumber(raw + 2, 2, value)) date.month = value;
 }
 
-bool containsNoCase(std::string_view text, std::string_view word) {
-  auto equal = [](char a, char b) {
-    return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
-  };
-  return std::search(text.begin(), text.end(), word.begin(), word.end(), equal) != text.end();
-}
-
 // Locates the picture of an APIC/PIC frame: the header fields are parsed
 // from one small read, the image data itself is only measured.
 void readPicture(int fd, int64_t frameStart, uint32_t size, unsigned version, MediaStream& stream) {
@@ -230,9 +222,7 @@ void readPicture(int fd, int64_t frameStart, uint32_t size, unsigned version, Me
   if (pictureLength < 1 || pictureLength > kMaxCoverLength) return;
   stream.coverOffset = frameStart + static_cast<int64_t>(at);
   stream.coverLength = pictureLength;
-  if (containsNoCase(mime, "jpeg") || containsNoCase(mime, "jpg")) stream.coverMimeType = "image/jpeg";
-  else if (containsNoCase(mime, "png")) stream.coverMimeType = "image/png";
-  else stream.coverMimeType = nullptr;
+  stream.coverMimeType = MediaStream_CoverMimeType(mime);
 }
 
 void readFrame(int fd, FrameKind kind, int64_t dataStart, uint32_t size, unsigned version,

@@ -15,6 +15,7 @@
 #include <memory>
 #include <new>
 
+#include "http/Text.h"
 #include "media/MediaParsers.h"
 
 namespace {
@@ -286,6 +287,12 @@ size_t MediaUtf8_Encode(uint16_t unit, char* out) {
   out[1] = static_cast<char>(0x80 | ((unit >> 6) & 0x3F));
   out[2] = static_cast<char>(0x80 | (unit & 0x3F));
   return 3;
+}
+
+const char* MediaStream_CoverMimeType(std::string_view mime) {
+  if (Text_ContainsNoCase(mime, "jpeg") || Text_ContainsNoCase(mime, "jpg")) return "image/jpeg";
+  if (Text_ContainsNoCase(mime, "png")) return "image/png";
+  return nullptr;
 }
 
 void MediaStream_AddPicture(MediaStream& stream, uint16_t width, uint16_t height, uint8_t bitsPerPixel) {

@@ -114,6 +114,10 @@ void MediaBits_Put(uint8_t* buffer, uint32_t position, unsigned count, uint32_t 
 // and returns the number of bytes written.
 size_t MediaUtf8_Encode(uint16_t unit, char* out);
 
+// The type of an embedded cover picture from the MIME text its tag gives:
+// "image/jpeg" or "image/png" when the text mentions them in any case, else null.
+const char* MediaStream_CoverMimeType(std::string_view mime);
+
 // Appends the stream of a still picture, shown for the five-second slide
 // time. Pictures are numbered in the order they are added and only the first
 // is enabled (the pages of a multi-page file follow it).

@@ -20,6 +20,8 @@
 #include <new>
 #include <thread>
 
+#include "http/Text.h"
+
 namespace {
 
 constexpr const char* kGroupAddress = "239.255.255.250";
@@ -32,24 +34,6 @@ constexpr uint16_t kLowestSearchPort = 1025;
 constexpr useconds_t kRepeatPauseUs = 100000;
 constexpr useconds_t kAnswerPauseUs = 10000;
 constexpr const char* kUuidType = "uuid:";
-
-bool EqualsNoCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
-         });
-}
-
-bool StartsNoCase(std::string_view text, std::string_view prefix) {
-  return text.size() >= prefix.size() && EqualsNoCase(text.substr(0, prefix.size()), prefix);
-}
-
-size_t FindNoCase(std::string_view text, std::string_view needle) {
-  if (needle.size() > text.size()) return std::string_view::npos;
-  for (size_t i = 0; i + needle.size() <= text.size(); ++i) {
-    if (EqualsNoCase(text.substr(i, needle.size()), needle)) return i;
-  }
-  return std::string_view::npos;
-}
 
 // A decimal number as atoi reads it (leading blanks, optional sign, digits),
 // saturated instead of overflowing.
@@ -70,7 +54,7 @@ std::optional<SSDPSearch> MatchUrn(std::string_view target, const std::vector<st
     size_t colon = type.rfind(':');
     if (colon == std::string::npos) return std::nullopt;
     std::string_view prefix(type.data(), colon + 1);
-    if (!StartsNoCase(target, prefix)) continue;
+    if (!Text_StartsNoCase(target, prefix)) continue;
     long long requested = ReadVersion(target.substr(prefix.size()));
     long long offered = ReadVersion(std::string_view(type).substr(prefix.size()));
     if (requested < 1 || requested > offered) return std::nullopt;
@@ -189,8 +173,8 @@ struct SSDP {
 std::optional<SSDPSearch> SSDP_ParseSearch(std::string_view datagram, const std::vector<std::string>& types,
                                            std::string_view udn) {
   datagram = datagram.substr(0, datagram.find('\0'));
-  if (!StartsNoCase(datagram, "M-SEARCH")) return std::nullopt;
-  size_t header = FindNoCase(datagram, "\r\nST:");
+  if (!Text_StartsNoCase(datagram, "M-SEARCH")) return std::nullopt;
+  size_t header = Text_FindNoCase(datagram, "\r\nST:");
   if (header == std::string_view::npos) return std::nullopt;
   std::string_view rest = datagram.substr(header + 5);
   size_t end = rest.find("\r\n");
@@ -199,13 +183,13 @@ std::optional<SSDPSearch> SSDP_ParseSearch(std::string_view datagram, const std:
   while (!target.empty() && target.front() == ' ') target.remove_prefix(1);
   while (!target.empty() && target.back() == ' ') target.remove_suffix(1);
 
-  if (EqualsNoCase(target, "ssdp:all")) return SSDPSearch{true, {}};
-  if (EqualsNoCase(target, "upnp:rootdevice")) return SSDPSearch{false, "upnp:rootdevice"};
-  if (StartsNoCase(target, kUuidType)) {
-    if (!EqualsNoCase(target.substr(5), udn)) return std::nullopt;
+  if (Text_EqualsNoCase(target, "ssdp:all")) return SSDPSearch{true, {}};
+  if (Text_EqualsNoCase(target, "upnp:rootdevice")) return SSDPSearch{false, "upnp:rootdevice"};
+  if (Text_StartsNoCase(target, kUuidType)) {
+    if (!Text_EqualsNoCase(target.substr(5), udn)) return std::nullopt;
     return SSDPSearch{false, kUuidType};
   }
-  if (StartsNoCase(target, "urn:")) return MatchUrn(target, types);
+  if (Text_StartsNoCase(target, "urn:")) return MatchUrn(target, types);
   return std::nullopt;
 }
 

@@ -9,7 +9,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -26,6 +25,7 @@
 #include <optional>
 
 #include "http/HTTPRequest.h"
+#include "http/Text.h"
 #include "http/UniqueFd.h"
 #include "upnp/UPnPDevice.h"
 
@@ -51,13 +51,7 @@ constexpr size_t kLastChangeHeadSize = 1024;
 
 std::mutex gSubscriberMutex;
 
-bool EqualsNoCase(const char* a, const char* b) { return a && b && strcasecmp(a, b) == 0; }
-
-bool ContainsNoCase(std::string_view text, std::string_view needle) {
-  auto lower = [](char c) { return std::tolower(static_cast<unsigned char>(c)); };
-  return std::search(text.begin(), text.end(), needle.begin(), needle.end(),
-                     [&](char x, char y) { return lower(x) == lower(y); }) != text.end();
-}
+bool EqualsNoCase(const char* a, const char* b) { return a && b && Text_EqualsNoCase(a, b); }
 
 void CopyCut(std::string_view text, char* buffer, size_t size) {
   if (!buffer || size == 0) return;
@@ -292,7 +286,7 @@ bool GENA_SendNotify(const char* host, uint16_t port, const char* path, const GE
   // short grace period for the final answer.
   char answer[kAnswerSize];
   ssize_t got = ::recv(fd.get(), answer, sizeof answer - 1, 0);
-  if (got > 0 && ContainsNoCase(std::string_view(answer, static_cast<size_t>(got)), "100 Continue")) {
+  if (got > 0 && Text_ContainsNoCase(std::string_view(answer, static_cast<size_t>(got)), "100 Continue")) {
     ::usleep(kContinuePauseUs);
     ::recv(fd.get(), answer, sizeof answer - 1, 0);
   }

@@ -19,6 +19,7 @@
 
 #include "http/HTTPServer.h"
 #include "http/NetworkInterface.h"
+#include "http/Text.h"
 #include "mdns/MDNS.h"
 #include "ssdp/SSDP.h"
 #include "upnp/GENA.h"
@@ -47,16 +48,6 @@ void ComputeOsToken() {
   if (uname(&system) != 0) return;
   gOsToken = std::string(system.sysname) + "/" + system.release;
   if (gOsToken.size() > kOsTokenLimit) gOsToken.resize(kOsTokenLimit);
-}
-
-bool ContainsNoCase(std::string_view text, std::string_view needle) {
-  auto lower = [](char c) { return std::tolower(static_cast<unsigned char>(c)); };
-  for (size_t i = 0; i + needle.size() <= text.size(); ++i) {
-    size_t j = 0;
-    while (j < needle.size() && lower(text[i + j]) == lower(needle[j])) ++j;
-    if (j == needle.size()) return true;
-  }
-  return false;
 }
 
 enum class BodyResult { kOk, kTooLarge, kFailed };
@@ -108,7 +99,7 @@ BodyResult ReadChunkedBody(HTTPRequest* request, std::string& body) {
 
 BodyResult ReadBody(HTTPRequest* request, std::string& body) {
   try {
-    if (ContainsNoCase(HTTPRequest_GetHeader(request, "Transfer-Encoding"), "chunked")) {
+    if (Text_ContainsNoCase(HTTPRequest_GetHeader(request, "Transfer-Encoding"), "chunked")) {
       return ReadChunkedBody(request, body);
     }
     int64_t length = HTTPRequest_GetContentLength(request);
