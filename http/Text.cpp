@@ -1,9 +1,11 @@
 // The shared text helpers: one case-insensitive comparison under every
-// search, equality and prefix test.
+// search, equality and prefix test, and the saturating decimal reader.
 #include "http/Text.h"
 
 #include <algorithm>
 #include <cctype>
+#include <climits>
+#include <cstdint>
 
 namespace {
 
@@ -26,3 +28,19 @@ size_t Text_FindNoCase(std::string_view text, std::string_view needle) {
   return found == text.end() && !needle.empty() ? std::string_view::npos : static_cast<size_t>(found - text.begin());
 }
 
+int Text_ReadInt(std::string_view text, size_t* used) {
+  if (used) *used = 0;
+  size_t at = 0;
+  while (at < text.size() && std::isspace(static_cast<unsigned char>(text[at]))) ++at;
+  bool negative = false;
+  if (at < text.size() && (text[at] == '+' || text[at] == '-')) negative = text[at++] == '-';
+  const size_t digits = at;
+  constexpr int64_t kMagnitudeLimit = int64_t{INT_MAX} + 1;  // that of INT_MIN
+  int64_t magnitude = 0;
+  for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at) {
+    magnitude = std::min(magnitude * 10 + (text[at] - '0'), kMagnitudeLimit);
+  }
+  if (at == digits) return 0;
+  if (used) *used = at;
+  return negative ? static_cast<int>(-magnitude) : static_cast<int>(std::min<int64_t>(magnitude, INT_MAX));
+}

@@ -15,3 +15,9 @@ inline bool Text_ContainsNoCase(std::string_view text, std::string_view needle) 
   return Text_FindNoCase(text, needle) != std::string_view::npos;
 }
 
+// A decimal number at the start of `text` as atoi reads it: leading white
+// space, an optional sign, then digits up to the first other character.
+// Values beyond the int range saturate instead of overflowing. 0 when no
+// digit follows; `used`, when given, receives the count of characters read
+// (0 when no digit follows).
+int Text_ReadInt(std::string_view text, size_t* used = nullptr);

@@ -327,22 +327,6 @@ namespace {
 
 bool isSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
 
-// One "%d" conversion at `pos`: optional white space, sign and at least one digit.
-bool scanInt(std::string_view text, size_t& pos, int& value) {
-  while (pos < text.size() && isSpace(text[pos])) ++pos;
-  bool negative = false;
-  if (pos < text.size() && (text[pos] == '+' || text[pos] == '-')) negative = text[pos++] == '-';
-  size_t digits = pos;
-  int64_t magnitude = 0;
-  for (; pos < text.size() && text[pos] >= '0' && text[pos] <= '9'; ++pos) {
-    if (magnitude <= INT_MAX) magnitude = magnitude * 10 + (text[pos] - '0');
-  }
-  if (pos == digits) return false;
-  int64_t signedValue = negative ? -magnitude : magnitude;
-  value = static_cast<int>(signedValue < INT_MIN ? INT_MIN : signedValue > INT_MAX ? INT_MAX : signedValue);
-  return true;
-}
-
 }  // namespace
 
 int MediaScan_Ints(std::string_view text, std::string_view format, int* values, int capacity) {
@@ -350,8 +334,10 @@ int MediaScan_Ints(std::string_view text, std::string_view format, int* values, 
   int count = 0;
   for (size_t f = 0; f < format.size(); ++f) {
     if (format.substr(f, 2) == "%d") {
-      int value = 0;
-      if (!scanInt(text, pos, value)) break;
+      size_t used = 0;
+      const int value = Text_ReadInt(text.substr(pos), &used);
+      if (used == 0) break;
+      pos += used;
       if (count < capacity) values[count] = value;
       ++count;
       ++f;

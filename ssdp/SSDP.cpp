@@ -13,7 +13,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <climits>
 #include <cstdio>
 #include <ctime>
@@ -35,28 +34,14 @@ constexpr useconds_t kRepeatPauseUs = 100000;
 constexpr useconds_t kAnswerPauseUs = 10000;
 constexpr const char* kUuidType = "uuid:";
 
-// A decimal number as atoi reads it (leading blanks, optional sign, digits),
-// saturated instead of overflowing.
-long long ReadVersion(std::string_view text) {
-  size_t i = 0;
-  while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i]))) ++i;
-  bool negative = false;
-  if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
-  long long value = 0;
-  for (; i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])); ++i) {
-    value = std::min<long long>(value * 10 + (text[i] - '0'), INT_MAX);
-  }
-  return negative ? -value : value;
-}
-
 std::optional<SSDPSearch> MatchUrn(std::string_view target, const std::vector<std::string>& types) {
   for (const std::string& type : types) {
     size_t colon = type.rfind(':');
     if (colon == std::string::npos) return std::nullopt;
     std::string_view prefix(type.data(), colon + 1);
     if (!Text_StartsNoCase(target, prefix)) continue;
-    long long requested = ReadVersion(target.substr(prefix.size()));
-    long long offered = ReadVersion(std::string_view(type).substr(prefix.size()));
+    const int requested = Text_ReadInt(target.substr(prefix.size()));
+    const int offered = Text_ReadInt(std::string_view(type).substr(prefix.size()));
     if (requested < 1 || requested > offered) return std::nullopt;
     return SSDPSearch{false, std::string(target)};
   }

@@ -13,9 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -58,22 +56,6 @@ void CopyCut(std::string_view text, char* buffer, size_t size) {
   size_t length = std::min(text.size(), size - 1);
   if (length > 0) std::memcpy(buffer, text.data(), length);
   buffer[length] = '\0';
-}
-
-// Decimal as the C library's atoi reads it (leading blanks, a sign, digits up
-// to the first other character), saturated instead of overflowing.
-int ReadDecimal(std::string_view text) {
-  size_t i = 0;
-  while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i]))) ++i;
-  bool negative = false;
-  if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
-  constexpr int64_t kLimit = static_cast<int64_t>(INT_MAX) + 1;
-  int64_t value = 0;
-  for (; i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])); ++i) {
-    value = std::min(value * 10 + (text[i] - '0'), kLimit);
-  }
-  if (negative) return static_cast<int>(-value);
-  return static_cast<int>(std::min<int64_t>(value, INT_MAX));
 }
 
 void SetSubscribed(HTTPResponse* response, const char* sid) {
@@ -326,7 +308,7 @@ void GENA_ParseURL(std::string_view url, char* scheme, size_t schemeSize, char* 
   if (!authority.empty() && authority[0] == '[' && bracket != std::string_view::npos) {
     CopyCut(authority.substr(1, bracket - 1), host, hostSize);
     if (bracket + 1 < authority.size() && authority[bracket + 1] == ':' && port) {
-      *port = ReadDecimal(authority.substr(bracket + 2));
+      *port = Text_ReadInt(authority.substr(bracket + 2));
     }
     return;
   }
@@ -336,7 +318,7 @@ void GENA_ParseURL(std::string_view url, char* scheme, size_t schemeSize, char* 
     return;
   }
   CopyCut(authority.substr(0, portColon), host, hostSize);
-  if (port) *port = ReadDecimal(authority.substr(portColon + 1));
+  if (port) *port = Text_ReadInt(authority.substr(portColon + 1));
 }
 
 std::string UPnP_MakeEventMessage(const UPnPArgValue* values) {
