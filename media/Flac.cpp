@@ -64,13 +64,13 @@ class FlacBlockReader {
   bool readU32BE(uint32_t& value) {
     uint8_t bytes[4];
     if (!read(bytes, sizeof bytes)) return false;
-    value = MediaBits_Get(bytes, 0, 32);
+    value = Bytes_U32BE(bytes);
     return true;
   }
   bool readU32LE(uint32_t& value) {
     uint8_t bytes[4];
     if (!read(bytes, sizeof bytes)) return false;
-    value = MediaBytes_U32LE(bytes);
+    value = Bytes_U32LE(bytes);
     return true;
   }
   bool skip(uint32_t count) {

@@ -21,8 +21,8 @@ bool MediaParse_Gif(int fd, int64_t offset, int64_t length, MediaStream& stream,
   const std::string_view signature(reinterpret_cast<const char*>(header), 6);
   if (signature != "GIF87a" && signature != "GIF89a") return false;
 
-  const uint16_t width = MediaBytes_U16LE(header + 6);
-  const uint16_t height = MediaBytes_U16LE(header + 8);
+  const uint16_t width = Bytes_U16LE(header + 6);
+  const uint16_t height = Bytes_U16LE(header + 8);
   const uint8_t packed = header[10];
   if (width != 0 && height != 0) {
     MediaStream_AddPicture(stream, width, height, static_cast<uint8_t>((packed & kColourBitsMask) + 1));

@@ -85,7 +85,7 @@ std::optional<std::string> decodeUtf16(const uint8_t* bytes, size_t count, bool 
   text.reserve(count * 3 / 2);
   for (size_t i = 0; i + 1 < count; i += 2) {
     const uint16_t unit =
-        littleEndian ? MediaBytes_U16LE(bytes + i) : static_cast<uint16_t>((bytes[i] << 8) | bytes[i]);
+        littleEndian ? Bytes_U16LE(bytes + i) : static_cast<uint16_t>((bytes[i] << 8) | bytes[i]);
     if (unit == 0) break;
     char utf8[3];
     text.append(utf8, MediaUtf8_Encode(unit, utf8));
@@ -111,7 +111,7 @@ std::optional<std::string> decodeText(int fd, uint32_t size) {
     case Id3Encoding_Utf16Bom: {
       bool littleEndian = false;
       if (count >= 2) {
-        littleEndian = ((body[0] << 8) | body[1]) == 0xFFFE;
+        littleEndian = Bytes_U16BE(body) == 0xFFFE;
         body += 2;
         count -= 2;
       }

@@ -196,14 +196,9 @@ namespace {
 
 template <typename T, bool BigEndian>
 bool readInteger(int fd, T& value) {
-  unsigned char bytes[sizeof(T)];
+  uint8_t bytes[sizeof(T)];
   if (!MediaRead_Bytes(fd, bytes, sizeof bytes)) return false;
-  T result = 0;
-  for (size_t i = 0; i < sizeof(T); ++i) {
-    size_t index = BigEndian ? i : sizeof(T) - 1 - i;
-    result = static_cast<T>((result << 8) | bytes[index]);
-  }
-  value = result;
+  value = static_cast<T>(BigEndian ? Bytes_BigEndian(bytes, sizeof bytes) : Bytes_LittleEndian(bytes, sizeof bytes));
   return true;
 }
 
@@ -238,12 +233,6 @@ int64_t MediaSeek(int fd, int64_t offset, int whence) {
 
 bool MediaRead_At(int fd, int64_t position, void* buffer, size_t count) {
   return MediaSeek(fd, position, SEEK_SET) == position && MediaRead_Bytes(fd, buffer, count);
-}
-
-uint16_t MediaBytes_U16LE(const uint8_t* bytes) { return static_cast<uint16_t>(bytes[0] | bytes[1] << 8); }
-
-uint32_t MediaBytes_U32LE(const uint8_t* bytes) {
-  return uint32_t{MediaBytes_U16LE(bytes)} | uint32_t{MediaBytes_U16LE(bytes + 2)} << 16;
 }
 
 uint32_t MediaBits_Get(const uint8_t* buffer, uint32_t position, unsigned count) {

@@ -12,6 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include "http/ByteOrder.h"
+
 enum MediaType : int32_t {
   MediaType_None = 0,
   MediaType_Audio = 1,
@@ -96,11 +98,6 @@ int64_t MediaSeek(int fd, int64_t offset, int whence);
 // Reads `count` bytes at file position `position` (a seek, then
 // MediaRead_Bytes); the caller has checked that they lie inside its bounds.
 bool MediaRead_At(int fd, int64_t position, void* buffer, size_t count);
-
-// Little-endian integers from the start of `bytes` (big-endian ones come
-// from MediaBits_Get).
-uint16_t MediaBytes_U16LE(const uint8_t* bytes);
-uint32_t MediaBytes_U32LE(const uint8_t* bytes);
 
 // Up to 32 bits from `buffer` starting at bit `position`, most significant bit
 // of each byte first; the first bit read ends up highest in the result.
