@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -125,3 +126,7 @@ std::string UPnPDevice_MakeSCPD(const UPnPService* service);
 // A copy of `text` with the five XML special characters escaped; null gives
 // the empty text.
 std::string XML_Escape(const char* text);
+// Appends `text` with the five XML special characters escaped; `twice`
+// escapes the ampersand of each entity once more ("&amp;lt;"), for XML that
+// travels escaped inside other XML.
+void XML_AppendEscaped(std::string& out, std::string_view text, bool twice);
