@@ -4,8 +4,6 @@
 // its life. Every datagram comes from the one message template below.
 #include "ssdp/SSDP.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -19,6 +17,7 @@
 #include <new>
 #include <thread>
 
+#include "http/Multicast.h"
 #include "http/Text.h"
 
 namespace {
@@ -48,29 +47,19 @@ std::optional<SSDPSearch> MatchUrn(std::string_view target, const std::vector<st
   return std::nullopt;
 }
 
-sockaddr_in GroupAddress() {
-  sockaddr_in group{};
-  group.sin_family = AF_INET;
-  group.sin_port = htons(kSsdpPort);
-  inet_pton(AF_INET, kGroupAddress, &group.sin_addr);
-  return group;
-}
+sockaddr_in GroupAddress() { return Multicast_Address(kGroupAddress, kSsdpPort); }
 
 }  // namespace
 
 struct SSDP {
-  int socket = -1;
+  UniqueFd socket;
   std::thread thread;
   std::atomic<bool> running{false};
   std::vector<std::string> types;
   SSDPMessageFields fields;
 
-  ~SSDP() {
-    if (socket >= 0) close(socket);
-  }
-
   void SendTo(const std::string& message, const sockaddr_in& to) const {
-    sendto(socket, message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    sendto(socket.get(), message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
   }
 
   void Sweep(const char* nts) const {
@@ -91,7 +80,7 @@ struct SSDP {
     sockaddr_in from{};
     socklen_t fromLength = sizeof from;
     ssize_t received =
-        recvfrom(socket, buffer, kDatagramSize - 1, 0, reinterpret_cast<sockaddr*>(&from), &fromLength);
+        recvfrom(socket.get(), buffer, kDatagramSize - 1, 0, reinterpret_cast<sockaddr*>(&from), &fromLength);
     if (received <= 0 || fromLength < sizeof from) return;
     // Our own packets (and other SSDP daemons) come from port 1900; privileged
     // ports are never a control point.
@@ -109,7 +98,7 @@ struct SSDP {
     while (running) {
       time_t now = time(nullptr);
       time_t waitSeconds = std::max<time_t>(interval - (now - lastAnnouncement), 1);
-      pollfd input{socket, POLLIN, 0};
+      pollfd input{socket.get(), POLLIN, 0};
       if (poll(&input, 1, static_cast<int>(std::min<time_t>(waitSeconds, INT_MAX / 1000) * 1000)) < 0) continue;
       now = time(nullptr);
       if (now - lastAnnouncement >= interval) {
@@ -126,32 +115,8 @@ struct SSDP {
   }
 
   bool OpenSocket() {
-    socket = ::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
-    if (socket < 0) return false;
-    int flags = fcntl(socket, F_GETFL, 0);
-    if (flags < 0 || fcntl(socket, F_SETFL, flags | O_NONBLOCK) < 0) return false;
-    in_addr interfaceAddress{};
-    if (inet_pton(AF_INET, fields.address.c_str(), &interfaceAddress) != 1) return false;
-    int reuse = 1;
-    ip_mreq membership{};
-    inet_pton(AF_INET, kGroupAddress, &membership.imr_multiaddr);
-    membership.imr_interface = interfaceAddress;
-    // Every hop may forward the announcements; loopback lets other engines
-    // and local control points on this host see them.
-    unsigned char ttl = 255;
-    unsigned char loop = 1;
-    if (setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse) < 0 ||
-        setsockopt(socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) < 0 ||
-        setsockopt(socket, IPPROTO_IP, IP_MULTICAST_IF, &interfaceAddress, sizeof interfaceAddress) < 0 ||
-        setsockopt(socket, IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof ttl) < 0 ||
-        setsockopt(socket, IPPROTO_IP, IP_MULTICAST_LOOP, &loop, sizeof loop) < 0) {
-      return false;
-    }
-    sockaddr_in any{};
-    any.sin_family = AF_INET;
-    any.sin_port = htons(kSsdpPort);
-    any.sin_addr.s_addr = htonl(INADDR_ANY);
-    return bind(socket, reinterpret_cast<const sockaddr*>(&any), sizeof any) == 0;
+    socket = Multicast_Open(kGroupAddress, kSsdpPort, fields.address.c_str());
+    return socket.valid();
   }
 };
 
@@ -237,7 +202,7 @@ void SSDP_delete(SSDP* engine) {
   // receive path ignores; it only ends the thread's poll early.
   const char wake = 0;
   sockaddr_in group = GroupAddress();
-  sendto(engine->socket, &wake, 1, 0, reinterpret_cast<const sockaddr*>(&group), sizeof group);
+  sendto(engine->socket.get(), &wake, 1, 0, reinterpret_cast<const sockaddr*>(&group), sizeof group);
   if (engine->thread.joinable()) engine->thread.join();
   delete engine;
 }
