@@ -34,6 +34,7 @@ constexpr int kIoWaitMs = 10000;
 constexpr int64_t kBodyPiece = 4 * 1024 * 1024;
 constexpr size_t kRangeLinesMax = 128;
 constexpr size_t kDateMax = 30;
+constexpr size_t kLengthLineMax = 48;
 // Room for the status line, Date, Content-Type, Content-Length and Connection
 // beyond the range lines and the extra headers; anything longer is cut.
 constexpr size_t kReplyHeaderSlack = 256;
@@ -276,21 +277,25 @@ void PlanFileReply(const HTTPRequest& request, HTTPResponse& response, ReplyPlan
   plan.file = std::move(file);
 }
 
-// Status line and header lines, cut to their fixed budget like any reply header.
-std::string MakeReplyHeader(const HTTPResponse& response, const ReplyPlan& plan) {
+// Status line and header lines, cut to their fixed budget like any reply
+// header. A negative `contentLength` announces a chunked body instead.
+std::string MakeReplyHeader(const HTTPResponse& response, const char* rangeLines, int64_t contentLength) {
   char date[kDateMax] = "";
   time_t now = time(nullptr);
   struct tm utc;
   if (gmtime_r(&now, &utc) != nullptr) std::strftime(date, sizeof date, "%a, %d %b %Y %H:%M:%S GMT", &utc);
+  char lengthLine[kLengthLineMax] = "Transfer-Encoding: chunked\r\n";
+  if (contentLength >= 0) {
+    std::snprintf(lengthLine, sizeof lengthLine, "Content-Length: %lld\r\n", static_cast<long long>(contentLength));
+  }
 
   bool typed = response.contentType != nullptr;
-  std::string header(std::strlen(plan.rangeLines) + response.extraHeaders.size() + kReplyHeaderSlack, '\0');
+  std::string header(std::strlen(rangeLines) + response.extraHeaders.size() + kReplyHeaderSlack, '\0');
   int written = std::snprintf(
-      header.data(), header.size(), "%s %s\r\nDate: %s\r\n%s%s%s%sContent-Length: %lld\r\nConnection: %s\r\n%s\r\n",
-      response.version ? response.version : "", response.status ? response.status : "", date, plan.rangeLines,
-      typed ? "Content-Type: " : "", typed ? response.contentType : "", typed ? "\r\n" : "",
-      static_cast<long long>(plan.contentLength), response.keepAlive ? "keep-alive" : "close",
-      response.extraHeaders.c_str());
+      header.data(), header.size(), "%s %s\r\nDate: %s\r\n%s%s%s%s%sConnection: %s\r\n%s\r\n",
+      response.version ? response.version : "", response.status ? response.status : "", date, rangeLines,
+      typed ? "Content-Type: " : "", typed ? response.contentType : "", typed ? "\r\n" : "", lengthLine,
+      response.keepAlive ? "keep-alive" : "close", response.extraHeaders.c_str());
   header.resize(std::min<size_t>(written < 0 ? 0 : static_cast<size_t>(written), header.size() - 1));
   return header;
 }
@@ -476,7 +481,7 @@ bool HTTPResponse_Send(HTTPRequest* request, HTTPResponse* response) {
   plan.contentLength = std::max<int64_t>(response->contentLength, 0);
   if (response->filePath) PlanFileReply(*request, *response, plan);
 
-  std::string header = MakeReplyHeader(*response, plan);
+  std::string header = MakeReplyHeader(*response, plan.rangeLines, plan.contentLength);
   // Corked, the header rides with the first body bytes.
   std::optional<HTTPRequest_CorkScope> cork;
   if (plan.file.valid() && request->method != HTTP_METHOD_HEAD) cork.emplace(request);
@@ -487,6 +492,8 @@ bool HTTPResponse_Send(HTTPRequest* request, HTTPResponse* response) {
                                    : SendMemoryBody(request, *response, plan.contentLength);
   return sent == plan.contentLength;
 }
+
+std::string HTTPResponse_MakeChunkedHeader(const HTTPResponse* response) { return MakeReplyHeader(*response, "", -1); }
 
 void HTTP_UrlDecode(char* text) {
   if (text == nullptr) return;
