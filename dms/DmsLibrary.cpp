@@ -43,11 +43,6 @@ uint64_t lastGroupId = 10000;
 
 const char* mediaClass(DmsMediaClass index) { return dlnaMediaClasses[index]; }
 
-bool isFolder(const DmsObject* object) {
-  return object->upnpClass == mediaClass(DmsClass_StorageFolder) ||
-         object->upnpClass == mediaClass(DmsClass_StorageVolume);
-}
-
 bool hasMediaExtension(std::string_view name) {
   size_t dot = name.rfind('.');
   if (dot == std::string_view::npos) return false;
@@ -309,7 +304,7 @@ void categoriseItems(const std::vector<NewItem>& newItems) {
 
 int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent) {
   if (*spent > DmsLibrary_StepBudget) return 0;
-  if (!isFolder(folder)) return 1;
+  if (!DmsObject_IsFolder(folder)) return 1;
 
   bool changed = false;
   if (folder->childCount < 0 || folder->pass < pass) {
@@ -322,7 +317,7 @@ int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent) {
   int result = 1;
   for (DmsObject* child = folder->firstChild; child;) {
     DmsObject* next = child->nextSibling;
-    const bool childIsFolder = isFolder(child);
+    const bool childIsFolder = DmsObject_IsFolder(child);
     if (childIsFolder && DmsLibrary_Scan(child, pass, spent) != 1) {
       result = 0;
       break;
