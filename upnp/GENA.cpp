@@ -25,7 +25,7 @@
 #include "http/HTTPRequest.h"
 #include "http/Text.h"
 #include "http/UniqueFd.h"
-#include "upnp/UPnPDevice.h"
+#include "upnp/UPnPTypes.h"
 
 namespace {
 
