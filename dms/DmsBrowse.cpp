@@ -15,7 +15,7 @@
 
 #include "dms/DmsDidl.h"
 #include "dms/DmsObject.h"
-#include "dms/DmsServer.h"
+#include "dms/DmsServerState.h"
 #include "http/HTTPRequest.h"
 #include "upnp/UPnPDevice.h"
 #include "http/UniqueFd.h"

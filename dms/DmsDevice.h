@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-#include "dms/DmsServer.h"
+#include "dms/DmsServerState.h"
 #include "upnp/UPnPDevice.h"
 
 // Rows of the two action tables; a handler is installed by writing the
