@@ -87,13 +87,6 @@ const char* SkipSpaces(const char* text) {
   return text;
 }
 
-int HexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
 int MethodNumber(const char* word) {
   for (const MethodName& method : kMethods) {
     if (strcasecmp(word, method.name) == 0) return method.number;
@@ -499,8 +492,8 @@ void HTTP_UrlDecode(char* text) {
   if (text == nullptr) return;
   char* out = text;
   for (const char* in = text; *in != '\0';) {
-    int high = in[0] == '%' ? HexValue(in[1]) : -1;
-    int low = high >= 0 ? HexValue(in[2]) : -1;
+    int high = in[0] == '%' ? Text_HexValue(in[1]) : -1;
+    int low = high >= 0 ? Text_HexValue(in[2]) : -1;
     if (low >= 0) {
       *out++ = static_cast<char>(high * 16 + low);
       in += 3;

@@ -1,5 +1,6 @@
 // The shared text helpers: one case-insensitive comparison under every
-// search, equality and prefix test, and the saturating decimal reader.
+// search, equality and prefix test, the hexadecimal digit and the
+// saturating decimal reader.
 #include "http/Text.h"
 
 #include <algorithm>
@@ -26,6 +27,13 @@ bool Text_StartsNoCase(std::string_view text, std::string_view prefix) {
 size_t Text_FindNoCase(std::string_view text, std::string_view needle) {
   const auto found = std::search(text.begin(), text.end(), needle.begin(), needle.end(), SameLetter);
   return found == text.end() && !needle.empty() ? std::string_view::npos : static_cast<size_t>(found - text.begin());
+}
+
+int Text_HexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
 }
 
 int Text_ReadInt(std::string_view text, size_t* used) {

@@ -1,6 +1,7 @@
 // Small text helpers that the protocol layers and the media parsers share:
-// case-insensitive comparison and search, and the one reader of decimal
-// numbers in the lenient way the C library's atoi reads them.
+// case-insensitive comparison and search, hexadecimal digits, and the one
+// reader of decimal numbers in the lenient way the C library's atoi reads
+// them.
 #pragma once
 
 #include <cstddef>
@@ -14,6 +15,9 @@ size_t Text_FindNoCase(std::string_view text, std::string_view needle);
 inline bool Text_ContainsNoCase(std::string_view text, std::string_view needle) {
   return Text_FindNoCase(text, needle) != std::string_view::npos;
 }
+
+// The value of one hexadecimal digit (either case), or -1 for any other character.
+int Text_HexValue(char c);
 
 // A decimal number at the start of `text` as atoi reads it: leading white
 // space, an optional sign, then digits up to the first other character.

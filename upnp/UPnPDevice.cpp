@@ -10,7 +10,6 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cstdio>
 #include <mutex>
 #include <new>
@@ -76,8 +75,8 @@ bool ReadChunkSize(HTTPRequest* request, int64_t& size) {
     if (!ReadExactly(request, &c, 1)) return false;
     if (c == '\n') return true;
     if (c == '\r') continue;
-    if (!std::isxdigit(static_cast<unsigned char>(c))) return false;
-    int digit = std::isdigit(static_cast<unsigned char>(c)) ? c - '0' : std::tolower(c) - 'a' + 10;
+    const int digit = Text_HexValue(c);
+    if (digit < 0) return false;
     size = size * 16 + digit;
     if (size >= kChunkSizeLimit) return false;
   }
