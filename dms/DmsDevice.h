@@ -3,8 +3,6 @@
 // state variables.
 #pragma once
 
-#include <cstddef>
-
 #include "dms/DmsServerState.h"
 #include "upnp/UPnPDevice.h"
 

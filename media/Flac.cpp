@@ -119,9 +119,9 @@ void flacReadSeekTable(FlacBlockReader& block, uint64_t totalSamples, FlacSeekIn
     for (uint32_t i = 0; i < batch; ++i) {
       const uint8_t* point = data + i * kSeekPointSize;
       FlacSeekPoint entry;
-      entry.sampleNumber = uint64_t{MediaBits_Get(point, 0, 32)} << 32 | MediaBits_Get(point, 32, 32);
-      entry.byteOffset = uint64_t{MediaBits_Get(point, 64, 32)} << 32 | MediaBits_Get(point, 96, 32);
-      entry.sampleCount = static_cast<uint16_t>(MediaBits_Get(point, 128, 16));
+      entry.sampleNumber = Bytes_U64BE(point);
+      entry.byteOffset = Bytes_U64BE(point + 8);
+      entry.sampleCount = Bytes_U16BE(point + 16);
       if (entry.sampleNumber >= totalSamples) return;
       seek.points.push_back(entry);
     }

@@ -113,11 +113,6 @@ struct SSDP {
     usleep(kRepeatPauseUs);
     Sweep("ssdp:byebye");
   }
-
-  bool OpenSocket() {
-    socket = Multicast_Open(kGroupAddress, kSsdpPort, fields.address.c_str());
-    return socket.valid();
-  }
 };
 
 std::optional<SSDPSearch> SSDP_ParseSearch(std::string_view datagram, const std::vector<std::string>& types,
@@ -182,7 +177,8 @@ SSDP* SSDP_new(const char* const* types, int count, const char* udn, const char*
     engine->fields.product = product;
     engine->fields.udn = udn;
     engine->fields.extra = extra ? extra : "";
-    if (!engine->OpenSocket()) {
+    engine->socket = Multicast_Open(kGroupAddress, kSsdpPort, engine->fields.address.c_str());
+    if (!engine->socket.valid()) {
       delete engine;
       return nullptr;
     }

@@ -49,7 +49,8 @@ constexpr size_t kLastChangeHeadSize = 1024;
 
 std::mutex gSubscriberMutex;
 
-bool EqualsNoCase(const char* a, const char* b) { return a && b && Text_EqualsNoCase(a, b); }
+// A missing text matches nothing.
+bool SameNoCase(const char* a, const char* b) { return a && b && Text_EqualsNoCase(a, b); }
 
 void CopyCut(std::string_view text, char* buffer, size_t size) {
   if (!buffer || size == 0) return;
@@ -105,7 +106,7 @@ void Subscribe(UPnPService* service, const char* callback, HTTPResponse* respons
 void Renew(UPnPService* service, const char* sid, HTTPResponse* response) {
   std::lock_guard lock(gSubscriberMutex);
   for (GENASubscriber* subscriber = service->subscribers; subscriber; subscriber = subscriber->next) {
-    if (EqualsNoCase(subscriber->sid, sid)) {
+    if (SameNoCase(subscriber->sid, sid)) {
       subscriber->expires = Now() + kGenaSubscriptionSeconds;
       SetSubscribed(response, sid);
       return;
@@ -120,7 +121,7 @@ void Unsubscribe(UPnPService* service, const char* sid, HTTPResponse* response) 
   std::unique_ptr<GENASubscriber> removed;
   std::lock_guard lock(gSubscriberMutex);
   for (GENASubscriber** link = &service->subscribers; *link; link = &(*link)->next) {
-    if (EqualsNoCase((*link)->sid, sid)) {
+    if (SameNoCase((*link)->sid, sid)) {
       removed.reset(*link);
       *link = removed->next;
       return;
@@ -189,11 +190,11 @@ void GENA_HandleRequest(UPnPDevice*, UPnPService* service, const char* method, c
   response->status = kStatusPreconditionFailed;
   if (!service) return;
   const bool hasSid = sid && std::strstr(sid, kSidPrefix);
-  if (EqualsNoCase(method, "SUBSCRIBE") && EqualsNoCase(nt, "upnp:event")) {
+  if (SameNoCase(method, "SUBSCRIBE") && SameNoCase(nt, "upnp:event")) {
     Subscribe(service, callback, response);
-  } else if (EqualsNoCase(method, "SUBSCRIBE") && hasSid) {
+  } else if (SameNoCase(method, "SUBSCRIBE") && hasSid) {
     Renew(service, sid + kSidPrefixLength, response);
-  } else if (EqualsNoCase(method, "UNSUBSCRIBE") && hasSid) {
+  } else if (SameNoCase(method, "UNSUBSCRIBE") && hasSid) {
     Unsubscribe(service, sid + kSidPrefixLength, response);
   }
 }
