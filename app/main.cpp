@@ -4,12 +4,13 @@
 
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "app/Config.h"
 #include "dms/DmsServer.h"
+#include "http/Text.h"
 
 namespace {
 
@@ -33,7 +34,7 @@ int main() {
   const auto modelDescription = getDMSInfo("modelDescription");
   // A missing value counts as 0, which the server raises to its minimum.
   const auto interval = getDMSInfo("refreshInterval");
-  const auto refreshInterval = static_cast<uint16_t>(std::atoi(interval ? interval->c_str() : "0"));
+  const auto refreshInterval = static_cast<uint16_t>(Text_ReadInt(interval ? *interval : std::string_view()));
 
   std::printf("\n[%s] running\n\n", label(modelDescription));
   std::fflush(stdout);

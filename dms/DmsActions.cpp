@@ -8,10 +8,10 @@
 #include <cstring>
 #include <new>
 
-#include "dms/DmsDevice.h"
 #include "dms/DmsObject.h"
 #include "http/HTTPRequest.h"
 #include "upnp/GENA.h"
+#include "upnp/UPnPDevice.h"
 
 const char* const dmsSourceProtocolInfo =
     "http-get:*:image/jpeg:DLNA.ORG_PN=JPEG_TN;DLNA.ORG_OP=01;DLNA.ORG_CI=1,http-get:*:image/jpeg:*,"

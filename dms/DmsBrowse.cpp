@@ -9,14 +9,13 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <mutex>
 #include <optional>
 #include <string>
 
 #include "dms/DmsDidl.h"
 #include "dms/DmsObject.h"
-#include "dms/DmsServer.h"
+#include "dms/DmsServerState.h"
 #include "http/HTTPRequest.h"
 #include "upnp/UPnPDevice.h"
 #include "http/UniqueFd.h"
@@ -30,6 +29,7 @@ constexpr uint32_t kMaxObjectIdLength = 23;
 constexpr uint32_t kMaxFilterLength = 255;
 constexpr uint32_t kMaxNumberLength = 9;
 constexpr size_t kPageSpace = 8100;
+constexpr const char* kXmlContentType = "text/xml; charset=\"utf-8\"";
 constexpr int kCannotProcess = 4;  // row of 720 "Cannot Process the Request" in dlnaErrors
 
 constexpr char kDidlOpen[] =
@@ -79,16 +79,13 @@ void answerFault(HTTPResponse* response) {
 }
 
 bool writeHeader(HTTPRequest* request, HTTPResponse* response) {
-  const time_t now = ::time(nullptr);
-  struct tm utc {};
-  char date[30] = {};
-  if (gmtime_r(&now, &utc)) std::strftime(date, sizeof date, "%a, %d %b %Y %H:%M:%S GMT", &utc);
   const DmsServerInfo& info = DmsServer_Info();
-  std::string header = "HTTP/1.1 200 OK\r\nDate: ";
-  header += date;
-  header += "\r\nContent-Type: text/xml; charset=\"utf-8\"\r\nTransfer-Encoding: chunked\r\nConnection: ";
-  header += response->keepAlive ? "keep-alive" : "close";
-  header += "\r\nEXT:\r\nServer: " + std::string(UPnP_OsToken()) + " UPnP/1.0 " + info.modelName + "/" + info.modelNumber + "\r\n\r\n";
+  response->version = "HTTP/1.1";
+  response->status = "200 OK";
+  response->contentType = kXmlContentType;
+  response->extraHeaders =
+      "EXT:\r\nServer: " + std::string(UPnP_OsToken()) + " UPnP/1.0 " + info.modelName + "/" + info.modelNumber + "\r\n";
+  const std::string header = HTTPResponse_MakeChunkedHeader(response);
   if (HTTPRequest_WriteData(request, header.data(), header.size())) return true;
   response->keepAlive = false;
   return false;
@@ -140,8 +137,7 @@ void sendChildren(HTTPRequest* request, HTTPResponse* response, BrowseRequest& b
         if (!child || child->parent != container) return;
       } else {
         for (uint32_t position = 0; child && position < browse.startingIndex; ++position) child = child->nextSibling;
-        if (container->upnpClass == dlnaMediaClasses[DmsClass_StorageFolder] ||
-            container->upnpClass == dlnaMediaClasses[DmsClass_StorageVolume]) {
+        if (DmsObject_IsFolder(container)) {
           const std::string path = DmsObject_GetPath(container);
           if (!path.empty()) folder.reset(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         }

@@ -98,23 +98,6 @@ constexpr UPnPStateVariable kConnectionManagerVariables[] = {
 
 }  // namespace
 
-const char* const dlnaDeviceTypes[kDlnaDeviceTypeCount] = {
-    "urn:schemas-upnp-org:device:MediaServer:1",
-    "urn:schemas-upnp-org:device:MediaRenderer:1",
-};
-const char* const dlnaServiceTypes[kDlnaServiceTypeCount] = {
-    "urn:schemas-upnp-org:service:ConnectionManager:1",
-    "urn:schemas-upnp-org:service:ContentDirectory:1",
-    "urn:schemas-upnp-org:service:AVTransport:1",
-    "urn:schemas-upnp-org:service:RenderingControl:1",
-};
-const char* const dlnaServiceIDs[kDlnaServiceTypeCount] = {
-    "urn:upnp-org:serviceId:ConnectionManager",
-    "urn:upnp-org:serviceId:ContentDirectory",
-    "urn:upnp-org:serviceId:AVTransport",
-    "urn:upnp-org:serviceId:RenderingControl",
-};
-
 UPnPAction dmsContentDirectoryActions[] = {
     {"Browse", DmsBrowse_Browse, kBrowseIn, kBrowseOut},
     {"GetSearchCapabilities", DmsActions_GetSearchCapabilities, nullptr, kSearchCapabilitiesOut},

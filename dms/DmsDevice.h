@@ -1,23 +1,10 @@
-// The media server's UPnP device: the static device record, the ContentDirectory and ConnectionManager services with their
-// actions and state variables, and the exported type and id tables by whose
-// rows services are recognised.
+// The media server's UPnP device: the static device record and the
+// ContentDirectory and ConnectionManager services with their actions and
+// state variables.
 #pragma once
 
-#include <cstddef>
-
-#include "dms/DmsServer.h"
+#include "dms/DmsServerState.h"
 #include "upnp/UPnPDevice.h"
-
-// Device and service type rows; code compares service types with these
-// pointers, never by content.
-constexpr size_t kDlnaDeviceTypeCount = 2;
-constexpr size_t kDlnaServiceTypeCount = 4;
-extern const char* const dlnaDeviceTypes[kDlnaDeviceTypeCount];
-extern const char* const dlnaServiceTypes[kDlnaServiceTypeCount];
-extern const char* const dlnaServiceIDs[kDlnaServiceTypeCount];
-// Rows of dlnaServiceTypes and dlnaServiceIDs for this server's services.
-constexpr size_t kDlnaConnectionManagerRow = 0;
-constexpr size_t kDlnaContentDirectoryRow = 1;
 
 // Rows of the two action tables; a handler is installed by writing the
 // row's `handler`, e.g. dmsContentDirectoryActions[kDmsActionBrowse].handler.

@@ -14,6 +14,7 @@
 
 #include "dms/DmsObject.h"
 #include "media/MediaStream.h"
+#include "upnp/UPnPDevice.h"
 
 namespace {
 
@@ -201,16 +202,7 @@ uint32_t DmsDidl_ParseFilter(std::string_view filter) {
 std::string DmsDidl_Escape(std::string_view text) {
   std::string out;
   out.reserve(text.size());
-  for (char c : text) {
-    switch (c) {
-      case '&': out += "&amp;amp;"; break;
-      case '"': out += "&amp;quot;"; break;
-      case '\'': out += "&amp;apos;"; break;
-      case '<': out += "&amp;lt;"; break;
-      case '>': out += "&amp;gt;"; break;
-      default: out += c;
-    }
-  }
+  XML_AppendEscaped(out, text, true);
   return out;
 }
 

@@ -18,6 +18,7 @@
 #include <string_view>
 #include <vector>
 
+#include "http/Text.h"
 #include "http/UniqueFd.h"
 #include "media/MediaStream.h"
 
@@ -41,11 +42,6 @@ constexpr char kUnknownGroup[] = "Unknown";
 uint64_t lastGroupId = 10000;
 
 const char* mediaClass(DmsMediaClass index) { return dlnaMediaClasses[index]; }
-
-bool isFolder(const DmsObject* object) {
-  return object->upnpClass == mediaClass(DmsClass_StorageFolder) ||
-         object->upnpClass == mediaClass(DmsClass_StorageVolume);
-}
 
 int64_t nowMicros() {
   using namespace std::chrono;
@@ -288,7 +284,7 @@ void categoriseItems(const std::vector<NewItem>& newItems) {
 
 int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent) {
   if (*spent > DmsLibrary_StepBudget) return 0;
-  if (!isFolder(folder)) return 1;
+  if (!DmsObject_IsFolder(folder)) return 1;
 
   bool changed = false;
   if (folder->childCount < 0 || folder->pass < pass) {
@@ -301,7 +297,7 @@ int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent) {
   int result = 1;
   for (DmsObject* child = folder->firstChild; child;) {
     DmsObject* next = child->nextSibling;
-    const bool childIsFolder = isFolder(child);
+    const bool childIsFolder = DmsObject_IsFolder(child);
     if (childIsFolder && DmsLibrary_Scan(child, pass, spent) != 1) {
       result = 0;
       break;
@@ -330,10 +326,7 @@ bool DmsLibrary_HasMediaExtension(std::string_view name) {
   if (dot == std::string_view::npos) return false;
   std::string_view extension = name.substr(dot);
   for (std::string_view accepted : kExtensions) {
-    if (extension.size() == accepted.size() &&
-        strncasecmp(extension.data(), accepted.data(), accepted.size()) == 0) {
-      return true;
-    }
+    if (Text_EqualsNoCase(extension, accepted)) return true;
   }
   return false;
 }

@@ -39,11 +39,6 @@ std::atomic<uint32_t> systemUpdateId{0};
 
 DmsObject*& bucketOf(DmsObjectId id) { return idTable[id.low % kBucketCount]; }
 
-bool isFolderClass(const char* upnpClass) {
-  return upnpClass == dlnaMediaClasses[DmsClass_StorageFolder] ||
-         upnpClass == dlnaMediaClasses[DmsClass_StorageVolume];
-}
-
 // Unlinks `target` from the singly linked list that starts at `head` and
 // continues through `link`.
 void unlinkFrom(DmsObject*& head, DmsObject* target, DmsObject* DmsObject::*link) {
@@ -94,6 +89,11 @@ bool DmsObjectId_Parse(const char* text, DmsObjectId& id) {
   return true;
 }
 
+bool DmsObject_IsFolder(const DmsObject* object) {
+  return object->upnpClass == dlnaMediaClasses[DmsClass_StorageFolder] ||
+         object->upnpClass == dlnaMediaClasses[DmsClass_StorageVolume];
+}
+
 DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClass, DmsObjectKind kind,
                          DmsObject* parent, DmsObject* after) {
   auto* object = new (std::nothrow) DmsObject;
@@ -102,7 +102,7 @@ DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClas
   if (title) object->title = title;
   object->upnpClass = upnpClass;
   object->kind = kind;
-  if (isFolderClass(upnpClass)) object->childCount = -1;
+  if (DmsObject_IsFolder(object)) object->childCount = -1;
   if (kind == DmsKind_Container) object->updateId = DmsContent_SystemUpdateId();
 
   DmsObject*& bucket = bucketOf(id);

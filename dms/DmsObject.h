@@ -76,6 +76,9 @@ struct DmsObject {
 // the children when `after` is null). Null when memory runs out.
 DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClass, DmsObjectKind kind,
                          DmsObject* parent, DmsObject* after);
+// True for an object that stands for a folder of the media directory: a
+// storage folder, or the storage volume that is the directory itself.
+bool DmsObject_IsFolder(const DmsObject* object);
 // Removes the object with `id`, everything below it and every reference to it.
 void DmsObject_Free(DmsObjectId id);
 DmsObject* DmsObject_Find(DmsObjectId id);

@@ -1,6 +1,6 @@
-// The media server's process-wide state: descriptive fields and identity
-// chosen at start-up, the fixed container tree, and the refresh thread that
-// runs the incremental scan whenever the content mutex is free.
+// The media server's start-up and shutdown: the descriptive fields and
+// identity, the fixed container tree, and the refresh thread that runs the
+// incremental scan whenever the content mutex is free.
 #include "dms/DmsServer.h"
 
 #include <sys/utsname.h>
@@ -12,13 +12,17 @@
 #include <condition_variable>
 #include <cstring>
 #include <ctime>
+#include <mutex>
+#include <string>
 #include <string_view>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "dms/DmsDevice.h"
 #include "dms/DmsLibrary.h"
 #include "dms/DmsObject.h"
+#include "dms/DmsServerState.h"
 #include "http/NetworkInterface.h"
 #include "upnp/UUID.h"
 
@@ -59,9 +63,7 @@ constexpr std::array<FixedContainer, 14> kFixedContainers = {{
 }};
 
 struct ServerState {
-  std::mutex contentMutex;
   std::atomic<bool> open{false};
-  DmsServerInfo info;
   std::thread refreshThread;
   std::mutex sleepMutex;  // only for waking the refresh thread on close
   std::condition_variable wake;
@@ -142,12 +144,12 @@ void refreshLoop() {
   uint32_t waited = 0;
   int lastResult = 0;
   while (s.open) {
-    if (lastResult == 1 && waited <= s.info.refreshInterval) {
+    if (lastResult == 1 && waited <= DmsServer_Info().refreshInterval) {
       waited += kRefreshWaitStep;
     } else {
       if (lastResult != 0) ++pass;
       waited = 0;
-      std::unique_lock lock(s.contentMutex, std::try_to_lock);
+      std::unique_lock lock(DmsServer_ContentMutex(), std::try_to_lock);
       if (lock.owns_lock()) {
         int64_t spent = 0;
         DmsObject* folder = DmsObject_Find(DmsId_MediaDirectory);
@@ -157,7 +159,7 @@ void refreshLoop() {
     if (lastResult != 0) refreshSleep(kIdleSleep);
     else refreshSleep(kBusySleep);
   }
-  std::lock_guard lock(s.contentMutex);
+  std::lock_guard lock(DmsServer_ContentMutex());
   freeTree();
 }
 
@@ -169,7 +171,7 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
   ServerState& s = state();
   if (s.open || flags == 0) return 1;
 
-  DmsServerInfo& info = s.info;
+  DmsServerInfo info;
   info.friendlyName = friendlyName ? limited(friendlyName, kTextLimit) : limited(hostFriendlyName().c_str(), kTextLimit);
   info.manufacturer = limited(manufacturer, kTextLimit);
   info.modelName = limited(modelName, kTextLimit);
@@ -177,23 +179,25 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
   info.modelDescription = limited(modelDescription, kTextLimit);
   info.udn = makeUdn();
   info.startTime = static_cast<int64_t>(::time(nullptr));
+  info.refreshInterval = refreshInterval < kMinimumRefreshInterval ? kMinimumRefreshInterval : refreshInterval;
+  DmsServer_SetInfo(std::move(info));
+  const DmsServerInfo& stored = DmsServer_Info();
 
   {
-    std::lock_guard lock(s.contentMutex);
+    std::lock_guard lock(DmsServer_ContentMutex());
     freeTree();
-    if (!DmsServer_BuildTree(info.friendlyName.c_str(), path)) {
+    if (!DmsServer_BuildTree(stored.friendlyName.c_str(), path)) {
       freeTree();
       return 0;
     }
   }
-  DmsDevice_Fill(info);
+  DmsDevice_Fill(stored);
   s.open = true;
-  info.refreshInterval = refreshInterval < kMinimumRefreshInterval ? kMinimumRefreshInterval : refreshInterval;
 
   try {
     s.refreshThread = std::thread(refreshLoop);
   } catch (const std::system_error&) {
-    std::lock_guard lock(s.contentMutex);
+    std::lock_guard lock(DmsServer_ContentMutex());
     freeTree();
     s.open = false;
     return 0;
@@ -220,7 +224,3 @@ void DMS_Close() {
   UPnPDevice_Close(&dmsDevice);
   if (s.refreshThread.joinable()) s.refreshThread.join();
 }
-
-std::mutex& DmsServer_ContentMutex() { return state().contentMutex; }
-
-const DmsServerInfo& DmsServer_Info() { return state().info; }

@@ -15,7 +15,7 @@
 #include <string_view>
 
 #include "dms/DmsObject.h"
-#include "dms/DmsServer.h"
+#include "dms/DmsServerState.h"
 #include "http/HTTPRequest.h"
 #include "media/MediaStream.h"
 

@@ -25,6 +25,7 @@
 #include <new>
 #include <string_view>
 
+#include "http/Text.h"
 #include "http/UniqueFd.h"
 
 namespace {
@@ -33,6 +34,7 @@ constexpr int kIoWaitMs = 10000;
 constexpr int64_t kBodyPiece = 4 * 1024 * 1024;
 constexpr size_t kRangeLinesMax = 128;
 constexpr size_t kDateMax = 30;
+constexpr size_t kLengthLineMax = 48;
 // Room for the status line, Date, Content-Type, Content-Length and Connection
 // beyond the range lines and the extra headers; anything longer is cut.
 constexpr size_t kReplyHeaderSlack = 256;
@@ -80,18 +82,9 @@ constexpr std::array<int8_t, 256> MakeBase64Values() {
 }
 constexpr std::array<int8_t, 256> kBase64Values = MakeBase64Values();
 
-bool Contains(const char* text, const char* word) { return strcasestr(text, word) != nullptr; }
-
 const char* SkipSpaces(const char* text) {
   while (*text == ' ') ++text;
   return text;
-}
-
-int HexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
 }
 
 int MethodNumber(const char* word) {
@@ -126,7 +119,7 @@ void ParseRequestLine(HTTPRequest& request, char* line) {
   }
   if (version != nullptr && *version != '\0') {
     request.version = version;
-    request.keepAlive = Contains(version, "HTTP/1.1");
+    request.keepAlive = Text_ContainsNoCase(version, "HTTP/1.1");
   }
 }
 
@@ -146,7 +139,7 @@ int ScanRange(const char* text, int64_t& first, int64_t& last) {
 
 void ParseRange(HTTPRequest& request, const char* value) {
   request.rangeRequested = true;
-  const char* ranges = SkipSpaces(strcasestr(value, "bytes=") + 6);
+  const char* ranges = SkipSpaces(value + Text_FindNoCase(value, "bytes=") + 6);
   if (*ranges == '\0') return;
   int64_t first = -1;
   int64_t last = -1;
@@ -164,7 +157,7 @@ void ParseRange(HTTPRequest& request, const char* value) {
 }
 
 void ParseAuthorization(HTTPRequest& request, const char* value) {
-  const char* encoded = SkipSpaces(strcasestr(value, "Basic") + 5);
+  const char* encoded = SkipSpaces(value + Text_FindNoCase(value, "Basic") + 5);
   size_t encodedLength = std::strlen(encoded);
   std::string decoded(encodedLength + 1, '\0');
   if (Base64Decode(decoded.data(), decoded.size(), encoded, encodedLength) <= 1) return;
@@ -177,17 +170,17 @@ void ParseAuthorization(HTTPRequest& request, const char* value) {
 
 void ApplyHeader(HTTPRequest& request, const char* name, const char* value) {
   if (strcasecmp(name, "Connection") == 0) {
-    if (Contains(value, "keep-alive")) {
+    if (Text_ContainsNoCase(value, "keep-alive")) {
       request.keepAlive = true;
-    } else if (Contains(value, "close")) {
+    } else if (Text_ContainsNoCase(value, "close")) {
       request.keepAlive = false;
     }
   } else if (strcasecmp(name, "Expect") == 0) {
-    if (Contains(value, "100") && Contains(value, "continue")) request.expectContinue = true;
+    if (Text_ContainsNoCase(value, "100") && Text_ContainsNoCase(value, "continue")) request.expectContinue = true;
   } else if (strcasecmp(name, "Content-Length") == 0) {
     request.contentLength = std::strtoll(value, nullptr, 10);
   } else if (strcasecmp(name, "Authorization") == 0) {
-    if (!request.userName && !request.password && Contains(value, "Basic")) {
+    if (!request.userName && !request.password && Text_ContainsNoCase(value, "Basic")) {
       try {
         ParseAuthorization(request, value);
       } catch (const std::bad_alloc&) {
@@ -196,7 +189,7 @@ void ApplyHeader(HTTPRequest& request, const char* name, const char* value) {
       }
     }
   } else if (strcasecmp(name, "Range") == 0) {
-    if (!request.rangeRequested && Contains(value, "bytes=")) ParseRange(request, value);
+    if (!request.rangeRequested && Text_ContainsNoCase(value, "bytes=")) ParseRange(request, value);
   }
 }
 
@@ -277,21 +270,25 @@ void PlanFileReply(const HTTPRequest& request, HTTPResponse& response, ReplyPlan
   plan.file = std::move(file);
 }
 
-// Status line and header lines, cut to their fixed budget like any reply header.
-std::string MakeReplyHeader(const HTTPResponse& response, const ReplyPlan& plan) {
+// Status line and header lines, cut to their fixed budget like any reply
+// header. A negative `contentLength` announces a chunked body instead.
+std::string MakeReplyHeader(const HTTPResponse& response, const char* rangeLines, int64_t contentLength) {
   char date[kDateMax] = "";
   time_t now = time(nullptr);
   struct tm utc;
   if (gmtime_r(&now, &utc) != nullptr) std::strftime(date, sizeof date, "%a, %d %b %Y %H:%M:%S GMT", &utc);
+  char lengthLine[kLengthLineMax] = "Transfer-Encoding: chunked\r\n";
+  if (contentLength >= 0) {
+    std::snprintf(lengthLine, sizeof lengthLine, "Content-Length: %lld\r\n", static_cast<long long>(contentLength));
+  }
 
   bool typed = response.contentType != nullptr;
-  std::string header(std::strlen(plan.rangeLines) + response.extraHeaders.size() + kReplyHeaderSlack, '\0');
+  std::string header(std::strlen(rangeLines) + response.extraHeaders.size() + kReplyHeaderSlack, '\0');
   int written = std::snprintf(
-      header.data(), header.size(), "%s %s\r\nDate: %s\r\n%s%s%s%sContent-Length: %lld\r\nConnection: %s\r\n%s\r\n",
-      response.version ? response.version : "", response.status ? response.status : "", date, plan.rangeLines,
-      typed ? "Content-Type: " : "", typed ? response.contentType : "", typed ? "\r\n" : "",
-      static_cast<long long>(plan.contentLength), response.keepAlive ? "keep-alive" : "close",
-      response.extraHeaders.c_str());
+      header.data(), header.size(), "%s %s\r\nDate: %s\r\n%s%s%s%s%sConnection: %s\r\n%s\r\n",
+      response.version ? response.version : "", response.status ? response.status : "", date, rangeLines,
+      typed ? "Content-Type: " : "", typed ? response.contentType : "", typed ? "\r\n" : "", lengthLine,
+      response.keepAlive ? "keep-alive" : "close", response.extraHeaders.c_str());
   header.resize(std::min<size_t>(written < 0 ? 0 : static_cast<size_t>(written), header.size() - 1));
   return header;
 }
@@ -477,7 +474,7 @@ bool HTTPResponse_Send(HTTPRequest* request, HTTPResponse* response) {
   plan.contentLength = std::max<int64_t>(response->contentLength, 0);
   if (response->filePath) PlanFileReply(*request, *response, plan);
 
-  std::string header = MakeReplyHeader(*response, plan);
+  std::string header = MakeReplyHeader(*response, plan.rangeLines, plan.contentLength);
   // Corked, the header rides with the first body bytes.
   std::optional<HTTPRequest_CorkScope> cork;
   if (plan.file.valid() && request->method != HTTP_METHOD_HEAD) cork.emplace(request);
@@ -489,12 +486,14 @@ bool HTTPResponse_Send(HTTPRequest* request, HTTPResponse* response) {
   return sent == plan.contentLength;
 }
 
+std::string HTTPResponse_MakeChunkedHeader(const HTTPResponse* response) { return MakeReplyHeader(*response, "", -1); }
+
 void HTTP_UrlDecode(char* text) {
   if (text == nullptr) return;
   char* out = text;
   for (const char* in = text; *in != '\0';) {
-    int high = in[0] == '%' ? HexValue(in[1]) : -1;
-    int low = high >= 0 ? HexValue(in[2]) : -1;
+    int high = in[0] == '%' ? Text_HexValue(in[1]) : -1;
+    int low = high >= 0 ? Text_HexValue(in[2]) : -1;
     if (low >= 0) {
       *out++ = static_cast<char>(high * 16 + low);
       in += 3;

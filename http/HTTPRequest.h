@@ -152,6 +152,11 @@ void HTTPRequest_Parse(HTTPRequest* request, char* block);
 // out in full: the connection must not be kept.
 bool HTTPResponse_Send(HTTPRequest* request, HTTPResponse* response);
 
+// The header HTTPResponse_Send would write for `response` (without range
+// lines), for a handler that writes a chunked body itself:
+// "Transfer-Encoding: chunked" stands where Content-Length would.
+std::string HTTPResponse_MakeChunkedHeader(const HTTPResponse* response);
+
 // Decodes "%XX" escapes of `text` in place; everything else, "+" included, stays.
 void HTTP_UrlDecode(char* text);
 // Standard Base64 with "=" padding into `out` (zero-terminated, the zero not

@@ -4,6 +4,8 @@
 // may not grow beyond the wire limit of 255 bytes.
 #include "mdns/DNSMessage.h"
 
+#include "http/ByteOrder.h"
+
 namespace {
 
 constexpr uint8_t labelKindMask = 0xC0;
@@ -18,16 +20,15 @@ class DNSCursor {
 
   bool u16(uint16_t& value) {
     if (offset_ > message_.size() || message_.size() - offset_ < 2) return false;
-    value = static_cast<uint16_t>(message_[offset_] << 8 | message_[offset_ + 1]);
+    value = Bytes_U16BE(&message_[offset_]);
     offset_ += 2;
     return true;
   }
 
   bool u32(uint32_t& value) {
-    uint16_t high = 0;
-    uint16_t low = 0;
-    if (!u16(high) || !u16(low)) return false;
-    value = static_cast<uint32_t>(high) << 16 | low;
+    if (offset_ > message_.size() || message_.size() - offset_ < 4) return false;
+    value = Bytes_U32BE(&message_[offset_]);
+    offset_ += 4;
     return true;
   }
 
@@ -91,7 +92,7 @@ bool DNSMessage_ReadName(std::span<const uint8_t> message, size_t& offset, std::
     uint8_t length = message[position];
     if ((length & labelKindMask) == labelKindPointer) {
       if (message.size() - position < 2) return false;
-      size_t target = static_cast<size_t>((length << 8 | message[position + 1]) & pointerOffsetMask);
+      size_t target = Bytes_U16BE(&message[position]) & pointerOffsetMask;
       if (target >= limit) return false;
       if (!jumped) resume = position + 2;
       jumped = true;

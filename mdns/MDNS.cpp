@@ -22,6 +22,7 @@
 #include <thread>
 #include <utility>
 
+#include "http/Multicast.h"
 #include "http/UniqueFd.h"
 #include "mdns/DNSMessage.h"
 
@@ -32,7 +33,6 @@ constexpr std::string_view localDomain = "local";
 constexpr size_t maxTextStringSize = 255;
 constexpr uint16_t pointerMark = 0xC000;
 constexpr uint16_t pointerOffsetMask = 0x3FFF;
-constexpr uint8_t multicastTimeToLive = 255;
 constexpr size_t typeMapMaxSize = 32;
 
 // Appends big-endian fields to a fixed buffer. Positions keep counting past
@@ -136,13 +136,7 @@ std::string MDNSLabelForm(std::string_view dotted) {
   return name;
 }
 
-sockaddr_in MDNSGroupAddress() {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(mdnsPort);
-  inet_pton(AF_INET, mdnsGroup, &address.sin_addr);
-  return address;
-}
+sockaddr_in MDNSGroupAddress() { return Multicast_Address(mdnsGroup, mdnsPort); }
 
 }  // namespace
 
@@ -193,35 +187,6 @@ void MDNSReceive(MDNSResponder& responder) {
   }
   responder.records.timeToLive = 0;
   MDNSSend(responder);
-}
-
-// The socket joined to the group on the interface, sending there with loop
-// on (the wake-up byte of MDNS_delete relies on it), bound to port 5353.
-UniqueFd MDNSOpenSocket(const std::string& interfaceAddress) {
-  in_addr interface{};
-  if (inet_pton(AF_INET, interfaceAddress.c_str(), &interface) != 1) return {};
-  UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  int fd = socket.get();
-  if (fd < 0) return {};
-  int reuse = 1;
-  ip_mreq membership{};
-  inet_pton(AF_INET, mdnsGroup, &membership.imr_multiaddr);
-  membership.imr_interface = interface;
-  uint8_t hops = multicastTimeToLive;
-  uint8_t loop = 1;
-  sockaddr_in bound{};
-  bound.sin_family = AF_INET;
-  bound.sin_port = htons(mdnsPort);
-  bound.sin_addr.s_addr = htonl(INADDR_ANY);
-  if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse) < 0 ||
-      setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) < 0 ||
-      setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &interface, sizeof interface) < 0 ||
-      setsockopt(fd, IPPROTO_IP, IP_MULTICAST_TTL, &hops, sizeof hops) < 0 ||
-      setsockopt(fd, IPPROTO_IP, IP_MULTICAST_LOOP, &loop, sizeof loop) < 0 ||
-      bind(fd, reinterpret_cast<const sockaddr*>(&bound), sizeof bound) < 0) {
-    return {};
-  }
-  return socket;
 }
 
 }  // namespace
@@ -328,7 +293,7 @@ MDNSResponder* MDNS_new(const char* hostName, const char* interfaceAddress, cons
   try {
     auto responder = std::make_unique<MDNSResponder>();
     if (!MDNS_MakeRecords(hostName, interfaceAddress, services, serviceCount, responder->records)) return nullptr;
-    responder->socket = MDNSOpenSocket(responder->records.interfaceAddress);
+    responder->socket = Multicast_Open(mdnsGroup, mdnsPort, responder->records.interfaceAddress.c_str());
     responder->stop = UniqueFd(eventfd(0, EFD_CLOEXEC));
     if (responder->socket.get() < 0 || responder->stop.get() < 0) return nullptr;
     responder->running = true;

@@ -36,9 +36,7 @@ bool readBigEndian(int fd, const EbmlElement& element, uint64_t& value) {
   if (element.size > kIntegerMaxBytes) return false;
   uint8_t bytes[kIntegerMaxBytes];
   if (!readPayload(fd, element, bytes)) return false;
-  uint64_t result = 0;
-  for (int64_t i = 0; i < element.size; ++i) result = (result << 8) | bytes[i];
-  value = result;
+  value = Bytes_BigEndian(bytes, static_cast<size_t>(element.size));
   return true;
 }
 
@@ -55,16 +53,15 @@ bool EbmlRead_Header(int fd, int64_t position, int64_t limit, EbmlElement& eleme
   // The ID keeps its marker bits; data bits all zero or all one are reserved.
   const unsigned idLength = vintLength(bytes[0], kIdMaxBytes);
   if (idLength == 0) return false;
-  uint32_t id = 0;
-  for (unsigned i = 0; i < idLength; ++i) id = (id << 8) | bytes[i];
+  const auto id = static_cast<uint32_t>(Bytes_BigEndian(bytes, idLength));
   const uint32_t idDataMask = (1u << (7 * idLength)) - 1;
   if ((id & idDataMask) == 0 || (id & idDataMask) == idDataMask) return false;
 
   if (idLength >= wanted) return false;
   const unsigned sizeLength = vintLength(bytes[idLength], kSizeMaxBytes);
   if (sizeLength == 0 || idLength + sizeLength > wanted) return false;
-  uint64_t size = bytes[idLength] & (0xFFu >> sizeLength);
-  for (unsigned i = 1; i < sizeLength; ++i) size = (size << 8) | bytes[idLength + i];
+  // The length marker is the top bit set in the first byte; 7 bits a byte remain.
+  const uint64_t size = Bytes_BigEndian(bytes + idLength, sizeLength) & ((uint64_t{1} << (7 * sizeLength)) - 1);
   const bool unknown = size == (uint64_t{1} << (7 * sizeLength)) - 1;
 
   const int64_t dataStart = position + idLength + sizeLength;

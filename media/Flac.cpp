@@ -5,14 +5,13 @@
 // seeks to every header afresh, so a damaged block costs only itself.
 #include "media/Flac.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string_view>
 
+#include "http/Text.h"
 #include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
 
@@ -66,13 +65,13 @@ class FlacBlockReader {
   bool readU32BE(uint32_t& value) {
     uint8_t bytes[4];
     if (!read(bytes, sizeof bytes)) return false;
-    value = MediaBits_Get(bytes, 0, 32);
+    value = Bytes_U32BE(bytes);
     return true;
   }
   bool readU32LE(uint32_t& value) {
     uint8_t bytes[4];
     if (!read(bytes, sizeof bytes)) return false;
-    value = MediaBytes_U32LE(bytes);
+    value = Bytes_U32LE(bytes);
     return true;
   }
   bool skip(uint32_t count) {
@@ -124,9 +123,9 @@ void flacReadSeekTable(FlacBlockReader& block, uint64_t totalSamples, FlacSeekIn
     for (uint32_t i = 0; i < batch; ++i) {
       const uint8_t* point = data + i * kSeekPointSize;
       FlacSeekPoint entry;
-      entry.sampleNumber = uint64_t{MediaBits_Get(point, 0, 32)} << 32 | MediaBits_Get(point, 32, 32);
-      entry.byteOffset = uint64_t{MediaBits_Get(point, 64, 32)} << 32 | MediaBits_Get(point, 96, 32);
-      entry.sampleCount = static_cast<uint16_t>(MediaBits_Get(point, 128, 16));
+      entry.sampleNumber = Bytes_U64BE(point);
+      entry.byteOffset = Bytes_U64BE(point + 8);
+      entry.sampleCount = Bytes_U16BE(point + 16);
       if (entry.sampleNumber >= totalSamples) return;
       seek.points.push_back(entry);
     }
@@ -134,20 +133,16 @@ void flacReadSeekTable(FlacBlockReader& block, uint64_t totalSamples, FlacSeekIn
   }
 }
 
-bool flacFieldIs(std::string_view field, std::string_view name) {
-  return field.size() == name.size() && ::strncasecmp(field.data(), name.data(), name.size()) == 0;
-}
-
 void flacTakeComment(std::string_view comment, MediaStream& stream) {
   const size_t equals = comment.find('=');
   if (equals == std::string_view::npos) return;
   const std::string_view field = comment.substr(0, equals);
   const std::string_view value = comment.substr(equals + 1);
-  if (flacFieldIs(field, "title")) stream.title = std::string(value);
-  else if (flacFieldIs(field, "artist")) stream.artist = std::string(value);
-  else if (flacFieldIs(field, "album")) stream.album = std::string(value);
-  else if (flacFieldIs(field, "genre")) stream.genre = std::string(value);
-  else if (flacFieldIs(field, "date")) {
+  if (Text_EqualsNoCase(field, "title")) stream.title = std::string(value);
+  else if (Text_EqualsNoCase(field, "artist")) stream.artist = std::string(value);
+  else if (Text_EqualsNoCase(field, "album")) stream.album = std::string(value);
+  else if (Text_EqualsNoCase(field, "genre")) stream.genre = std::string(value);
+  else if (Text_EqualsNoCase(field, "date")) {
     // A year alone means 1 January, a year and month the first of that month.
     // The numbers must be joined by dashes: "2009:06:15" reads as the year alone.
     if (auto date = MediaDate_Scan(value, {"%d-%d-%d"}, 1)) stream.date = *date;
@@ -173,12 +168,6 @@ void flacReadComments(FlacBlockReader& block, MediaStream& stream) {
   }
 }
 
-const char* flacCoverMimeType(const char* mime) {
-  if (::strcasestr(mime, "jpeg") || ::strcasestr(mime, "jpg")) return "image/jpeg";
-  if (::strcasestr(mime, "png")) return "image/png";
-  return nullptr;
-}
-
 // The cover is located, not read: its data starts where the block's fixed
 // fields end.
 void flacReadPicture(FlacBlockReader& block, MediaStream& stream) {
@@ -200,7 +189,7 @@ void flacReadPicture(FlacBlockReader& block, MediaStream& stream) {
   }
   stream.coverOffset = block.position();
   stream.coverLength = dataLength;
-  stream.coverMimeType = flacCoverMimeType(mime);
+  stream.coverMimeType = MediaStream_CoverMimeType(mime);
   if (!stream.coverMimeType) MediaNote_Shortcut("flac: a cover of another type than JPEG or PNG gives no thumbnail");
 }
 

@@ -25,8 +25,8 @@ bool MediaParse_Gif(int fd, int64_t offset, int64_t length, MediaStream& stream,
     return MediaNote_Decline("gif: the version is neither 87a nor 89a");
   }
 
-  const uint16_t width = MediaBytes_U16LE(header + 6);
-  const uint16_t height = MediaBytes_U16LE(header + 8);
+  const uint16_t width = Bytes_U16LE(header + 6);
+  const uint16_t height = Bytes_U16LE(header + 8);
   const uint8_t packed = header[10];
   if (width != 0 && height != 0) {
     MediaStream_AddPicture(stream, width, height, static_cast<uint8_t>((packed & kColourBitsMask) + 1));

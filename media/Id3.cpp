@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -87,7 +86,7 @@ std::optional<std::string> decodeUtf16(const uint8_t* bytes, size_t count, bool 
   text.reserve(count * 3 / 2);
   for (size_t i = 0; i + 1 < count; i += 2) {
     const uint16_t unit =
-        littleEndian ? MediaBytes_U16LE(bytes + i) : static_cast<uint16_t>((bytes[i] << 8) | bytes[i]);
+        littleEndian ? Bytes_U16LE(bytes + i) : static_cast<uint16_t>((bytes[i] << 8) | bytes[i]);
     if (unit == 0) break;
     char utf8[3];
     text.append(utf8, MediaUtf8_Encode(unit, utf8));
@@ -116,7 +115,7 @@ std::optional<std::string> decodeText(int fd, uint32_t size) {
     case Id3Encoding_Utf16Bom: {
       bool littleEndian = false;
       if (count >= 2) {
-        littleEndian = ((body[0] << 8) | body[1]) == 0xFFFE;
+        littleEndian = Bytes_U16BE(body) == 0xFFFE;
         body += 2;
         count -= 2;
       }
@@ -176,13 +175,6 @@ void readDayMonth(int fd, uint32_t size, TagDate& date) {
   if (scanNumber(raw + 2, 2, value)) date.month = value;
 }
 
-bool containsNoCase(std::string_view text, std::string_view word) {
-  auto equal = [](char a, char b) {
-    return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
-  };
-  return std::search(text.begin(), text.end(), word.begin(), word.end(), equal) != text.end();
-}
-
 // Locates the picture of an APIC/PIC frame: the header fields are parsed
 // from one small read, the image data itself is only measured.
 void readPicture(int fd, int64_t frameStart, uint32_t size, unsigned version, MediaStream& stream) {
@@ -237,12 +229,8 @@ void readPicture(int fd, int64_t frameStart, uint32_t size, unsigned version, Me
   }
   stream.coverOffset = frameStart + static_cast<int64_t>(at);
   stream.coverLength = pictureLength;
-  if (containsNoCase(mime, "jpeg") || containsNoCase(mime, "jpg")) stream.coverMimeType = "image/jpeg";
-  else if (containsNoCase(mime, "png")) stream.coverMimeType = "image/png";
-  else {
-    stream.coverMimeType = nullptr;
-    MediaNote_Shortcut("id3: a cover of another type than JPEG or PNG gives no thumbnail");
-  }
+  stream.coverMimeType = MediaStream_CoverMimeType(mime);
+  if (!stream.coverMimeType) MediaNote_Shortcut("id3: a cover of another type than JPEG or PNG gives no thumbnail");
 }
 
 void readFrame(int fd, FrameKind kind, int64_t dataStart, uint32_t size, unsigned version,

@@ -15,6 +15,7 @@
 #include <memory>
 #include <new>
 
+#include "http/Text.h"
 #include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
 
@@ -199,14 +200,9 @@ namespace {
 
 template <typename T, bool BigEndian>
 bool readInteger(int fd, T& value) {
-  unsigned char bytes[sizeof(T)];
+  uint8_t bytes[sizeof(T)];
   if (!MediaRead_Bytes(fd, bytes, sizeof bytes)) return false;
-  T result = 0;
-  for (size_t i = 0; i < sizeof(T); ++i) {
-    size_t index = BigEndian ? i : sizeof(T) - 1 - i;
-    result = static_cast<T>((result << 8) | bytes[index]);
-  }
-  value = result;
+  value = static_cast<T>(BigEndian ? Bytes_BigEndian(bytes, sizeof bytes) : Bytes_LittleEndian(bytes, sizeof bytes));
   return true;
 }
 
@@ -241,12 +237,6 @@ int64_t MediaSeek(int fd, int64_t offset, int whence) {
 
 bool MediaRead_At(int fd, int64_t position, void* buffer, size_t count) {
   return MediaSeek(fd, position, SEEK_SET) == position && MediaRead_Bytes(fd, buffer, count);
-}
-
-uint16_t MediaBytes_U16LE(const uint8_t* bytes) { return static_cast<uint16_t>(bytes[0] | bytes[1] << 8); }
-
-uint32_t MediaBytes_U32LE(const uint8_t* bytes) {
-  return uint32_t{MediaBytes_U16LE(bytes)} | uint32_t{MediaBytes_U16LE(bytes + 2)} << 16;
 }
 
 uint32_t MediaBits_Get(const uint8_t* buffer, uint32_t position, unsigned count) {
@@ -292,6 +282,12 @@ size_t MediaUtf8_Encode(uint16_t unit, char* out) {
   return 3;
 }
 
+const char* MediaStream_CoverMimeType(std::string_view mime) {
+  if (Text_ContainsNoCase(mime, "jpeg") || Text_ContainsNoCase(mime, "jpg")) return "image/jpeg";
+  if (Text_ContainsNoCase(mime, "png")) return "image/png";
+  return nullptr;
+}
+
 void MediaStream_AddPicture(MediaStream& stream, uint16_t width, uint16_t height, uint8_t bitsPerPixel) {
   constexpr uint32_t kSlideTime = 5000;  // ms
   StreamInfo picture;
@@ -324,22 +320,6 @@ namespace {
 
 bool isSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
 
-// One "%d" conversion at `pos`: optional white space, sign and at least one digit.
-bool scanInt(std::string_view text, size_t& pos, int& value) {
-  while (pos < text.size() && isSpace(text[pos])) ++pos;
-  bool negative = false;
-  if (pos < text.size() && (text[pos] == '+' || text[pos] == '-')) negative = text[pos++] == '-';
-  size_t digits = pos;
-  int64_t magnitude = 0;
-  for (; pos < text.size() && text[pos] >= '0' && text[pos] <= '9'; ++pos) {
-    if (magnitude <= INT_MAX) magnitude = magnitude * 10 + (text[pos] - '0');
-  }
-  if (pos == digits) return false;
-  int64_t signedValue = negative ? -magnitude : magnitude;
-  value = static_cast<int>(signedValue < INT_MIN ? INT_MIN : signedValue > INT_MAX ? INT_MAX : signedValue);
-  return true;
-}
-
 }  // namespace
 
 int MediaScan_Ints(std::string_view text, std::string_view format, int* values, int capacity) {
@@ -347,8 +327,10 @@ int MediaScan_Ints(std::string_view text, std::string_view format, int* values, 
   int count = 0;
   for (size_t f = 0; f < format.size(); ++f) {
     if (format.substr(f, 2) == "%d") {
-      int value = 0;
-      if (!scanInt(text, pos, value)) break;
+      size_t used = 0;
+      const int value = Text_ReadInt(text.substr(pos), &used);
+      if (used == 0) break;
+      pos += used;
       if (count < capacity) values[count] = value;
       ++count;
       ++f;

@@ -12,6 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include "http/ByteOrder.h"
+
 enum MediaType : int32_t {
   MediaType_None = 0,
   MediaType_Audio = 1,
@@ -97,11 +99,6 @@ int64_t MediaSeek(int fd, int64_t offset, int whence);
 // MediaRead_Bytes); the caller has checked that they lie inside its bounds.
 bool MediaRead_At(int fd, int64_t position, void* buffer, size_t count);
 
-// Little-endian integers from the start of `bytes` (big-endian ones come
-// from MediaBits_Get).
-uint16_t MediaBytes_U16LE(const uint8_t* bytes);
-uint32_t MediaBytes_U32LE(const uint8_t* bytes);
-
 // Up to 32 bits from `buffer` starting at bit `position`, most significant bit
 // of each byte first; the first bit read ends up highest in the result.
 uint32_t MediaBits_Get(const uint8_t* buffer, uint32_t position, unsigned count);
@@ -113,6 +110,10 @@ void MediaBits_Put(uint8_t* buffer, uint32_t position, unsigned count, uint32_t 
 // Writes one 16-bit code unit as UTF-8 (1 to 3 bytes, no surrogate pairing)
 // and returns the number of bytes written.
 size_t MediaUtf8_Encode(uint16_t unit, char* out);
+
+// The type of an embedded cover picture from the MIME text its tag gives:
+// "image/jpeg" or "image/png" when the text mentions them in any case, else null.
+const char* MediaStream_CoverMimeType(std::string_view mime);
 
 // Appends the stream of a still picture, shown for the five-second slide
 // time. Pictures are numbered in the order they are added and only the first

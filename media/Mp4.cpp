@@ -21,10 +21,7 @@
 
 namespace {
 
-constexpr uint32_t boxType(const char (&name)[5]) {
-  return uint32_t(uint8_t(name[0])) << 24 | uint32_t(uint8_t(name[1])) << 16 |
-         uint32_t(uint8_t(name[2])) << 8 | uint32_t(uint8_t(name[3]));
-}
+constexpr uint32_t boxType(const char (&name)[5]) { return uint32_t(Bytes_BigEndian(name, 4)); }
 
 // A path element that matches whatever box comes first.
 constexpr uint32_t kAnyBox = 1;
@@ -116,8 +113,6 @@ struct Mp4Box {
   int64_t end() const { return payload + length; }
   Mp4Span span() const { return {payload, length}; }
 };
-
-uint16_t bigEndian16(const uint8_t* bytes) { return uint16_t(bytes[0] << 8 | bytes[1]); }
 
 bool readU32At(int fd, int64_t position, uint32_t& value) {
   return MediaSeek(fd, position, SEEK_SET) == position && MediaRead_U32BE(fd, value);
@@ -379,10 +374,10 @@ void Mp4Parser::readSampleDescription(const Mp4Box& stsd, StreamInfo& info) {
         !MediaRead_At(fd, fields, bytes.data(), kAudioEntryFields)) {
       return;
     }
-    const uint16_t soundVersion = bigEndian16(&bytes[0]);
-    const uint16_t channels = bigEndian16(&bytes[8]);
-    const uint16_t sampleSize = bigEndian16(&bytes[10]);
-    const uint16_t rate = bigEndian16(&bytes[16]);  // integer part of a 16.16 number
+    const uint16_t soundVersion = Bytes_U16BE(&bytes[0]);
+    const uint16_t channels = Bytes_U16BE(&bytes[8]);
+    const uint16_t sampleSize = Bytes_U16BE(&bytes[10]);
+    const uint16_t rate = Bytes_U16BE(&bytes[16]);  // integer part of a 16.16 number
     if (soundVersion > 1 || channels < 1 || channels > 255 || sampleSize < 4 || sampleSize > 64 ||
         rate == 0) {
       return;
@@ -397,9 +392,9 @@ void Mp4Parser::readSampleDescription(const Mp4Box& stsd, StreamInfo& info) {
     }
     // Behind the version, revision, vendor and two quality words; the depth
     // follows resolution, data size, frame count and the compressor name.
-    const uint16_t width = bigEndian16(&bytes[16]);
-    const uint16_t height = bigEndian16(&bytes[18]);
-    const uint16_t depth = bigEndian16(&bytes[66]);
+    const uint16_t width = Bytes_U16BE(&bytes[16]);
+    const uint16_t height = Bytes_U16BE(&bytes[18]);
+    const uint16_t depth = Bytes_U16BE(&bytes[66]);
     if (width == 0 || height == 0 || depth < 1 || depth > 255) return;
     info.width = width;
     info.height = height;
@@ -470,8 +465,7 @@ void Mp4Parser::readGenreNumber(int64_t position, int64_t length) {
       !MediaRead_At(fd, position, bytes.data(), size_t(length))) {
     return;
   }
-  uint32_t number = 0;
-  for (int64_t i = 0; i < length; ++i) number = number << 8 | bytes[size_t(i)];
+  const uint64_t number = Bytes_BigEndian(bytes.data(), size_t(length));
   if (number < 1 || number > 255) return;
   const char* name = MediaGenre_Name(number - 1);
   if (name) stream.genre = name;

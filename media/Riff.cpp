@@ -53,7 +53,7 @@ class RiffWalker {
         !MediaRead_At(fd_, position_, header, sizeof header)) {
       return false;
     }
-    const uint32_t size = MediaBytes_U32LE(header + 4);
+    const uint32_t size = Bytes_U32LE(header + 4);
     const int64_t data = position_ + kChunkHeaderSize;
     if (data + size > end_) return false;
     std::copy_n(header, sizeof chunk.fourcc, chunk.fourcc);
@@ -121,7 +121,7 @@ bool readRiffHeader(int fd, int64_t offset, int64_t length, std::string_view for
   if (length < kRiffHeaderSize || !MediaRead_At(fd, offset, header, sizeof header)) {
     return false;
   }
-  const int64_t riffSize = MediaBytes_U32LE(header + 4);
+  const int64_t riffSize = Bytes_U32LE(header + 4);
   if (std::string_view(reinterpret_cast<char*>(header), 4) != "RIFF") return false;
   if (riffSize + kChunkHeaderSize > length) {
     return MediaNote_Decline("riff: the RIFF size runs past the end of the file");
@@ -143,7 +143,7 @@ struct WavFormat {
 WavFormat readWavFormat(int fd, const RiffChunk& chunk) {
   uint8_t raw[kFormatSize];
   if (!MediaRead_At(fd, chunk.data, raw, sizeof raw)) return {};
-  return {MediaBytes_U16LE(raw), MediaBytes_U16LE(raw + 2), MediaBytes_U32LE(raw + 4), MediaBytes_U32LE(raw + 8), MediaBytes_U16LE(raw + 12), MediaBytes_U16LE(raw + 14)};
+  return {Bytes_U16LE(raw), Bytes_U16LE(raw + 2), Bytes_U32LE(raw + 4), Bytes_U32LE(raw + 8), Bytes_U16LE(raw + 12), Bytes_U16LE(raw + 14)};
 }
 
 bool parseWav(int fd, int64_t offset, int64_t length, MediaStream& stream) {
@@ -161,7 +161,7 @@ bool parseWav(int fd, int64_t offset, int64_t length, MediaStream& stream) {
       format = readWavFormat(fd, chunk);
     } else if (chunk.id() == "fact" && chunk.size >= 4) {
       uint8_t raw[4];
-      if (MediaRead_At(fd, chunk.data, raw, sizeof raw)) factFrames = MediaBytes_U32LE(raw);
+      if (MediaRead_At(fd, chunk.data, raw, sizeof raw)) factFrames = Bytes_U32LE(raw);
     } else if (chunk.id() == "data") {
       dataSize = chunk.size;
     } else if (chunk.id() == "id3 ") {
@@ -200,10 +200,10 @@ uint32_t streamKind(std::string_view type) {
 bool readStreamHeader(int fd, const RiffChunk& chunk, StreamInfo& info) {
   uint8_t raw[kStreamHeaderSize];
   if (chunk.size < kStreamHeaderSize || !MediaRead_At(fd, chunk.data, raw, sizeof raw)) return false;
-  const uint32_t flags = MediaBytes_U32LE(raw + 8);
-  const uint32_t scale = MediaBytes_U32LE(raw + 20);
-  const uint32_t rate = MediaBytes_U32LE(raw + 24);
-  const uint32_t length = MediaBytes_U32LE(raw + 32);
+  const uint32_t flags = Bytes_U32LE(raw + 8);
+  const uint32_t scale = Bytes_U32LE(raw + 20);
+  const uint32_t rate = Bytes_U32LE(raw + 24);
+  const uint32_t length = Bytes_U32LE(raw + 32);
   if (length == 0 || scale == 0 || rate == 0) return false;
   info.streamKind = streamKind(std::string_view(reinterpret_cast<char*>(raw), 4));
   info.enabled = (flags & kStreamFlagDisabled) ? 0 : 1;
@@ -215,9 +215,9 @@ bool readStreamHeader(int fd, const RiffChunk& chunk, StreamInfo& info) {
 void readVideoFormat(int fd, const RiffChunk& chunk, StreamInfo& info) {
   uint8_t raw[kVideoFormatRead];
   if (chunk.size < kVideoFormatSize || !MediaRead_At(fd, chunk.data, raw, sizeof raw)) return;
-  const auto width = static_cast<int32_t>(MediaBytes_U32LE(raw + 4));
-  const auto height = static_cast<int32_t>(MediaBytes_U32LE(raw + 8));
-  const uint16_t bitCount = MediaBytes_U16LE(raw + 14);
+  const auto width = static_cast<int32_t>(Bytes_U32LE(raw + 4));
+  const auto height = static_cast<int32_t>(Bytes_U32LE(raw + 8));
+  const uint16_t bitCount = Bytes_U16LE(raw + 14);
   if (width < 1 || height == 0 || height < -kMaxPictureHeight || height > kMaxPictureHeight ||
       bitCount > kMaxBitsPerPixel) {
     return;

@@ -47,14 +47,11 @@ constexpr uint32_t kMaxSampleCount = 4;
 constexpr uint32_t kMinDateCount = 5;
 
 uint16_t TiffDecode16(const TiffSource& source, const uint8_t* bytes) {
-  return source.bigEndian ? static_cast<uint16_t>(bytes[0] << 8 | bytes[1])
-                          : static_cast<uint16_t>(bytes[1] << 8 | bytes[0]);
+  return source.bigEndian ? Bytes_U16BE(bytes) : Bytes_U16LE(bytes);
 }
 
 uint32_t TiffDecode32(const TiffSource& source, const uint8_t* bytes) {
-  uint32_t high = TiffDecode16(source, source.bigEndian ? bytes : bytes + 2);
-  uint32_t low = TiffDecode16(source, source.bigEndian ? bytes + 2 : bytes);
-  return high << 16 | low;
+  return source.bigEndian ? Bytes_U32BE(bytes) : Bytes_U32LE(bytes);
 }
 
 // One 12-byte entry as stored: tag, type, count, then the value field, which
@@ -174,7 +171,7 @@ bool TiffHeader_Read(int fd, int64_t start, int64_t size, TiffSource& source, ui
   uint8_t header[kHeaderSize];
   if (!MediaRead_At(fd, start, header, sizeof header)) return false;
   TiffSource candidate{fd, start, size, false};
-  const uint16_t mark = static_cast<uint16_t>(header[0] << 8 | header[1]);
+  const uint16_t mark = Bytes_U16BE(header);
   if (mark == kByteOrderBig) candidate.bigEndian = true;
   else if (mark != kByteOrderLittle) return false;
   if (TiffDecode16(candidate, header + 2) != kTiffMagic) return false;

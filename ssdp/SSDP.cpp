@@ -4,8 +4,6 @@
 // its life. Every datagram comes from the one message template below.
 #include "ssdp/SSDP.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -13,12 +11,14 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <climits>
 #include <cstdio>
 #include <ctime>
 #include <new>
 #include <thread>
+
+#include "http/Multicast.h"
+#include "http/Text.h"
 
 namespace {
 
@@ -33,75 +33,33 @@ constexpr useconds_t kRepeatPauseUs = 100000;
 constexpr useconds_t kAnswerPauseUs = 10000;
 constexpr const char* kUuidType = "uuid:";
 
-bool EqualsNoCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
-         });
-}
-
-bool StartsNoCase(std::string_view text, std::string_view prefix) {
-  return text.size() >= prefix.size() && EqualsNoCase(text.substr(0, prefix.size()), prefix);
-}
-
-size_t FindNoCase(std::string_view text, std::string_view needle) {
-  if (needle.size() > text.size()) return std::string_view::npos;
-  for (size_t i = 0; i + needle.size() <= text.size(); ++i) {
-    if (EqualsNoCase(text.substr(i, needle.size()), needle)) return i;
-  }
-  return std::string_view::npos;
-}
-
-// A decimal number as atoi reads it (leading blanks, optional sign, digits),
-// saturated instead of overflowing.
-long long ReadVersion(std::string_view text) {
-  size_t i = 0;
-  while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i]))) ++i;
-  bool negative = false;
-  if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
-  long long value = 0;
-  for (; i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])); ++i) {
-    value = std::min<long long>(value * 10 + (text[i] - '0'), INT_MAX);
-  }
-  return negative ? -value : value;
-}
-
 std::optional<SSDPSearch> MatchUrn(std::string_view target, const std::vector<std::string>& types) {
   for (const std::string& type : types) {
     size_t colon = type.rfind(':');
     if (colon == std::string::npos) return std::nullopt;
     std::string_view prefix(type.data(), colon + 1);
-    if (!StartsNoCase(target, prefix)) continue;
-    long long requested = ReadVersion(target.substr(prefix.size()));
-    long long offered = ReadVersion(std::string_view(type).substr(prefix.size()));
+    if (!Text_StartsNoCase(target, prefix)) continue;
+    const int requested = Text_ReadInt(target.substr(prefix.size()));
+    const int offered = Text_ReadInt(std::string_view(type).substr(prefix.size()));
     if (requested < 1 || requested > offered) return std::nullopt;
     return SSDPSearch{false, std::string(target)};
   }
   return std::nullopt;
 }
 
-sockaddr_in GroupAddress() {
-  sockaddr_in group{};
-  group.sin_family = AF_INET;
-  group.sin_port = htons(kSsdpPort);
-  inet_pton(AF_INET, kGroupAddress, &group.sin_addr);
-  return group;
-}
+sockaddr_in GroupAddress() { return Multicast_Address(kGroupAddress, kSsdpPort); }
 
 }  // namespace
 
 struct SSDP {
-  int socket = -1;
+  UniqueFd socket;
   std::thread thread;
   std::atomic<bool> running{false};
   std::vector<std::string> types;
   SSDPMessageFields fields;
 
-  ~SSDP() {
-    if (socket >= 0) close(socket);
-  }
-
   void SendTo(const std::string& message, const sockaddr_in& to) const {
-    sendto(socket, message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    sendto(socket.get(), message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
   }
 
   void Sweep(const char* nts) const {
@@ -122,7 +80,7 @@ struct SSDP {
     sockaddr_in from{};
     socklen_t fromLength = sizeof from;
     ssize_t received =
-        recvfrom(socket, buffer, kDatagramSize - 1, 0, reinterpret_cast<sockaddr*>(&from), &fromLength);
+        recvfrom(socket.get(), buffer, kDatagramSize - 1, 0, reinterpret_cast<sockaddr*>(&from), &fromLength);
     if (received <= 0 || fromLength < sizeof from) return;
     // Our own packets (and other SSDP daemons) come from port 1900; privileged
     // ports are never a control point.
@@ -140,7 +98,7 @@ struct SSDP {
     while (running) {
       time_t now = time(nullptr);
       time_t waitSeconds = std::max<time_t>(interval - (now - lastAnnouncement), 1);
-      pollfd input{socket, POLLIN, 0};
+      pollfd input{socket.get(), POLLIN, 0};
       if (poll(&input, 1, static_cast<int>(std::min<time_t>(waitSeconds, INT_MAX / 1000) * 1000)) < 0) continue;
       now = time(nullptr);
       if (now - lastAnnouncement >= interval) {
@@ -155,42 +113,13 @@ struct SSDP {
     usleep(kRepeatPauseUs);
     Sweep("ssdp:byebye");
   }
-
-  bool OpenSocket() {
-    socket = ::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
-    if (socket < 0) return false;
-    int flags = fcntl(socket, F_GETFL, 0);
-    if (flags < 0 || fcntl(socket, F_SETFL, flags | O_NONBLOCK) < 0) return false;
-    in_addr interfaceAddress{};
-    if (inet_pton(AF_INET, fields.address.c_str(), &interfaceAddress) != 1) return false;
-    int reuse = 1;
-    ip_mreq membership{};
-    inet_pton(AF_INET, kGroupAddress, &membership.imr_multiaddr);
-    membership.imr_interface = interfaceAddress;
-    // Every hop may forward the announcements; loopback lets other engines
-    // and local control points on this host see them.
-    unsigned char ttl = 255;
-    unsigned char loop = 1;
-    if (setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse) < 0 ||
-        setsockopt(socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) < 0 ||
-        setsockopt(socket, IPPROTO_IP, IP_MULTICAST_IF, &interfaceAddress, sizeof interfaceAddress) < 0 ||
-        setsockopt(socket, IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof ttl) < 0 ||
-        setsockopt(socket, IPPROTO_IP, IP_MULTICAST_LOOP, &loop, sizeof loop) < 0) {
-      return false;
-    }
-    sockaddr_in any{};
-    any.sin_family = AF_INET;
-    any.sin_port = htons(kSsdpPort);
-    any.sin_addr.s_addr = htonl(INADDR_ANY);
-    return bind(socket, reinterpret_cast<const sockaddr*>(&any), sizeof any) == 0;
-  }
 };
 
 std::optional<SSDPSearch> SSDP_ParseSearch(std::string_view datagram, const std::vector<std::string>& types,
                                            std::string_view udn) {
   datagram = datagram.substr(0, datagram.find('\0'));
-  if (!StartsNoCase(datagram, "M-SEARCH")) return std::nullopt;
-  size_t header = FindNoCase(datagram, "\r\nST:");
+  if (!Text_StartsNoCase(datagram, "M-SEARCH")) return std::nullopt;
+  size_t header = Text_FindNoCase(datagram, "\r\nST:");
   if (header == std::string_view::npos) return std::nullopt;
   std::string_view rest = datagram.substr(header + 5);
   size_t end = rest.find("\r\n");
@@ -199,13 +128,13 @@ std::optional<SSDPSearch> SSDP_ParseSearch(std::string_view datagram, const std:
   while (!target.empty() && target.front() == ' ') target.remove_prefix(1);
   while (!target.empty() && target.back() == ' ') target.remove_suffix(1);
 
-  if (EqualsNoCase(target, "ssdp:all")) return SSDPSearch{true, {}};
-  if (EqualsNoCase(target, "upnp:rootdevice")) return SSDPSearch{false, "upnp:rootdevice"};
-  if (StartsNoCase(target, kUuidType)) {
-    if (!EqualsNoCase(target.substr(5), udn)) return std::nullopt;
+  if (Text_EqualsNoCase(target, "ssdp:all")) return SSDPSearch{true, {}};
+  if (Text_EqualsNoCase(target, "upnp:rootdevice")) return SSDPSearch{false, "upnp:rootdevice"};
+  if (Text_StartsNoCase(target, kUuidType)) {
+    if (!Text_EqualsNoCase(target.substr(5), udn)) return std::nullopt;
     return SSDPSearch{false, kUuidType};
   }
-  if (StartsNoCase(target, "urn:")) return MatchUrn(target, types);
+  if (Text_StartsNoCase(target, "urn:")) return MatchUrn(target, types);
   return std::nullopt;
 }
 
@@ -248,7 +177,8 @@ SSDP* SSDP_new(const char* const* types, int count, const char* udn, const char*
     engine->fields.product = product;
     engine->fields.udn = udn;
     engine->fields.extra = extra ? extra : "";
-    if (!engine->OpenSocket()) {
+    engine->socket = Multicast_Open(kGroupAddress, kSsdpPort, engine->fields.address.c_str());
+    if (!engine->socket.valid()) {
       delete engine;
       return nullptr;
     }
@@ -268,7 +198,7 @@ void SSDP_delete(SSDP* engine) {
   // receive path ignores; it only ends the thread's poll early.
   const char wake = 0;
   sockaddr_in group = GroupAddress();
-  sendto(engine->socket, &wake, 1, 0, reinterpret_cast<const sockaddr*>(&group), sizeof group);
+  sendto(engine->socket.get(), &wake, 1, 0, reinterpret_cast<const sockaddr*>(&group), sizeof group);
   if (engine->thread.joinable()) engine->thread.join();
   delete engine;
 }

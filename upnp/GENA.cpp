@@ -9,14 +9,11 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -26,8 +23,9 @@
 #include <optional>
 
 #include "http/HTTPRequest.h"
+#include "http/Text.h"
 #include "http/UniqueFd.h"
-#include "upnp/UPnPDevice.h"
+#include "upnp/UPnPTypes.h"
 
 namespace {
 
@@ -51,35 +49,14 @@ constexpr size_t kLastChangeHeadSize = 1024;
 
 std::mutex gSubscriberMutex;
 
-bool EqualsNoCase(const char* a, const char* b) { return a && b && strcasecmp(a, b) == 0; }
-
-bool ContainsNoCase(std::string_view text, std::string_view needle) {
-  auto lower = [](char c) { return std::tolower(static_cast<unsigned char>(c)); };
-  return std::search(text.begin(), text.end(), needle.begin(), needle.end(),
-                     [&](char x, char y) { return lower(x) == lower(y); }) != text.end();
-}
+// A missing text matches nothing.
+bool SameNoCase(const char* a, const char* b) { return a && b && Text_EqualsNoCase(a, b); }
 
 void CopyCut(std::string_view text, char* buffer, size_t size) {
   if (!buffer || size == 0) return;
   size_t length = std::min(text.size(), size - 1);
   if (length > 0) std::memcpy(buffer, text.data(), length);
   buffer[length] = '\0';
-}
-
-// Decimal as the C library's atoi reads it (leading blanks, a sign, digits up
-// to the first other character), saturated instead of overflowing.
-int ReadDecimal(std::string_view text) {
-  size_t i = 0;
-  while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i]))) ++i;
-  bool negative = false;
-  if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
-  constexpr int64_t kLimit = static_cast<int64_t>(INT_MAX) + 1;
-  int64_t value = 0;
-  for (; i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])); ++i) {
-    value = std::min(value * 10 + (text[i] - '0'), kLimit);
-  }
-  if (negative) return static_cast<int>(-value);
-  return static_cast<int>(std::min<int64_t>(value, INT_MAX));
 }
 
 void SetSubscribed(HTTPResponse* response, const char* sid) {
@@ -129,7 +106,7 @@ void Subscribe(UPnPService* service, const char* callback, HTTPResponse* respons
 void Renew(UPnPService* service, const char* sid, HTTPResponse* response) {
   std::lock_guard lock(gSubscriberMutex);
   for (GENASubscriber* subscriber = service->subscribers; subscriber; subscriber = subscriber->next) {
-    if (EqualsNoCase(subscriber->sid, sid)) {
+    if (SameNoCase(subscriber->sid, sid)) {
       subscriber->expires = Now() + kGenaSubscriptionSeconds;
       SetSubscribed(response, sid);
       return;
@@ -144,7 +121,7 @@ void Unsubscribe(UPnPService* service, const char* sid, HTTPResponse* response) 
   std::unique_ptr<GENASubscriber> removed;
   std::lock_guard lock(gSubscriberMutex);
   for (GENASubscriber** link = &service->subscribers; *link; link = &(*link)->next) {
-    if (EqualsNoCase((*link)->sid, sid)) {
+    if (SameNoCase((*link)->sid, sid)) {
       removed.reset(*link);
       *link = removed->next;
       return;
@@ -213,11 +190,11 @@ void GENA_HandleRequest(UPnPDevice*, UPnPService* service, const char* method, c
   response->status = kStatusPreconditionFailed;
   if (!service) return;
   const bool hasSid = sid && std::strstr(sid, kSidPrefix);
-  if (EqualsNoCase(method, "SUBSCRIBE") && EqualsNoCase(nt, "upnp:event")) {
+  if (SameNoCase(method, "SUBSCRIBE") && SameNoCase(nt, "upnp:event")) {
     Subscribe(service, callback, response);
-  } else if (EqualsNoCase(method, "SUBSCRIBE") && hasSid) {
+  } else if (SameNoCase(method, "SUBSCRIBE") && hasSid) {
     Renew(service, sid + kSidPrefixLength, response);
-  } else if (EqualsNoCase(method, "UNSUBSCRIBE") && hasSid) {
+  } else if (SameNoCase(method, "UNSUBSCRIBE") && hasSid) {
     Unsubscribe(service, sid + kSidPrefixLength, response);
   }
 }
@@ -292,7 +269,7 @@ bool GENA_SendNotify(const char* host, uint16_t port, const char* path, const GE
   // short grace period for the final answer.
   char answer[kAnswerSize];
   ssize_t got = ::recv(fd.get(), answer, sizeof answer - 1, 0);
-  if (got > 0 && ContainsNoCase(std::string_view(answer, static_cast<size_t>(got)), "100 Continue")) {
+  if (got > 0 && Text_ContainsNoCase(std::string_view(answer, static_cast<size_t>(got)), "100 Continue")) {
     ::usleep(kContinuePauseUs);
     ::recv(fd.get(), answer, sizeof answer - 1, 0);
   }
@@ -332,7 +309,7 @@ void GENA_ParseURL(std::string_view url, char* scheme, size_t schemeSize, char* 
   if (!authority.empty() && authority[0] == '[' && bracket != std::string_view::npos) {
     CopyCut(authority.substr(1, bracket - 1), host, hostSize);
     if (bracket + 1 < authority.size() && authority[bracket + 1] == ':' && port) {
-      *port = ReadDecimal(authority.substr(bracket + 2));
+      *port = Text_ReadInt(authority.substr(bracket + 2));
     }
     return;
   }
@@ -342,7 +319,7 @@ void GENA_ParseURL(std::string_view url, char* scheme, size_t schemeSize, char* 
     return;
   }
   CopyCut(authority.substr(0, portColon), host, hostSize);
-  if (port) *port = ReadDecimal(authority.substr(portColon + 1));
+  if (port) *port = Text_ReadInt(authority.substr(portColon + 1));
 }
 
 std::string UPnP_MakeEventMessage(const UPnPArgValue* values) {

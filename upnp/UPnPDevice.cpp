@@ -10,7 +10,6 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cstdio>
 #include <mutex>
 #include <new>
@@ -19,6 +18,7 @@
 
 #include "http/HTTPServer.h"
 #include "http/NetworkInterface.h"
+#include "http/Text.h"
 #include "mdns/MDNS.h"
 #include "ssdp/SSDP.h"
 #include "upnp/GENA.h"
@@ -49,16 +49,6 @@ void ComputeOsToken() {
   if (gOsToken.size() > kOsTokenLimit) gOsToken.resize(kOsTokenLimit);
 }
 
-bool ContainsNoCase(std::string_view text, std::string_view needle) {
-  auto lower = [](char c) { return std::tolower(static_cast<unsigned char>(c)); };
-  for (size_t i = 0; i + needle.size() <= text.size(); ++i) {
-    size_t j = 0;
-    while (j < needle.size() && lower(text[i + j]) == lower(needle[j])) ++j;
-    if (j == needle.size()) return true;
-  }
-  return false;
-}
-
 enum class BodyResult { kOk, kTooLarge, kFailed };
 
 bool ReadExactly(HTTPRequest* request, char* buffer, size_t length) {
@@ -85,8 +75,8 @@ bool ReadChunkSize(HTTPRequest* request, int64_t& size) {
     if (!ReadExactly(request, &c, 1)) return false;
     if (c == '\n') return true;
     if (c == '\r') continue;
-    if (!std::isxdigit(static_cast<unsigned char>(c))) return false;
-    int digit = std::isdigit(static_cast<unsigned char>(c)) ? c - '0' : std::tolower(c) - 'a' + 10;
+    const int digit = Text_HexValue(c);
+    if (digit < 0) return false;
     size = size * 16 + digit;
     if (size >= kChunkSizeLimit) return false;
   }
@@ -108,7 +98,7 @@ BodyResult ReadChunkedBody(HTTPRequest* request, std::string& body) {
 
 BodyResult ReadBody(HTTPRequest* request, std::string& body) {
   try {
-    if (ContainsNoCase(HTTPRequest_GetHeader(request, "Transfer-Encoding"), "chunked")) {
+    if (Text_ContainsNoCase(HTTPRequest_GetHeader(request, "Transfer-Encoding"), "chunked")) {
       return ReadChunkedBody(request, body);
     }
     int64_t length = HTTPRequest_GetContentLength(request);
@@ -245,6 +235,23 @@ void ConnectionClosed(HTTPRequest*, void*) {}
 const HTTPHandlerEntry kDefaultEntry = {HTTP_METHOD_UNKNOWN, nullptr, "", UPnPDevice_HandleRequest};
 
 }  // namespace
+
+const char* const dlnaDeviceTypes[kDlnaDeviceTypeCount] = {
+    "urn:schemas-upnp-org:device:MediaServer:1",
+    "urn:schemas-upnp-org:device:MediaRenderer:1",
+};
+const char* const dlnaServiceTypes[kDlnaServiceTypeCount] = {
+    "urn:schemas-upnp-org:service:ConnectionManager:1",
+    "urn:schemas-upnp-org:service:ContentDirectory:1",
+    "urn:schemas-upnp-org:service:AVTransport:1",
+    "urn:schemas-upnp-org:service:RenderingControl:1",
+};
+const char* const dlnaServiceIDs[kDlnaServiceTypeCount] = {
+    "urn:upnp-org:serviceId:ConnectionManager",
+    "urn:upnp-org:serviceId:ContentDirectory",
+    "urn:upnp-org:serviceId:AVTransport",
+    "urn:upnp-org:serviceId:RenderingControl",
+};
 
 int UPnPDevice_HandleRequest(HTTPResponse* response, void*, const char* path, const char*, HTTPRequest* request,
                              void* userData) {

@@ -1,105 +1,28 @@
-// The table-driven UPnP root device: the static records a server fills in
-// (device fields, services, actions, arguments, state variables), the
-// description and SCPD documents built from them, and the running device
-// (HTTP server, request dispatch, device thread with the SSDP engines).
+// The table-driven UPnP root device: the description and SCPD documents
+// built from the records of UPnPTypes.h, the running device (HTTP server,
+// request dispatch, device thread with the SSDP engines), and the exported
+// type and id tables by whose rows services are recognised.
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <thread>
-#include <vector>
+#include <string_view>
 
+// Servers that fill the records answer their actions with the SOAP builders.
 #include "upnp/UPnPSoap.h"
+#include "upnp/UPnPTypes.h"
 
-struct GENASubscriber;
-struct HTTPServer;
-struct MDNSResponder;
-struct MDNSService;
-struct NetworkInterface;
-struct SSDP;
-struct UPnPDevice;
-
-struct UPnPArgument {
-  const char* name;
-  const char* relatedStateVariable;
-};
-
-// An action whose handler is null is left out of the SCPD and answered with
-// fault 602. Argument lists end with a null name; either may be null.
-struct UPnPAction {
-  const char* name;
-  UPnPActionHandler handler;
-  const UPnPArgument* inArgs;
-  const UPnPArgument* outArgs;
-};
-
-struct UPnPStateVariable {
-  const char* name;
-  const char* dataType;
-  uint8_t sendEvents;
-  const char* const* allowedValues;  // null-terminated, or null
-  const char* defaultValue;          // or null
-  const int32_t* range;              // minimum, maximum, step; or null
-};
-
-// Services are told apart by the identity of `serviceType`. `actions` and
-// `stateVariables` end with a null name; `subscribers` heads the service's
-// event subscriber list.
-struct UPnPService {
-  const char* serviceType;
-  const char* serviceId;
-  const char* scpdPath;
-  const char* controlPath;
-  const char* eventPath;
-  UPnPAction* actions;
-  const UPnPStateVariable* stateVariables;
-  GENASubscriber* subscribers;
-};
-
-// Tried first for every request, with the request body already read (null
-// with length 0 when there is none). Returns true when it has answered the
-// request by filling the response, or by writing the reply itself.
-using UPnPHttpHook = bool (*)(HTTPRequest* request, HTTPResponse* response, const char* path, const char* body,
-                              size_t bodyLength, UPnPDevice* device);
-// A property set with the service's evented values (all of them when
-// `initial`); empty when the service has none.
-using UPnPMakeEventBody = std::string (*)(const char* serviceType, bool initial);
-// True once after the service's evented state changed.
-using UPnPStateChanged = bool (*)(const char* serviceType);
-
-// One root device. The configuration part is filled by the server and must
-// stay valid while the device is open; the run-time part belongs to
-// UPnPDevice_Open, UPnPDevice_Close and the device thread.
-struct UPnPDevice {
-  const char* deviceType = nullptr;
-  const char* friendlyName = nullptr;
-  const char* manufacturer = nullptr;
-  const char* modelName = nullptr;
-  const char* modelDescription = nullptr;
-  const char* modelNumber = nullptr;
-  const char* udn = nullptr;  // without "uuid:"
-  const char* extraXml = nullptr;
-  const char* descriptionPath = nullptr;
-  const char* const* ssdpTargets = nullptr;
-  int32_t ssdpTargetCount = 0;  // 0 switches SSDP off
-  MDNSService* mdnsServices = nullptr;
-  int32_t mdnsServiceCount = 0;  // 0 switches mDNS off
-  UPnPService* services = nullptr;  // ends with a null serviceType
-  UPnPHttpHook httpHook = nullptr;
-  UPnPMakeEventBody makeEventBody = nullptr;
-  UPnPStateChanged stateChanged = nullptr;
-
-  std::atomic<bool> running{false};
-  std::thread thread{};
-  HTTPServer* server = nullptr;
-  uint16_t port = 0;
-  NetworkInterface* interfaces = nullptr;
-  int interfaceCount = 0;
-  std::vector<SSDP*> ssdpEngines{};
-  std::vector<MDNSResponder*> mdnsResponders{};
-};
+// Device and service type rows; code compares service types with these
+// pointers, never by content.
+constexpr size_t kDlnaDeviceTypeCount = 2;
+constexpr size_t kDlnaServiceTypeCount = 4;
+extern const char* const dlnaDeviceTypes[kDlnaDeviceTypeCount];
+extern const char* const dlnaServiceTypes[kDlnaServiceTypeCount];
+extern const char* const dlnaServiceIDs[kDlnaServiceTypeCount];
+// Rows of dlnaServiceTypes and dlnaServiceIDs for the media server's services.
+constexpr size_t kDlnaConnectionManagerRow = 0;
+constexpr size_t kDlnaContentDirectoryRow = 1;
 
 // "system/release" of the host (at most 127 characters), computed once; the
 // product token of every Server line and SSDP message.
@@ -125,3 +48,7 @@ std::string UPnPDevice_MakeSCPD(const UPnPService* service);
 // A copy of `text` with the five XML special characters escaped; null gives
 // the empty text.
 std::string XML_Escape(const char* text);
+// Appends `text` with the five XML special characters escaped; `twice`
+// escapes the ampersand of each entity once more ("&amp;lt;"), for XML that
+// travels escaped inside other XML.
+void XML_AppendEscaped(std::string& out, std::string_view text, bool twice);

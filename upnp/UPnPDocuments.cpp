@@ -79,34 +79,36 @@ void AppendStateVariable(BoundedText& out, const UPnPStateVariable& variable) {
   out << "</stateVariable>";
 }
 
+// The entity of one of the five XML special characters, without its "&".
+const char* XmlEntityName(char c) {
+  switch (c) {
+    case '"': return "quot;";
+    case '\'': return "apos;";
+    case '&': return "amp;";
+    case '<': return "lt;";
+    case '>': return "gt;";
+    default: return nullptr;
+  }
+}
+
 }  // namespace
+
+void XML_AppendEscaped(std::string& out, std::string_view text, bool twice) {
+  for (char c : text) {
+    const char* entity = XmlEntityName(c);
+    if (!entity) {
+      out += c;
+      continue;
+    }
+    out += twice ? "&amp;" : "&";
+    out += entity;
+  }
+}
 
 std::string XML_Escape(const char* text) {
   if (!text) return {};
-  std::string_view source(text);
-  size_t size = 0;
-  for (char c : source) {
-    switch (c) {
-      case '"':
-      case '\'': size += 6; break;
-      case '&': size += 5; break;
-      case '<':
-      case '>': size += 4; break;
-      default: size += 1;
-    }
-  }
   std::string escaped;
-  escaped.reserve(size);
-  for (char c : source) {
-    switch (c) {
-      case '"': escaped += "&quot;"; break;
-      case '\'': escaped += "&apos;"; break;
-      case '&': escaped += "&amp;"; break;
-      case '<': escaped += "&lt;"; break;
-      case '>': escaped += "&gt;"; break;
-      default: escaped += c;
-    }
-  }
+  XML_AppendEscaped(escaped, text, false);
   return escaped;
 }
 

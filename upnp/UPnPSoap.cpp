@@ -10,7 +10,6 @@
 #include <new>
 
 #include "http/HTTPRequest.h"
-#include "upnp/UPnPDevice.h"
 
 namespace {
 

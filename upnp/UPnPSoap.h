@@ -9,24 +9,7 @@
 #include <string_view>
 #include <vector>
 
-struct HTTPRequest;
-struct HTTPResponse;
-struct UPnPAction;
-struct UPnPService;
-
-// One argument value. Input values point into the request body (not
-// terminated at `length`, entities left as sent); output values are written
-// exactly as given, so handlers escape them. Lists end with a null name.
-struct UPnPArgValue {
-  const char* name;
-  const char* value;
-  uint32_t length;
-};
-
-// An action handler: fills the response (status, body, content length) or
-// writes the whole reply itself on the connection and marks it handled.
-using UPnPActionHandler = void (*)(HTTPRequest* request, const char* serviceType, const char* actionName,
-                                   const UPnPArgValue* args, int32_t count, HTTPResponse* response);
+#include "upnp/UPnPTypes.h"
 
 // A control request as the scan understood it: the action row that matched
 // and the input values found, in table order.

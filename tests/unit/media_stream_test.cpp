@@ -77,9 +77,9 @@ TEST(MediaStream, BitReaderAndWriterAgree) {
 
 TEST(MediaStream, LittleEndianDecoders) {
   const uint8_t bytes[4] = {0xEF, 0xBE, 0xAD, 0xDE};
-  EXPECT_EQ(MediaBytes_U16LE(bytes), 0xBEEFu);
-  EXPECT_EQ(MediaBytes_U16LE(bytes + 2), 0xDEADu);
-  EXPECT_EQ(MediaBytes_U32LE(bytes), 0xDEADBEEFu);
+  EXPECT_EQ(Bytes_U16LE(bytes), 0xBEEFu);
+  EXPECT_EQ(Bytes_U16LE(bytes + 2), 0xDEADu);
+  EXPECT_EQ(Bytes_U32LE(bytes), 0xDEADBEEFu);
 }
 
 TEST(MediaStream, Utf8EncoderWidths) {
