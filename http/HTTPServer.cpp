@@ -165,18 +165,6 @@ void ServeConnection(HTTPRequest& request) {
   }
 }
 
-void ConnectionRun(HTTPRequest* accepted) {
-  std::unique_ptr<HTTPRequest> request(accepted);
-  UniqueFd socket(request->socket);
-  try {
-    ServeConnection(*request);
-  } catch (...) {
-    // Out of memory (or a throwing handler) ends the connection like any failure.
-  }
-  if (request->onConnectionClose) request->onConnectionClose(request.get(), request->userData);
-  shutdown(socket.get(), SHUT_RDWR);
-}
-
 void StartConnection(HTTPServer& server, UniqueFd socket) {
   std::unique_ptr<HTTPRequest> request(new (std::nothrow) HTTPRequest);
   if (!request) return;
@@ -189,7 +177,7 @@ void StartConnection(HTTPServer& server, UniqueFd socket) {
   request->userData = nullptr;
   if (server.onConnectionOpen) server.onConnectionOpen(request.get(), server.context, &request->userData);
   try {
-    std::thread(ConnectionRun, request.get()).detach();
+    std::thread(HTTP_RunConnection, request.get()).detach();
   } catch (const std::system_error&) {
     if (request->onConnectionClose) request->onConnectionClose(request.get(), request->userData);
     return;
@@ -209,6 +197,18 @@ void AcceptRun(HTTPServer* server) {
 }
 
 }  // namespace
+
+void HTTP_RunConnection(HTTPRequest* accepted) {
+  std::unique_ptr<HTTPRequest> request(accepted);
+  UniqueFd socket(request->socket);
+  try {
+    ServeConnection(*request);
+  } catch (...) {
+    // Out of memory (or a throwing handler) ends the connection like any failure.
+  }
+  if (request->onConnectionClose) request->onConnectionClose(request.get(), request->userData);
+  shutdown(socket.get(), SHUT_RDWR);
+}
 
 HTTPServer* HTTP_new(uint16_t* port, void* context, HTTPServerStartFunc onServerStart,
                      HTTPServerStopFunc onServerStop, HTTPConnectionOpenFunc onConnectionOpen,

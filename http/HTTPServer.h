@@ -56,6 +56,12 @@ HTTPServer* HTTP_new(uint16_t* port, void* context, HTTPServerStartFunc onServer
                      const HTTPHandlerEntry* exactHandlers, const HTTPHandlerEntry* prefixHandlers,
                      const HTTPHandlerEntry* defaultHandler, HTTPConnectionCloseFunc onConnectionClose);
 
+// The keep-alive loop of one accepted connection, run to its end on the
+// calling thread: the close callback is called, the socket shut down and
+// closed, and `request` (allocated with new) freed. Each connection thread
+// runs this.
+void HTTP_RunConnection(HTTPRequest* request);
+
 // Stops accepting, joins the accept thread and frees the server; connections
 // still open run on to their end. Null is ignored.
 void HTTP_delete(HTTPServer* server);
