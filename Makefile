@@ -50,10 +50,12 @@ bench:
 	  DMS_BUILD_DIR=$(CURDIR)/$(BUILD) tools/netns-run /usr/bin/python3 $$script || exit 1; \
 	done
 
-# Coverage-guided fuzzing with libFuzzer (clang): FUZZ_SECONDS per harness.
+# Coverage-guided fuzzing with libFuzzer (clang): FUZZ_SECONDS per harness,
+# FUZZ_JOBS harnesses at a time; each corpus grows, then is minimised.
 FUZZ_SECONDS ?= 60
+FUZZ_JOBS    ?= 2
 fuzz:
-	tools/fuzz-all $(FUZZ_SECONDS)
+	FUZZ_JOBS=$(FUZZ_JOBS) tools/fuzz-all $(FUZZ_SECONDS)
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) build-fuzz

@@ -203,17 +203,10 @@ void Forget(HTTPServer& server, HTTPConnection& connection) {
 
 void* ConnectionRun(void* argument) {
   std::unique_ptr<HTTPConnection> connection(static_cast<HTTPConnection*>(argument));
-  HTTPRequest& request = connection->request;
-  UniqueFd socket(request.socket);
-  try {
-    ServeConnection(request);
-  } catch (...) {
-    // Out of memory (or a throwing handler) ends the connection like any failure.
-  }
-  if (request.onConnectionClose) request.onConnectionClose(&request, request.userData);
+  UniqueFd socket(connection->request.socket);
+  HTTP_RunConnection(&connection->request);
   // From here on the server may be gone: only the socket and the request are left.
   Forget(*connection->server, *connection);
-  shutdown(socket.get(), SHUT_RDWR);
   return nullptr;
 }
 
@@ -262,6 +255,16 @@ void AcceptRun(HTTPServer* server) {
 }
 
 }  // namespace
+
+void HTTP_RunConnection(HTTPRequest* request) {
+  try {
+    ServeConnection(*request);
+  } catch (...) {
+    // Out of memory (or a throwing handler) ends the connection like any failure.
+  }
+  if (request->onConnectionClose) request->onConnectionClose(request, request->userData);
+  shutdown(request->socket, SHUT_RDWR);
+}
 
 HTTPServer* HTTP_new(uint16_t* port, void* context, HTTPServerStartFunc onServerStart,
                      HTTPServerStopFunc onServerStop, HTTPConnectionOpenFunc onConnectionOpen,

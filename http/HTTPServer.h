@@ -65,6 +65,11 @@ HTTPServer* HTTP_new(uint16_t* port, void* context, HTTPServerStartFunc onServer
                      const HTTPHandlerEntry* exactHandlers, const HTTPHandlerEntry* prefixHandlers,
                      const HTTPHandlerEntry* defaultHandler, HTTPConnectionCloseFunc onConnectionClose);
 
+// The keep-alive loop of one accepted connection, run to its end on the
+// calling thread: then the close callback is called and the socket shut down.
+// The request and its socket stay the caller's. Each connection thread runs this.
+void HTTP_RunConnection(HTTPRequest* request);
+
 // Stops accepting, joins the accept thread, shuts the sockets of the open
 // connections down, waits until their threads have let go of the server and
 // its user's callbacks, and frees the server. Null is ignored.

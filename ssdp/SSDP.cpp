@@ -67,28 +67,18 @@ struct SSDP {
     for (const std::string& type : types) SendTo(SSDP_MakeMessage(fields, type, nts), group);
   }
 
-  void Answer(const SSDPSearch& search, const sockaddr_in& to) const {
-    if (!search.all) {
-      SendTo(SSDP_MakeMessage(fields, search.target, nullptr), to);
-      return;
-    }
-    for (const std::string& type : types) SendTo(SSDP_MakeMessage(fields, type, nullptr), to);
-  }
-
   void ReceiveOne() const {
     char buffer[kDatagramSize] = {};
     sockaddr_in from{};
     socklen_t fromLength = sizeof from;
     ssize_t received =
         recvfrom(socket.get(), buffer, kDatagramSize - 1, 0, reinterpret_cast<sockaddr*>(&from), &fromLength);
-    if (received <= 0 || fromLength < sizeof from) return;
-    // Our own packets (and other SSDP daemons) come from port 1900; privileged
-    // ports are never a control point.
-    uint16_t sourcePort = ntohs(from.sin_port);
-    if (sourcePort < kLowestSearchPort || sourcePort == kSsdpPort) return;
+    if (received <= 0) return;
+    std::optional<std::vector<std::string>> answers =
+        SSDP_Answers(types, fields, std::string_view(buffer, static_cast<size_t>(received)), from, fromLength);
+    if (!answers) return;
     usleep(kAnswerPauseUs);
-    std::optional<SSDPSearch> search = SSDP_ParseSearch(std::string_view(buffer), types, fields.udn);
-    if (search) Answer(*search, from);
+    for (const std::string& answer : *answers) SendTo(answer, from);
   }
 
   void Run() {
@@ -136,6 +126,27 @@ std::optional<SSDPSearch> SSDP_ParseSearch(std::string_view datagram, const std:
   }
   if (Text_StartsNoCase(target, "urn:")) return MatchUrn(target, types);
   return std::nullopt;
+}
+
+std::optional<std::vector<std::string>> SSDP_Answers(const std::vector<std::string>& types,
+                                                     const SSDPMessageFields& fields, std::string_view datagram,
+                                                     const sockaddr_in& from, socklen_t fromLength) {
+  // The datagram is read as text, up to its first NUL byte.
+  datagram = datagram.substr(0, std::min(datagram.find('\0'), kDatagramSize - 1));
+  if (datagram.empty() || fromLength < sizeof from) return std::nullopt;
+  // Our own packets (and other SSDP daemons) come from port 1900; privileged
+  // ports are never a control point.
+  uint16_t sourcePort = ntohs(from.sin_port);
+  if (sourcePort < kLowestSearchPort || sourcePort == kSsdpPort) return std::nullopt;
+  std::vector<std::string> answers;
+  std::optional<SSDPSearch> search = SSDP_ParseSearch(datagram, types, fields.udn);
+  if (!search) return answers;
+  if (!search->all) {
+    answers.push_back(SSDP_MakeMessage(fields, search->target, nullptr));
+    return answers;
+  }
+  for (const std::string& type : types) answers.push_back(SSDP_MakeMessage(fields, type, nullptr));
+  return answers;
 }
 
 std::string SSDP_MakeMessage(const SSDPMessageFields& fields, const std::string& type, const char* nts) {

@@ -4,6 +4,8 @@
 // builder are exposed as well so that they can be exercised on their own.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -52,3 +54,11 @@ struct SSDPMessageFields {
 // carrying `nts` ("ssdp:alive" or "ssdp:byebye"), or, when `nts` is null, a
 // search response for `type`.
 std::string SSDP_MakeMessage(const SSDPMessageFields& fields, const std::string& type, const char* nts);
+
+// What the engine does with one received datagram from `from`: nothing
+// (empty) when the datagram is empty or its source is refused (port 1900 or
+// a privileged port); otherwise the search responses to send back after the
+// answer pause, none when it is not a search for something offered.
+std::optional<std::vector<std::string>> SSDP_Answers(const std::vector<std::string>& types,
+                                                     const SSDPMessageFields& fields, std::string_view datagram,
+                                                     const sockaddr_in& from, socklen_t fromLength);

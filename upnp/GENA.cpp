@@ -253,7 +253,11 @@ bool GENA_SendNotify(const char* host, uint16_t port, const char* path, const GE
   if (!host || !path) return false;
   UniqueFd fd = Connect(host, port);
   if (!fd.valid()) return false;
+  return GENA_NotifyOn(fd.get(), host, port, path, subscriber, seq, body);
+}
 
+bool GENA_NotifyOn(int fd, const char* host, uint16_t port, const char* path, const GENASubscriber& subscriber,
+                   uint32_t seq, std::string_view body) {
   char head[kNotifyHeadSize];
   int length = std::snprintf(head, sizeof head,
                              "NOTIFY %s HTTP/1.1\r\nHost: %s:%d\r\nContent-Type: text/xml; charset=\"utf-8\"\r\n"
@@ -262,18 +266,18 @@ bool GENA_SendNotify(const char* host, uint16_t port, const char* path, const GE
                              path, host, static_cast<int>(port), static_cast<int>(body.size()), subscriber.sid,
                              static_cast<unsigned>(seq));
   if (length < 0) return false;
-  const bool sent = SendAll(fd.get(), std::string_view(head, std::min(static_cast<size_t>(length), sizeof head - 1))) &&
-                    SendAll(fd.get(), body);
+  const bool sent = SendAll(fd, std::string_view(head, std::min(static_cast<size_t>(length), sizeof head - 1))) &&
+                    SendAll(fd, body);
 
   // The answer is read but not judged; an interim "100 Continue" gets a
   // short grace period for the final answer.
   char answer[kAnswerSize];
-  ssize_t got = ::recv(fd.get(), answer, sizeof answer - 1, 0);
+  ssize_t got = ::recv(fd, answer, sizeof answer - 1, 0);
   if (got > 0 && Text_ContainsNoCase(std::string_view(answer, static_cast<size_t>(got)), "100 Continue")) {
     ::usleep(kContinuePauseUs);
-    ::recv(fd.get(), answer, sizeof answer - 1, 0);
+    ::recv(fd, answer, sizeof answer - 1, 0);
   }
-  ::shutdown(fd.get(), SHUT_RDWR);
+  ::shutdown(fd, SHUT_RDWR);
   return sent;
 }
 

@@ -48,6 +48,11 @@ void GENA_FreeSubscribers(UPnPDevice* device);
 // when the headers and the body went out completely.
 bool GENA_SendNotify(const char* host, uint16_t port, const char* path, const GENASubscriber& subscriber,
                      uint32_t seq, std::string_view body);
+// The same on a connected socket `fd`, which it shuts down (but does not
+// close) after reading the subscriber's answer; `host` and `port` only fill
+// the Host line.
+bool GENA_NotifyOn(int fd, const char* host, uint16_t port, const char* path, const GENASubscriber& subscriber,
+                   uint32_t seq, std::string_view body);
 
 // Splits a URL into scheme (with its ":"), user-info (with its "@"), host,
 // port (-1 when none) and path (from the first "/" or "?"). A text without
