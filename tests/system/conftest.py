@@ -9,7 +9,6 @@ port the program listens on, and stop it on request or at the end.
 import os
 import shutil
 import signal
-import socket
 import subprocess
 import time
 from pathlib import Path
@@ -150,16 +149,3 @@ def media_dir(tmp_path):
     path = tmp_path / "media"
     path.mkdir()
     return path
-
-
-def http_request(port, raw, host="127.0.0.1", timeout=10.0):
-    """Sends raw request bytes and reads until the server closes."""
-    with socket.create_connection((host, port), timeout=timeout) as conn:
-        conn.sendall(raw)
-        chunks = []
-        while True:
-            data = conn.recv(65536)
-            if not data:
-                break
-            chunks.append(data)
-    return b"".join(chunks)

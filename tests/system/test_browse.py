@@ -7,6 +7,7 @@ import time
 
 import pytest
 
+import dms_client
 from conftest import BUILD, Dms
 from dms_client import browse, browse_raw, by_title, get
 
@@ -107,23 +108,26 @@ def test_unknown_object_is_an_empty_success(library):
     {"flag": "BrowseEverything"},
     {"start": "1234567890"},
     {"count": "ten"},
-    {"extra": [("ObjectID", "0"), ("BrowseFlag", "BrowseMetadata"), ("Filter", "*"),
+    {"arguments": [("ObjectID", "0"), ("BrowseFlag", "BrowseMetadata"), ("Filter", "*"),
                ("StartingIndex", "0"), ("RequestedCount", "0")]},
 ])
 def test_bad_arguments_give_fault_720(library, arguments):
     port, _ = library
-    status, headers, body, _ = browse_raw(port, arguments.pop("object_id", "0"), **arguments)
-    assert status == "HTTP/1.1 500 Internal Server Error"
-    assert b"<errorCode>720</errorCode>" in body and b"Cannot Process the Request" in body
+    reply = browse_raw(port, arguments.pop("object_id", "0"), **arguments)
+    assert reply.status == "HTTP/1.1 500 Internal Server Error"
+    assert b"<errorCode>720</errorCode>" in reply.body and b"Cannot Process the Request" in reply.body
 
 
 def test_head_gets_only_the_header(library):
     port, _ = library
-    status, headers, rest, _ = browse_raw(port, "0", method="HEAD")
-    assert status == "HTTP/1.1 200 OK"
-    assert headers["transfer-encoding"] == "chunked" and "ext" in headers
-    assert headers["server"].endswith("UPnP/1.0 Model/7")
-    assert rest == b""
+    client = dms_client.Client(port)
+    arguments = [("ObjectID", "0"), ("BrowseFlag", "BrowseMetadata"), ("Filter", "*"), ("StartingIndex", 0),
+                 ("RequestedCount", 0), ("SortCriteria", "")]
+    reply = client.send(dms_client.soap("Browse", arguments, method="HEAD")).reply(body=False)
+    assert reply.status == "HTTP/1.1 200 OK"
+    assert reply.headers["transfer-encoding"] == "chunked" and "ext" in reply.headers
+    assert reply.headers["server"].endswith("UPnP/1.0 Model/7")
+    assert client.buffer == b"" and client.closed()
 
 
 def test_categorised_views(library):
@@ -157,14 +161,13 @@ def test_item_rendering_and_thumbnail_of_an_mp3(library):
     assert thumb_res["url"] == item["upnp:albumArtURI"] == f"http://127.0.0.1:{port}/thumbnail/{item['id']}"
 
     _, picture = cover_bytes(media, "Music/Demo Artist/Demo Album/01 Demo Song.mp3")
-    status, headers, body, _ = get(port, f"/thumbnail/{item['id']}")
-    assert status == "HTTP/1.1 200 OK" and body == picture
-    assert headers["content-type"] == "image/jpeg"
-    assert headers["transfermode.dlna.org"] == "Interactive"
-    assert headers["contentfeatures.dlna.org"] == "DLNA.ORG_PN=JPEG_TN;DLNA.ORG_OP=01;DLNA.ORG_CI=1"
-    status, headers, body, _ = get(port, f"/thumbnail/{item['id']}", ("Host: test", "Range: bytes=0-99"))
-    assert status == "HTTP/1.1 206 Partial Content"
-    assert headers["content-range"] == f"bytes 0-99/{len(picture)}" and body == picture[:100]
+    reply = get(port, f"/thumbnail/{item['id']}")
+    assert (reply.status, reply.body, reply.headers["content-type"], reply.headers["transfermode.dlna.org"],
+            reply.headers["contentfeatures.dlna.org"]) == ("HTTP/1.1 200 OK", picture, "image/jpeg", "Interactive",
+                                                           "DLNA.ORG_PN=JPEG_TN;DLNA.ORG_OP=01;DLNA.ORG_CI=1")
+    reply = get(port, f"/thumbnail/{item['id']}", "Range: bytes=0-99")
+    assert (reply.status, reply.headers["content-range"], reply.body) == \
+        ("HTTP/1.1 206 Partial Content", f"bytes 0-99/{len(picture)}", picture[:100])
 
 
 def test_media_transfer_rules(library):
@@ -172,36 +175,35 @@ def test_media_transfer_rules(library):
     song = media_item(port, "Tone")
     path = f"/mediaitem/{song['id']}"
     wav = (media / "Music/Demo Artist/tone.wav").read_bytes()
-    status, headers, body, _ = get(port, path)
-    assert status == "HTTP/1.1 200 OK" and body == wav
-    assert headers["content-type"] == "audio/wave" and headers["accept-ranges"] == "bytes"
-    assert headers["transfermode.dlna.org"] == "Streaming"
-    assert headers["contentfeatures.dlna.org"] == "DLNA.ORG_OP=01"
-    status, headers, body, _ = get(port, path, ("Host: test", "Range: bytes=10-19"))
-    assert status == "HTTP/1.1 206 Partial Content" and body == wav[10:20]
-    status, headers, body, _ = get(port, path, method="HEAD")
-    assert status == "HTTP/1.1 200 OK" and headers["content-length"] == str(len(wav)) and body == b""
+    reply = get(port, path)
+    assert (reply.status, reply.body, reply.headers["content-type"], reply.headers["accept-ranges"],
+            reply.headers["transfermode.dlna.org"], reply.headers["contentfeatures.dlna.org"]) == \
+        ("HTTP/1.1 200 OK", wav, "audio/wave", "bytes", "Streaming", "DLNA.ORG_OP=01")
+    reply = get(port, path, "Range: bytes=10-19")
+    assert (reply.status, reply.body) == ("HTTP/1.1 206 Partial Content", wav[10:20])
+    reply = get(port, path, method="HEAD")
+    assert (reply.status, reply.headers["content-length"]) == ("HTTP/1.1 200 OK", str(len(wav)))
 
     picture = media_item(port, "Demo Gradient", "0.30")["id"]
     cases = [
-        (path, ("Host: test", "transferMode.dlna.org: Interactive"), "406 Not Acceptable"),
-        (path, ("Host: test", "transferMode.dlna.org: background"), "200 OK"),
-        (path, ("Host: test", "timeSeekRange.dlna.org: npt=0-"), "406 Not Acceptable"),
-        (path, (), "400 Bad Request"),
-        (path, ("Host: test", "getContentFeatures.dlna.org: 1"), "200 OK"),
-        (path, ("Host: test", "getContentFeatures.dlna.org: 2"), "400 Bad Request"),
-        (f"/mediaitem/{picture}", ("Host: test", "transferMode.dlna.org: Interactive"), "200 OK"),
-        (f"/mediaitem/{picture}", ("Host: test", "transferMode.dlna.org: Streaming"), "406 Not Acceptable"),
-        (f"/thumbnail/{song['id']}", ("Host: test",), "404 Not Found"),  # no embedded picture
-        ("/mediaitem/0.3", ("Host: test",), "404 Not Found"),
-        ("/mediaitem/abc", ("Host: test",), "404 Not Found"),
-        (f"/mediaitems/{song['id']}", ("Host: test",), "400 Bad Request"),  # not ours: the device answers
+        (path, ("transferMode.dlna.org: Interactive",), "406 Not Acceptable"),
+        (path, ("transferMode.dlna.org: background",), "200 OK"),
+        (path, ("timeSeekRange.dlna.org: npt=0-",), "406 Not Acceptable"),
+        (path, ("getContentFeatures.dlna.org: 1",), "200 OK"),
+        (path, ("getContentFeatures.dlna.org: 2",), "400 Bad Request"),
+        (f"/mediaitem/{picture}", ("transferMode.dlna.org: Interactive",), "200 OK"),
+        (f"/mediaitem/{picture}", ("transferMode.dlna.org: Streaming",), "406 Not Acceptable"),
+        (f"/thumbnail/{song['id']}", (), "404 Not Found"),  # no embedded picture
+        ("/mediaitem/0.3", (), "404 Not Found"),
+        ("/mediaitem/abc", (), "404 Not Found"),
+        (f"/mediaitems/{song['id']}", (), "400 Bad Request"),  # not ours: the device answers
     ]
     for target, headers, expected in cases:
-        status, reply_headers, body, _ = get(port, target, headers)
-        assert status == f"HTTP/1.1 {expected}", (target, headers)
+        reply = get(port, target, *headers)
+        assert reply.status == f"HTTP/1.1 {expected}", (target, headers)
         if expected != "200 OK":
-            assert reply_headers["content-length"] == "0" and body == b""
+            assert reply.headers["content-length"] == "0" and reply.body == b""
+    assert get(port, path, host=None).status == "HTTP/1.1 400 Bad Request"  # no Host header
 
 
 def cover_bytes(media, relative):
@@ -221,10 +223,9 @@ def test_embedded_pictures_are_served_as_thumbnails(library, view, title, relati
     probe, picture = cover_bytes(media, relative)
     candidates = [o for o in browse(port, view)[1] if o["dc:title"] == title and "upnp:albumArtURI" in o]
     assert len(candidates) == 1
-    status, headers, body, _ = get(port, "/thumbnail/" + candidates[0]["upnp:albumArtURI"].rsplit("/", 1)[1])
-    assert status == "HTTP/1.1 200 OK"
-    assert body == picture and body.startswith(b"\xff\xd8")
-    assert headers["content-type"] == probe["coverMimeType"] == "image/jpeg"
+    reply = get(port, "/thumbnail/" + candidates[0]["upnp:albumArtURI"].rsplit("/", 1)[1])
+    assert (reply.status, reply.body[:2], reply.headers["content-type"]) == ("HTTP/1.1 200 OK", b"\xff\xd8", "image/jpeg")
+    assert reply.body == picture and probe["coverMimeType"] == "image/jpeg"
 
 
 def test_photo_video_and_matroska_metadata(library):
@@ -241,9 +242,9 @@ def test_photo_video_and_matroska_metadata(library):
     item = browse(port, mp4[0]["refID"], flag="BrowseMetadata")[1][0]
     assert item["upnp:class"] == "object.item.videoItem"
     data = (media / "Videos/Demo Clip.mp4").read_bytes()
-    status, headers, body, _ = get(port, f"/mediaitem/{item['id']}", ("Host: test", "Range: bytes=8-"))
-    assert status == "HTTP/1.1 206 Partial Content"
-    assert headers["content-range"] == f"bytes 8-{len(data) - 1}/{len(data)}" and body == data[8:]
+    reply = get(port, f"/mediaitem/{item['id']}", "Range: bytes=8-")
+    assert (reply.status, reply.headers["content-range"], reply.body) == \
+        ("HTTP/1.1 206 Partial Content", f"bytes 8-{len(data) - 1}/{len(data)}", data[8:])
 
     mka = media_item(port, "Night Drive")
     assert mka["res"][0]["protocolInfo"] == "http-get:*:audio/x-matroska:DLNA.ORG_OP=01"

@@ -7,19 +7,13 @@ and /get-only (exact routes), /file/ (files of the served folder, ?offset= and
 ?length= make a region of the file the resource), /describe/ (what the request
 accessors report), and a default handler that answers "default PATH".
 """
-import os
 import re
-import shutil
-import signal
-import socket
-import subprocess
 import threading
 import time
-from pathlib import Path
 
 import pytest
 
-from conftest import BUILD, listening_tcp_ports
+from dms_client import Client
 
 DATA = bytes((i * 7 + i // 256) % 256 for i in range(1000))
 BIG_SIZE = 9 * 1024 * 1024 + 12345  # more than two 4 MiB pieces
@@ -47,76 +41,6 @@ def port(process, files):
     return process("http_test_server", files).wait_port()
 
 
-class Response:
-    def __init__(self, head):
-        lines = head.split(b"\r\n")
-        self.head = head
-        self.status = lines[0].decode()
-        self.headers = {}
-        self.order = []
-        for line in lines[1:]:
-            name, value = line.decode().split(": ", 1)
-            self.headers[name.lower()] = value
-            self.order.append(name)
-        self.body = b""
-
-    @property
-    def length(self):
-        return int(self.headers["content-length"])
-
-
-class Client:
-    """One connection; reads replies one by one."""
-
-    def __init__(self, port, timeout=10.0):
-        self.sock = socket.create_connection(("127.0.0.1", port), timeout=timeout)
-        self.buffer = b""
-
-    def close(self):
-        self.sock.close()
-
-    def send(self, raw):
-        self.sock.sendall(raw)
-
-    def _fill(self):
-        data = self.sock.recv(1 << 20)
-        if not data:
-            raise EOFError("connection closed")
-        self.buffer += data
-
-    def read_exact(self, count):
-        while len(self.buffer) < count:
-            self._fill()
-        data, self.buffer = self.buffer[:count], self.buffer[count:]
-        return data
-
-    def response(self, body=True):
-        while b"\r\n\r\n" not in self.buffer:
-            self._fill()
-        head, self.buffer = self.buffer.split(b"\r\n\r\n", 1)
-        reply = Response(head)
-        if body:
-            reply.body = self.read_exact(reply.length)
-        return reply
-
-    def get(self, target, *headers, method="GET", version="HTTP/1.1"):
-        lines = [f"{method} {target} {version}", "Host: test", *headers]
-        self.send(("\r\n".join(lines) + "\r\n\r\n").encode())
-        return self.response(body=method != "HEAD")
-
-    def closed(self, timeout=3.0):
-        """True when the server ends the connection (with nothing more sent) within `timeout`."""
-        self.sock.settimeout(timeout)
-        try:
-            data = self.sock.recv(1 << 16)
-        except ConnectionResetError:
-            return True
-        except socket.timeout:
-            return False
-        assert data == b"", data[:200]
-        return True
-
-
 def test_range_table_on_a_whole_file(port):
     client = Client(port)
     cases = [
@@ -142,7 +66,7 @@ def test_range_table_on_a_whole_file(port):
 
     # The exact header text of a ranged reply.
     client.send(b"GET /file/page.HTML HTTP/1.1\r\nRange: bytes=3-\r\n\r\n")
-    reply = client.response()
+    reply = client.reply()
     assert re.fullmatch(
         rb"HTTP/1\.1 206 Partial Content\r\nDate: [A-Z][a-z]{2}, \d\d [A-Z][a-z]{2} \d{4} \d\d:\d\d:\d\d GMT\r\n"
         rb"Accept-Ranges: bytes\r\nContent-Range: bytes 3-8/9\r\nContent-Type: text/html\r\n"
@@ -205,14 +129,14 @@ def test_keep_alive_follows_version_and_connection(port):
     # Two requests in one segment: the header reader takes exactly one block at a time.
     pipelined = Client(port)
     pipelined.send(b"GET /mem HTTP/1.1\r\n\r\nGET /file/exact HTTP/1.1\r\nConnection: close\r\n\r\n")
-    assert pipelined.response().body == b"hello from memory\n"
-    assert pipelined.response().body == b"exact"
+    assert pipelined.reply().body == b"hello from memory\n"
+    assert pipelined.reply().body == b"exact"
     assert pipelined.closed()
 
     # No version at all: the status line starts with the empty version, and the connection closes.
     bare = Client(port)
     bare.send(b"GET /mem\r\n\r\n")
-    reply = bare.response()
+    reply = bare.reply()
     assert reply.status == " 200 OK"
     assert bare.closed()
 
@@ -222,15 +146,15 @@ def test_expect_continue_and_request_bodies(port):
     client.send(b"POST /echo HTTP/1.0\r\nConnection: keep-alive\r\nExpect: 100-continue\r\nContent-Length: 11\r\n\r\n")
     assert client.read_exact(len(CONTINUE)) == CONTINUE
     client.send(b"hello world")
-    reply = client.response()
+    reply = client.reply()
     assert reply.status == "HTTP/1.0 200 OK"
     assert reply.body == b"hello world"
 
     # A body sent with its header stays in the socket for the handler, and the
     # request after it is read as the next request.
     client.send(b"POST /echo HTTP/1.1\r\nContent-Length: 4\r\n\r\nabcdGET /mem HTTP/1.1\r\n\r\n")
-    assert client.response().body == b"abcd"
-    assert client.response().body == b"hello from memory\n"
+    assert client.reply().body == b"abcd"
+    assert client.reply().body == b"hello from memory\n"
     assert client.buffer == b""
 
 
@@ -241,7 +165,7 @@ def test_header_block_size_limit(port):
 
     fits = Client(port)
     fits.send(block(8192))
-    assert fits.response().body == b"hello from memory\n"
+    assert fits.reply().body == b"hello from memory\n"
 
     for size in (8193, 20000):
         too_long = Client(port)
@@ -267,9 +191,9 @@ def test_idle_connections_are_dropped(port):
         client = Client(port, timeout=20)
         start = time.monotonic()
         client.send(b"GET /mem HTTP/1.1\r\nHost: x")
-        first = client.response()
+        first = client.reply()
         results["unterminated"] = time.monotonic() - start
-        second = client.response()
+        second = client.reply()
         results["replies"] = [first.body, second.body]
 
     threads = [threading.Thread(target=wait_after, args=args) for args in
@@ -346,38 +270,6 @@ def test_large_bodies_in_pieces(port):
     assert reply.body == (bytes(range(ord("a"), ord("z") + 1)) * (BIG_SIZE // 26 + 1))[:BIG_SIZE]
 
 
-@pytest.mark.skipif(shutil.which("strace") is None, reason="needs strace")
-def test_file_bodies_go_out_with_sendfile(files, tmp_path):
-    log = tmp_path / "trace"
-    tracer = subprocess.Popen(["strace", "-f", "-qq", "-e", "trace=sendfile", "-o", str(log),
-                               str(BUILD / "http_test_server"), str(files)],
-                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    try:
-        deadline = time.monotonic() + 10
-        server, ports = None, []
-        while not ports and time.monotonic() < deadline:
-            children = Path(f"/proc/{tracer.pid}/task/{tracer.pid}/children").read_text().split()
-            server = int(children[0]) if children else None
-            ports = listening_tcp_ports(server) if server else []
-            time.sleep(0.05)
-        assert ports
-        client = Client(ports[0], timeout=30)
-        assert client.get("/file/big.bin", "Range: bytes=10-").body == big_data()[10:]
-        client.close()
-        os.kill(server, signal.SIGTERM)
-        tracer.wait(timeout=10)
-    finally:
-        if tracer.poll() is None:
-            tracer.kill()
-            tracer.wait()
-    calls = [line for line in log.read_text().splitlines() if "sendfile(" in line]
-    # Pieces of at most 4 MiB, starting at the range offset.
-    counts = [int(m.group(1)) for m in (re.search(r"sendfile\(\d+, \d+, \[\d+\] => \[\d+\], (\d+)\)", c)
-                                        for c in calls) if m]
-    assert counts and max(counts) <= 4 * 1024 * 1024
-    assert any(", [10] => [" in c for c in calls), calls[:3]
-
-
 def test_concurrent_slow_clients_do_not_block_each_other(port):
     slow = [Client(port) for _ in range(20)]
     for client in slow:
@@ -387,7 +279,7 @@ def test_concurrent_slow_clients_do_not_block_each_other(port):
     for client in slow:
         client.send(b"Host: x\r\n\r\n")
     # Each gate handler answers "together" only when all twenty run at the same time.
-    assert [client.response().body for client in slow] == [b"together"] * 20
+    assert [client.reply().body for client in slow] == [b"together"] * 20
 
 
 def test_stop_returns_promptly(process, files):
