@@ -64,9 +64,8 @@ TEST(Mp3, RefusesWhatIsNotMpegAudio) {
   const auto tag = Id3TagBuilder(3).text("TIT2", "x").build();
   EXPECT_NE(MediaProbe_Bytes(join(join(tag, std::vector<uint8_t>(511, 0)), stereo(10))), nullptr);
   EXPECT_EQ(MediaProbe_Bytes(join(join(tag, std::vector<uint8_t>(512, 0)), stereo(10))), nullptr);
-  // Free format, reserved bitrate, version, layer and sample rate.
   for (uint32_t header : {0xFFFB0000u, 0xFFFBF000u, 0xFFEB9000u, 0xFFF99000u, 0xFFFB9C00u}) {
-    ByteWriter out;
+    ByteWriter out;  // free format, reserved bitrate, version, layer and sample rate
     for (int i = 0; i < 8; ++i) out.u32be(header).fill(413);
     EXPECT_EQ(MediaProbe_Bytes(out.data()), nullptr) << std::hex << header;
   }
@@ -109,21 +108,11 @@ TEST(Mp3, TagVersionsAndFrameRules) {
     EXPECT_EQ(stream.title, c.title) << (c.title ? *c.title : "none");
     EXPECT_EQ(stream.duration, 10u * 1152);  // the audio behind the tag is found
   }
-  // At most 128 frames are read; a frame running past the tag stops the loop.
-  Id3TagBuilder many(3);
-  for (int i = 0; i < 128; ++i) many.text("TXXX", "x");
-  EXPECT_FALSE(probeTagged(many.text("TIT2", "Last")).title);
-  ByteWriter oversized;
-  oversized.text("TPE1").u32be(5000).u16be(0).u8(0).text("Cut");
-  MediaStream stream = probeTagged(Id3TagBuilder(3).text("TIT2", "Kept").raw(oversized.data()).padding(20));
-  EXPECT_EQ(std::pair(stream.title, stream.artist), std::pair(std::optional<std::string>("Kept"),
-                                                                std::optional<std::string>()));
 }
 
 TEST(Mp3, GenresAndDatesInUtc) {
   const std::pair<std::string_view, std::optional<std::string>> genres[] = {
-      {"(17)", "Rock"}, {"79", "Hard Rock"}, {"(147)", "SynthPop"}, {"(148)", std::nullopt},
-      {"(256)", "(256)"}, {"Jazz Fusion", "Jazz Fusion"}, {"(-1)", "(-1)"},
+      {"(17)", "Rock"}, {"79", "Hard Rock"}, {"(148)", std::nullopt}, {"(256)", "(256)"}, {"Jazz", "Jazz"},
   };
   for (const auto& [text, genre] : genres) EXPECT_EQ(probeTagged(Id3TagBuilder(3).text("TCON", text)).genre, genre);
 
@@ -149,6 +138,8 @@ TEST(Mp3, AttachedPictures) {
   const std::vector<uint8_t> jpeg = JpegFixture_Cover();
   const auto first = Id3Fixture_Picture(3, "image/png", "one", png);
   const auto link = Id3Fixture_Picture(3, "-->", "", {'u', 'r', 'l'});
+  ByteWriter utf16Description;  // a UTF-16 description ends at a zero unit
+  utf16Description.u8(1).text("image/PNG").u8(0).u8(0).u16be(0xFFFE).u16le('d').u16le(0).bytes(png);
   struct Case {
     Id3TagBuilder tag;
     const char* mime;
@@ -163,8 +154,7 @@ TEST(Mp3, AttachedPictures) {
        int64_t(10 + link.size())},  // links are ignored
       {Id3TagBuilder(4).frame("APIC", Id3Fixture_Picture(4, "image/gif", "", png)), nullptr, int64_t(png.size())},
       {Id3TagBuilder(3).frame("APIC", Id3Fixture_Picture(3, "image/jpeg", "", {})), nullptr, 0},
-      {Id3TagBuilder(3).frame("APIC", Id3Fixture_Picture(3, std::string(63, 'j'), "", png)), nullptr, 0},
-      {Id3TagBuilder(3).frame("APIC", Id3Fixture_Picture(3, "image/jpeg", std::string(513, 'd'), png)), nullptr, 0},
+      {Id3TagBuilder(3).frame("APIC", utf16Description.data()), "image/png", int64_t(png.size())},
   };
   for (const Case& c : cases) {
     const auto bytes = c.tag.build();

@@ -1,43 +1,19 @@
 // The device layer below the wire: the SOAP action scan, the fault's cut, XML
-// escaping, the exact SCPD and description documents of a table, and the
-// request handler driven directly (the media server's own documents and
-// replies are checked on the wire).
+// escaping, and the exact SCPD and description documents of a table (the
+// media server's own documents, dispatch and replies are checked on the wire).
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <string>
-#include <vector>
 
-#include "http/HTTPRequest.h"
 #include "upnp/UPnPDevice.h"
 
 namespace {
 
-struct Seen {
-  std::string body;
-  std::vector<std::string> args;
-  bool takeOver = false;
-};
-Seen gSeen;
-
-bool RecordingHook(HTTPRequest*, HTTPResponse* response, const char*, const char* body, size_t bodyLength,
-                   UPnPDevice*) {
-  gSeen.body = body ? std::string(body, bodyLength) : "";
-  if (gSeen.takeOver) response->status = "204 No Content";
-  return gSeen.takeOver;
-}
-
-void RecordingAction(HTTPRequest*, const char* serviceType, const char* actionName, const UPnPArgValue* args,
-                     int32_t count, HTTPResponse* response) {
-  gSeen.args.assign({serviceType, actionName});
-  for (int32_t i = 0; i < count; ++i) gSeen.args.push_back(std::string(args[i].value, args[i].length));
-  response->status = "200 OK";
-}
+void NoOpAction(HTTPRequest*, const char*, const char*, const UPnPArgValue*, int32_t, HTTPResponse*) {}
 
 const UPnPArgument kIn[] = {{"ObjectID", "A"}, {"BrowseFlag", "B"}, {"Filter", "C"}, {nullptr, nullptr}};
 const UPnPArgument kOut[] = {{"Result", "R"}, {nullptr, nullptr}};
-UPnPAction gActions[] = {{"Browse", RecordingAction, kIn, kOut},
+UPnPAction gActions[] = {{"Browse", NoOpAction, kIn, kOut},
                          {"Idle", nullptr, nullptr, kOut},
                          {nullptr, nullptr, nullptr, nullptr}};
 const char* const kFlags[] = {"x", "y", nullptr};
@@ -139,76 +115,6 @@ TEST(Documents, DescriptionEscapesFieldsAndIsCutAt2047) {
   device.friendlyName = longName.c_str();
   const std::string cut = UPnPDevice_MakeDescription(&device, "10.0.0.1");
   EXPECT_EQ(std::pair(cut.size(), cut.back()), std::pair(size_t(2047), 'n'));
-}
-
-// One request whose header block is parsed as the server would, with the
-// body waiting on the other end of a socket pair.
-class DeviceRequest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds_), 0);
-    request_.socket = fds_[0];
-    device_.modelName = "Model";
-    device_.modelNumber = "2";
-    device_.services = gServices;
-    device_.httpHook = RecordingHook;
-    gSeen = {};
-  }
-  void TearDown() override {
-    close(fds_[0]);
-    close(fds_[1]);
-  }
-  // The client's side is closed after the body, so a short body ends in
-  // end-of-stream instead of a wait.
-  HTTPResponse Handle(std::string head, const std::string& body) {
-    EXPECT_EQ(write(fds_[1], body.data(), body.size()), static_cast<ssize_t>(body.size()));
-    shutdown(fds_[1], SHUT_WR);
-    head_ = std::move(head);
-    HTTPRequest_Parse(&request_, head_.data());
-    HTTPResponse response;
-    response.keepAlive = request_.keepAlive;
-    UPnPDevice_HandleRequest(&response, nullptr, request_.path, "", &request_, &device_);
-    return response;
-  }
-  static std::string Post(const std::string& body) {
-    return "POST /c HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) + "\r\n";
-  }
-
-  int fds_[2] = {-1, -1};
-  std::string head_;
-  HTTPRequest request_;
-  UPnPDevice device_;
-};
-
-TEST_F(DeviceRequest, HookSeesTheDecodedBodyAndMayAnswer) {
-  gSeen.takeOver = true;
-  HTTPResponse response =
-      Handle("POST /media/1 HTTP/1.1\r\nTransfer-Encoding: chunked\r\n", "3\r\nabc\r\nA\r\n0123456789\r\n0\r\n\r\n");
-  EXPECT_EQ(gSeen.body, "abc0123456789");
-  EXPECT_STREQ(response.status, "204 No Content");
-  EXPECT_EQ(response.extraHeaders, "");  // an answered request gets nothing added
-}
-
-TEST_F(DeviceRequest, ControlReachesTheHandler) {
-  std::string body = Envelope("<u:Browse xmlns:u=\"urn:x\"><ObjectID>1</ObjectID><BrowseFlag> two </BrowseFlag></u:Browse>");
-  HTTPResponse response = Handle(Post(body), body);
-  EXPECT_EQ(gSeen.args, (std::vector<std::string>{"urn:x:service:T:1", "Browse", "1", "two"}));
-  EXPECT_STREQ(response.contentType, "text/xml; charset=\"utf-8\"");
-  EXPECT_NE(response.extraHeaders.find(" UPnP/1.0 Model/2\r\nEXT:\r\n"), std::string::npos);
-}
-
-TEST_F(DeviceRequest, ActionWithoutHandlerIsAFault) {
-  const std::string body = Envelope("<u:Idle xmlns:u=\"urn:x\"/>");
-  HTTPResponse response = Handle(Post(body), body);
-  EXPECT_STREQ(response.status, "500 Internal Server Error");
-  EXPECT_EQ(response.body, UPnP_MakeActionResponseError("602", "Optional Action Not Implemented"));
-}
-
-TEST_F(DeviceRequest, ShortBodyClosesTheConnectionUnanswered) {
-  HTTPResponse response = Handle("POST /c HTTP/1.1\r\nContent-Length: 10\r\n", "short");
-  EXPECT_EQ(std::pair(response.keepAlive, std::string(response.status)), std::pair(false, std::string("404 Not Found")));
-  EXPECT_FALSE(response.body);
-  EXPECT_EQ(gSeen.body, "");
 }
 
 }  // namespace
