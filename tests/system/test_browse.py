@@ -1,17 +1,21 @@
 """Browse and media transfer through the running server, on the demo library
-plus a folder large enough to need several DIDL-Lite pages."""
+plus a folder large enough to need several DIDL-Lite pages and a picture of
+more than two 4 MiB pieces; the HTTP rules (ranges, keep-alive, bodies,
+limits and idle timeouts) as a control point meets them."""
 import json
 import shutil
 import subprocess
+import threading
 import time
 
 import pytest
 
 import dms_client
 from conftest import BUILD, Dms
-from dms_client import browse, browse_raw, by_title, get
+from dms_client import Client, browse, browse_raw, by_title, get
 
 MANY = 150  # pictures in one folder: well over one 8 KB page
+BIG = 9 * 1024 * 1024 + 12345
 
 
 @pytest.fixture(scope="module")
@@ -23,6 +27,8 @@ def library(tmp_path_factory):
     many.mkdir()
     for index in range(MANY):
         shutil.copy(media / "Pictures" / "Stripes.gif", many / f"picture number {index:03d} with a long name.gif")
+    stripes = (media / "Pictures" / "Stripes.gif").read_bytes()
+    (media / "Big.gif").write_bytes(stripes + bytes(range(251)) * ((BIG - len(stripes)) // 251) + b"." * ((BIG - len(stripes)) % 251))
     server = Dms(root / "server", f'path = "{media}"\ndmsModelName = "Model"\nmodelNumber = "7"\n')
     port = server.wait_ready()
     deadline = time.monotonic() + 20
@@ -250,3 +256,111 @@ def test_photo_video_and_matroska_metadata(library):
     assert mka["res"][0]["protocolInfo"] == "http-get:*:audio/x-matroska:DLNA.ORG_OP=01"
     mkv = [v for v in videos if v["dc:title"] == "Demo Clip" and "x-matroska" in v["res"][0]["protocolInfo"]][0]
     assert mkv["res"][0]["duration"] == "0:00:12.500000"
+
+
+def test_ranges_of_a_file_and_of_a_cover_inside_one(library):
+    port, media = library
+    data = (media / "Music/Demo Artist/tone.wav").read_bytes()
+    size, path = len(data), f"/mediaitem/{media_item(port, 'Tone')['id']}"
+    whole, partial = "200 OK", "206 Partial Content"
+    cases = [
+        (None, whole, None, data), ("bytes=100-", partial, f"bytes 100-{size - 1}/{size}", data[100:]),
+        ("bytes=0-0", partial, f"bytes 0-0/{size}", data[:1]),
+        (f"bytes=500-{size * 5}", partial, f"bytes 500-{size - 1}/{size}", data[500:]),
+        (f"bytes={size}-", whole, None, b""), (f"bytes={size + 1}-", "416 Requested Range Not Satisfiable", None, b""),
+        ("bytes=-500", "400 Bad Request", None, b""), ("bytes=9-3", "400 Bad Request", None, b""),
+        ("bytes=", partial, f"bytes 0-{size - 1}/{size}", data),
+        ("bytes=10-19,30-39", partial, f"bytes 10-19/{size}", data[10:20]),
+        ("bytes=0-9223372036854775807", partial, f"bytes 0-{size - 1}/{size}", data),
+    ]
+    for value, status, content_range, body in cases:
+        reply = get(port, path, *([f"Range: {value}"] if value is not None else []))
+        assert (reply.status, reply.headers.get("content-range"), reply.body) == \
+            ("HTTP/1.1 " + status, content_range, body), value
+    # A cover is a region of its file, and the region is the resource.
+    mp3 = [o for o in browse(port, "0.10")[1] if o["res"][0]["protocolInfo"].startswith("http-get:*:audio/mpeg")][0]
+    _, picture = cover_bytes(media, "Music/Demo Artist/Demo Album/01 Demo Song.mp3")
+    n, path = len(picture), f"/thumbnail/{mp3['refID']}"
+    for value, status, body in ((f"bytes={n - 10}-", partial, picture[-10:]), (f"bytes={n}-", whole, b""),
+                                (f"bytes={n + 1}-", "416 Requested Range Not Satisfiable", b"")):
+        reply = get(port, path, f"Range: {value}")
+        assert (reply.status, reply.body) == ("HTTP/1.1 " + status, body), value
+    # HEAD sends the same header lines (the date aside) without the body.
+    client = Client(port)
+    for target in (path, f"/mediaitem/{media_item(port, 'Tone')['id']}"):
+        head, full = client.get(target, "Range: bytes=1-", method="HEAD"), client.get(target, "Range: bytes=1-")
+        head.headers.pop("date", None), full.headers.pop("date", None)
+        assert (head.status, head.order, head.headers) == (full.status, full.order, full.headers) and full.body
+
+
+def test_bodies_in_pieces_and_slow_clients(library):
+    port, _ = library
+    [big] = [o for o in browse(port, "0.1")[1] if o["element"] == "item" and o["res"][0].get("size") == str(BIG)]
+    data = (library[1] / "Big.gif").read_bytes()
+    client = Client(port, timeout=30)
+    path = "/" + big["res"][0]["url"].split("/", 3)[3]
+    assert client.get(path).body == data
+    start, end = 4 * 1024 * 1024 - 100, 8 * 1024 * 1024 + 100
+    reply = client.get(path, f"Range: bytes={start}-{end}")
+    assert (reply.headers["content-range"], reply.body) == (f"bytes {start}-{end}/{BIG}", data[start:end + 1])
+    # Twenty connections in the middle of their headers hold nobody up.
+    slow = [Client(port).send(b"GET /DMS/Device HTTP/1.1\r\n") for _ in range(20)]
+    assert get(port, "/DMS/Device").status == "HTTP/1.1 200 OK"
+    assert [c.send(b"Host: x\r\n\r\n").reply().status for c in slow] == ["HTTP/1.1 200 OK"] * 20
+
+
+def test_keep_alive_continue_and_header_limit(library):
+    port, _ = library
+    old = Client(port)
+    assert (old.get("/DMS/Device", version="HTTP/1.0").headers["connection"], old.closed()) == ("close", True)
+    kept = Client(port)
+    assert kept.get("/DMS/Device", "Connection: Keep-Alive", version="HTTP/1.0").headers["connection"] == "keep-alive"
+    assert (kept.get("/DMS/Device", version="HTTP/1.0").headers["connection"], kept.closed()) == ("close", True)
+    # Two requests in one segment: the header reader takes exactly one block at a time.
+    pipelined = Client(port).send(b"GET /DMS/Device HTTP/1.1\r\n\r\nGET /DMS/Device HTTP/1.1\r\nConnection: close\r\n\r\n")
+    assert [r.status for r in pipelined.replies()] == ["HTTP/1.1 200 OK"] * 2
+    # No version at all is answered (the device writes HTTP/1.1), and the connection closes.
+    bare = Client(port).send(b"GET /DMS/Device\r\n\r\n")
+    assert (bare.reply().status, bare.closed()) == ("HTTP/1.1 200 OK", True)
+
+    head, body = dms_client.soap("GetSystemUpdateID", []).split(b"\r\n\r\n", 1)
+    client = Client(port).send(head.replace(b"HTTP/1.1", b"HTTP/1.0") + b"\r\nExpect: 100-continue\r\n\r\n")
+    assert client.read_exact(25) == b"HTTP/1.1 100 Continue\r\n\r\n"
+    reply = client.send(body).reply()
+    assert reply.status == "HTTP/1.1 200 OK" and b"<Id>" in reply.body
+
+    def block(size):
+        start = b"GET /DMS/Device HTTP/1.1\r\nX-Pad: "
+        return start + b"x" * (size - len(start) - 4) + b"\r\n\r\n"
+    assert Client(port).send(block(8192)).reply().status == "HTTP/1.1 200 OK"
+    assert all(Client(port).send(block(size)).closed() for size in (8193, 20000))
+
+
+def test_idle_connections_are_dropped(library):
+    """Waits run in parallel; each result is the time until the server closed."""
+    port, results = library[0], {}
+
+    def wait_after(name, target=None):
+        client = Client(port, timeout=20)
+        if target:
+            client.get(target)
+        start = time.monotonic()
+        assert client.closed(timeout=20)
+        results[name] = time.monotonic() - start
+
+    def unterminated_block():
+        # A block that stops without its blank line is parsed as it stands
+        # after a pause, and answered again on every pass since it stays unread.
+        client, start = Client(port, timeout=20).send(b"GET /DMS/Device HTTP/1.1\r\nHost: x"), time.monotonic()
+        first = client.reply()
+        results["unterminated"] = time.monotonic() - start
+        results["replies"] = [first.status, client.reply().status]
+
+    threads = [threading.Thread(target=wait_after, args=args) for args in (("first",), ("keep-alive", "/DMS/Device"))]
+    threads.append(threading.Thread(target=unterminated_block))
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert 4.0 <= results["first"] <= 8.0 and 9.0 <= results["keep-alive"] <= 13.0, results
+    assert 1.5 <= results["unterminated"] <= 5.0 and results["replies"] == ["HTTP/1.1 200 OK"] * 2, results
