@@ -30,7 +30,7 @@ CM_EVENT = "/DMS/ConnectionManager/event"
 BLACKHOLE = "10.77.0.3"  # on the namespace's link, but nobody answers there
 CHANGE_DEADLINE = 50.0  # seconds after start; the second refresh pass comes at about 40 s
 EVENT_WAIT = 3.0
-PROBE = Path(__file__).with_name("gupnp_events.py")
+PROBE = Path(__file__).with_name("gupnp_probe.py")
 SOURCE_PROTOCOLS = (
     "http-get:*:image/jpeg:DLNA.ORG_PN=JPEG_TN;DLNA.ORG_OP=01;DLNA.ORG_CI=1,http-get:*:image/jpeg:*,"
     "http-get:*:image/png:*,http-get:*:image/tiff:*,http-get:*:image/gif:*,http-get:*:audio/flac:*,"
@@ -183,7 +183,7 @@ class Eventing:
         self.port = self.server.port
         self.sink = NotifySink()
         self.probe = subprocess.Popen(
-            ["/usr/bin/python3", str(PROBE), "dms0", str(int(CHANGE_DEADLINE)), str(self.port), "2"],
+            ["/usr/bin/python3", str(PROBE), "events", "dms0", str(int(CHANGE_DEADLINE)), str(self.port), "2"],
             stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.replies = {}
         self.watchers = {}

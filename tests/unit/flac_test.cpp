@@ -1,11 +1,9 @@
 // FLAC metadata: stream parameters and their limits, Vorbis comments and their
-// dates, the cover picture's location and limits, the block walk's bounds and
-// the seek data. The complete demo song is checked through dms-probe.
+// dates, the cover picture's location and limits, and the block walk's bounds. The complete demo song is checked through dms-probe.
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "media/Flac.h"
 #include "tests/fixtures/FlacFixture.h"
 #include "tests/unit/ProbeCheck.h"
 
@@ -99,7 +97,7 @@ TEST(Flac, PictureTypesAndLimits) {
   EXPECT_EQ(std::pair(stream.coverLength, stream.coverOffset + 20 + 64), std::pair(int64_t(20), int64_t(bytes.size())));
 }
 
-TEST(Flac, BlockWalkBoundsAndSeekData) {
+TEST(Flac, BlockWalkBounds) {
   // 31 blocks are read before the 32nd; a 33rd is not.
   std::vector<FlacFixtureBlock> blocks(31, FlacFixture_Padding(4));
   blocks.push_back(FlacFixture_Comments({"TITLE=32nd"}));
@@ -114,18 +112,6 @@ TEST(Flac, BlockWalkBoundsAndSeekData) {
   bytes.pop_back();
   EXPECT_EQ(PROBE(bytes).title, std::nullopt);
   EXPECT_EQ(MediaProbe_Bytes({'f', 'L', 'a'}), nullptr);
-
-  bytes = FlacFixture_File({FlacFixture_StreamInfo(44100, 2, 16, 44100),
-                            FlacFixture_SeekTable({{0, 0, 4096}, {22050, 300, 4096}, {44100, 600, 4096}, {1000, 50, 4096}}),
-                            FlacFixture_Padding(10)},
-                           100);
-  stream = PROBE(bytes, false);
-  const auto* seek = dynamic_cast<const FlacSeekInfo*>(stream.seekInfo.get());
-  ASSERT_NE(seek, nullptr);
-  EXPECT_EQ(std::pair(seek->audioOffset, seek->audioLength), std::pair(int64_t(bytes.size()) - 100, int64_t(100)));
-  // The point at the stream's end stops the table.
-  ASSERT_EQ(seek->points.size(), 2u);
-  EXPECT_EQ(std::pair(seek->points[1].sampleNumber, seek->points[1].byteOffset), std::pair(uint64_t(22050), uint64_t(300)));
 }
 
 }  // namespace

@@ -1,14 +1,12 @@
-// Matroska and WebM files through the media dispatch: EBML element headers,
-// document types, Info, the keep rules of tracks, cover attachments, the
-// SeekHead and the bounds that enclosing elements set.
+// Matroska and WebM files through the media dispatch: document types, Info,
+// the keep rules of tracks, cover attachments, the SeekHead and the bounds
+// that enclosing elements set.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <string>
 #include <vector>
 
-#include "media/Ebml.h"
 #include "tests/fixtures/ByteWriter.h"
 #include "tests/fixtures/JpegFixture.h"
 #include "tests/fixtures/MatroskaFixture.h"
@@ -36,37 +34,6 @@ std::vector<uint8_t> audioTrack(std::initializer_list<std::vector<uint8_t>> audi
 }
 std::vector<uint8_t> mkv(const std::vector<std::vector<uint8_t>>& children, bool indexed = false) {
   return MatroskaFixture_File("matroska", children, indexed);
-}
-
-TEST(Ebml, ElementHeaders) {
-  struct Case {
-    std::vector<uint8_t> bytes;
-    int64_t limit;
-    std::string found;  // "id start size [unknown]" or "refused"
-  };
-  const Case cases[] = {
-      {{0x42, 0x86, 0x81, 1}, 4, "4286 3 1"},
-      {{0x1A, 0x45, 0xDF, 0xA3, 0x20, 0x00, 0x01, 9}, 8, "1a45dfa3 7 1"},
-      {{0xA3, 0x01, 0, 0, 0, 0, 0, 0, 0x02, 7, 7}, 11, "a3 9 2"},
-      {{0xA3, 0xFF, 1, 2, 3, 4, 5}, 5, "a3 2 3 unknown"},  // an unknown size reaches the enclosing end
-      {{0xA3, 0x7F, 0xFF, 9}, 4, "a3 3 1 unknown"},
-      {{0xEC, 0x84, 1, 2, 3, 4}, 5, "refused"},  // one byte beyond the limit
-      {{0x08, 0x11, 0x22, 0x33, 0x44, 0x80}, 6, "refused"},  // a five-byte ID
-      {{0xFF, 0x80}, 2, "refused"},
-      {{0x80, 0x80}, 2, "refused"},
-      {{0xEC, 0x00, 0, 0, 0, 0, 0, 0, 0, 0}, 10, "refused"},  // a nine-byte size
-      {{0xEC, 0x40}, 2, "refused"},
-  };
-  for (const Case& c : cases) {
-    FixtureFile file(c.bytes);
-    EbmlElement e;
-    char text[64] = "refused";
-    if (EbmlRead_Header(file.fd(), 0, c.limit, e)) {
-      std::snprintf(text, sizeof text, "%x %lld %lld%s", e.id, static_cast<long long>(e.dataStart),
-                    static_cast<long long>(e.size), e.unknownSize ? " unknown" : "");
-    }
-    EXPECT_EQ(text, c.found);
-  }
 }
 
 TEST(Matroska, VideoWithCoverFillsTheRecord) {

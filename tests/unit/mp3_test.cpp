@@ -1,8 +1,6 @@
 // MPEG audio and ID3v2 tags through the whole dispatch: frame validation,
 // durations from Xing headers and data length, tag versions and frame rules,
 // text encodings, genres, dates in UTC and attached pictures.
-#include "media/Mp3.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -49,14 +47,6 @@ TEST(Mp3, FramesAndXingHeadersGiveTheDuration) {
   // A zero frame count leaves no stream and the one-millisecond duration.
   stream = PROBE(join(Mp3Fixture_VbrFrame(kMp3Mpeg1Stereo, "Xing", 1, 0, 0), stereo(5)));
   EXPECT_EQ(std::tuple(stream.streamCount(), stream.duration, stream.timescale), std::tuple(uint8_t(0), 1u, 1000u));
-
-  // Seek data: the byte count shortens the audio, the table of contents replaces the frame length.
-  const auto tag = Id3TagBuilder(3).text("TIT2", "x").build();
-  stream = PROBE(join(tag, join(Mp3Fixture_VbrFrame(kMp3Mpeg1Stereo, "Xing", 7, 500, 1000), stereo(5))), false);
-  auto* seek = dynamic_cast<Mp3SeekInfo*>(stream.seekInfo.get());
-  ASSERT_NE(seek, nullptr);
-  EXPECT_EQ(std::tuple(seek->firstFrameOffset, seek->audioLength, seek->frameLength, seek->toc[99]),
-            std::tuple(int64_t(tag.size()), int64_t(1000), 0u, uint8_t(99)));
 }
 
 TEST(Mp3, RefusesWhatIsNotMpegAudio) {

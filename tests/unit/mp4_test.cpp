@@ -1,8 +1,6 @@
 // MP4, M4A and QuickTime files through the whole dispatch: where the file type
 // and movie boxes may lie, refused box sizes, tracks and MIME types,
-// item-list tags and covers, and the seek data.
-#include "media/Mp4.h"
-
+// item-list tags and covers.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -138,22 +136,6 @@ TEST(Mp4, ItemsCoversAndDates) {
                            {"May 2011", 0}, {"99999999", 0}}) {
     EXPECT_EQ(PROBE(withItems(Mp4Fixture_TextItem(kMp4ItemDay, day))).date, date) << day;
   }
-}
-
-TEST(Mp4, SeekDataOnlyWhenAskedFor) {
-  const std::vector<uint8_t> bytes = Mp4Fixture_Video();
-  EXPECT_EQ(PROBE(bytes).seekInfo, nullptr);
-  MediaStream stream = PROBE(bytes, false);
-  const auto* seek = dynamic_cast<const Mp4SeekInfo*>(stream.seekInfo.get());
-  ASSERT_NE(seek, nullptr);
-  EXPECT_EQ(std::pair(seek->dataStart, seek->dataLength), std::pair(int64_t(0), int64_t(bytes.size())));
-  ASSERT_EQ(seek->tracks.size(), 2u);
-  EXPECT_EQ(std::pair(seek->tracks[1].trackId, seek->tracks[1].timescale), std::pair(2u, 48000u));
-  // The time-to-sample table holds one entry: count 1, delta = the duration.
-  const Mp4Span& stts = seek->tracks[1].timeToSample;
-  ASSERT_EQ(stts.length, 16);
-  EXPECT_EQ(bytes.at(stts.position + 15), uint8_t(96000 & 0xFF));
-  EXPECT_GT(seek->tracks[0].chunkOffsets.length, 0);
 }
 
 }  // namespace
