@@ -141,11 +141,3 @@ def dms(tmp_path):
     for server in started:
         if server.result is None:
             server.stop()
-
-
-@pytest.fixture
-def media_dir(tmp_path):
-    """An empty media folder for a test to fill."""
-    path = tmp_path / "media"
-    path.mkdir()
-    return path

@@ -3,10 +3,12 @@ plus a folder large enough to need several DIDL-Lite pages and a picture of
 more than two 4 MiB pieces; the HTTP rules (ranges, keep-alive, bodies,
 limits and idle timeouts) as a control point meets them."""
 import json
+import os
 import shutil
 import subprocess
 import threading
 import time
+from pathlib import Path
 
 import pytest
 
@@ -15,6 +17,7 @@ from conftest import BUILD, Dms
 from dms_client import Client, browse, browse_raw, by_title, get
 
 MANY = 150  # pictures in one folder: well over one 8 KB page
+PROBE = Path(__file__).with_name("gupnp_probe.py")
 BIG = 9 * 1024 * 1024 + 12345
 
 
@@ -364,3 +367,47 @@ def test_idle_connections_are_dropped(library):
         thread.join()
     assert 4.0 <= results["first"] <= 8.0 and 9.0 <= results["keep-alive"] <= 13.0, results
     assert 1.5 <= results["unterminated"] <= 5.0 and results["replies"] == ["HTTP/1.1 200 OK"] * 2, results
+
+
+def protocol_fields(protocol_info):
+    """The parts of a protocolInfo value a DLNA parser exposes, from our text."""
+    protocol, network, mime, extra = protocol_info.split(":", 3)
+    params = dict(p.split("=", 1) for p in extra.split(";")) if extra != "*" else {}
+    return {"protocol": protocol, "network": network, "mime": mime, "profile": params.get("DLNA.ORG_PN"),
+            "operation": int(params.get("DLNA.ORG_OP", "0"), 16),
+            "conversion": int(params.get("DLNA.ORG_CI", "0")),
+            "flags": int(params.get("DLNA.ORG_FLAGS", "0" * 8)[:8], 16)}
+
+
+def our_walk(port, host):
+    """Every container from "0" down, browsed by our client, in the probe's shape."""
+    browses, pending = {}, ["0"]
+    while pending:
+        object_id = pending.pop(0)
+        _, objects, returned, total, *_ = browse(port, object_id, host=host)
+        assert returned == total == len(objects), object_id
+        found = []
+        for o in objects:
+            entry = {"id": o["id"], "parentID": o["parentID"], "title": o["dc:title"], "class": o["upnp:class"],
+                     "res": [{"uri": r["url"], **protocol_fields(r["protocolInfo"])} for r in o.get("res", [])]}
+            if o["element"] == "container":
+                entry["childCount"] = int(o.get("childCount", -1))
+                pending.append(o["id"])
+            found.append(entry)
+        browses[object_id] = {"objects": found, "total": total}
+    return browses
+
+
+def test_gupnp_av_parses_every_browse_result_like_our_client(library):
+    """A real control-point library reads our Browse output: GUPnP walks the
+    whole tree and GUPnP-AV's DIDL-Lite parser sees what our client sees."""
+    port, host = library[0], os.environ["DMS_NETNS_ADDR"]
+    result = subprocess.run(["/usr/bin/python3", str(PROBE), "browse", "dms0", "10"], capture_output=True, timeout=40)
+    assert result.returncode == 0, result.stderr.decode(errors="replace")
+    theirs, ours = json.loads(result.stdout), our_walk(port, host)
+    assert sorted(theirs) == sorted(ours)
+    for object_id, seen in ours.items():
+        assert theirs[object_id] == seen, object_id
+    items = [o for b in ours.values() for o in b["objects"] if "childCount" not in o]
+    assert {o["class"].split(".")[2] for o in items} >= {"audioItem", "videoItem", "imageItem"}
+    assert all(o["res"][0]["uri"].startswith(f"http://{host}:{port}/mediaitem/") for o in items)

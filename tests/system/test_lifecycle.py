@@ -14,8 +14,8 @@ from dms_client import Client
     ('modelDescription = Plain\nmanufacturer = "Acme"\n', signal.SIGINT, "Acme"),  # the next quotes win
     (None, signal.SIGTERM, "(null)"),  # no file at all
 ])
-def test_signal_stops_promptly_with_both_lines(dms, media_dir, config, sig, label):
-    server = dms(config and config.replace("{media}", str(media_dir)))
+def test_signal_stops_promptly_with_both_lines(dms, tmp_path, config, sig, label):
+    server = dms(config and config.replace("{media}", str(tmp_path)))
     # With a library the server listens; a connection still open does not hold the stop up.
     idle = Client(server.wait_ready()) if label == "Shelf" else None
     time.sleep(0.3)
