@@ -1,6 +1,6 @@
 """The system tests' one HTTP client and control point: raw requests on a
 connection, replies framed by Content-Length or chunks, SOAP actions and
-Browse results parsed into dicts, and the configuration of the test server."""
+Browse results parsed into dicts, and the server's test configuration."""
 import os
 import socket
 import xml.etree.ElementTree as ET
