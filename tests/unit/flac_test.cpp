@@ -44,12 +44,7 @@ TEST(Flac, VorbisCommentsAndDates) {
   EXPECT_EQ(std::tuple(stream.title, stream.artist, stream.album, stream.genre, stream.date),
             std::tuple(std::optional<std::string>("Second"), std::optional<std::string>("Someone"),
                        std::optional<std::string>(std::string(505, 'a')), std::optional<std::string>(), 1243814400));
-  // Only the first 128 comments, and no more than the stated count, are read.
-  std::vector<std::string> many(127, "COMMENT=x");
-  many.push_back("TITLE=128th");
-  many.push_back("ARTIST=129th");
-  stream = PROBE(flacWithComments(many));
-  EXPECT_EQ(std::pair(stream.title, stream.artist), std::pair(std::optional<std::string>("128th"), std::optional<std::string>()));
+  // No more comments than the stated count are read.
   auto block = FlacFixture_Comments({"TITLE=one", "ARTIST=two"});
   block.payload[4 + 11] = 1;  // the count, behind the vendor text
   EXPECT_EQ(PROBE(FlacFixture_File({block})).artist, std::nullopt);
@@ -98,12 +93,6 @@ TEST(Flac, PictureTypesAndLimits) {
 }
 
 TEST(Flac, BlockWalkBounds) {
-  // 31 blocks are read before the 32nd; a 33rd is not.
-  std::vector<FlacFixtureBlock> blocks(31, FlacFixture_Padding(4));
-  blocks.push_back(FlacFixture_Comments({"TITLE=32nd"}));
-  blocks.push_back(FlacFixture_Comments({"ARTIST=33rd"}));
-  MediaStream stream = PROBE(FlacFixture_File(blocks));
-  EXPECT_EQ(std::pair(stream.title, stream.artist), std::pair(std::optional<std::string>("32nd"), std::optional<std::string>()));
   // Nothing behind a block flagged as last, nor a block that does not fit, is read.
   auto bytes = FlacFixture_File({FlacFixture_Padding(4), FlacFixture_Comments({"TITLE=hidden"})});
   bytes[4] |= 0x80;
