@@ -32,10 +32,6 @@ class Reply:
             self.order.append(name)
         self.body, self.sizes = b"", None
 
-    @property
-    def length(self):
-        return int(self.headers["content-length"])
-
 
 class Client:
     """One connection (made, or accepted by a test's own listener)."""
