@@ -1,9 +1,12 @@
 # The two entry points of the project: `make run` and `make check`.
 BUILD      := build
 ASAN_BUILD := build-asan
+COV_BUILD  := build-coverage
+# The product as coverage counts it: everything but tests, tools, fuzz and bench.
+COV_DIRS   := app http upnp ssdp dms media mdns
 JOBS       ?= $(shell nproc)
 
-.PHONY: all build asan run check deps fuzz bench clean
+.PHONY: all build asan run check coverage deps fuzz bench clean
 
 all: build
 
@@ -34,6 +37,19 @@ check: deps build asan
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j 2
 
+# Line and branch coverage of the product by the whole suite (unit tests, fuzz
+# replays, system tests): an instrumented build runs ctest, then gcovr sums
+# the counters of the product folders. The server writes its counters when
+# it returns from main after SIGTERM.
+coverage:
+	cmake -S . -B $(COV_BUILD) -DCMAKE_BUILD_TYPE=Debug -DDMS_COVERAGE=ON >/dev/null
+	cmake --build $(COV_BUILD) -j $(JOBS)
+	find $(COV_BUILD) -name '*.gcda' -delete
+	cd $(COV_BUILD) && ctest --output-on-failure -j 2
+	gcovr --root $(CURDIR) --object-directory $(CURDIR)/$(COV_BUILD) \
+	  $(foreach dir,$(COV_DIRS),--filter '$(CURDIR)/$(dir)/') \
+	  --exclude-throw-branches --print-summary --output /dev/null
+
 # Speed and memory benchmarks: builds every bench/*.cpp in the normal build
 # and runs each one on generated files under /tmp (or BENCH_DIR); then runs
 # every bench/*_bench.py, which start the server (and nginx) on 127.0.0.1,
@@ -58,4 +74,4 @@ fuzz:
 	FUZZ_JOBS=$(FUZZ_JOBS) tools/fuzz-all $(FUZZ_SECONDS)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) build-fuzz
+	rm -rf $(BUILD) $(ASAN_BUILD) $(COV_BUILD) build-fuzz

@@ -9,7 +9,6 @@ port the program listens on, and stop it on request or at the end.
 import os
 import shutil
 import signal
-import socket
 import subprocess
 import time
 from pathlib import Path
@@ -26,31 +25,19 @@ def pytest_configure(config):
             "system tests start servers that multicast: run them through tools/netns-run")
 
 
-def _socket_inodes(pid):
+def listening_tcp_ports(pid):
+    """The TCP ports on which process `pid` listens (IPv4)."""
     inodes = set()
-    fd_dir = Path(f"/proc/{pid}/fd")
-    for fd in fd_dir.iterdir():
+    for fd in Path(f"/proc/{pid}/fd").iterdir():
         try:
             target = os.readlink(fd)
-        except OSError:
+        except OSError:  # closed meanwhile
             continue
         if target.startswith("socket:["):
             inodes.add(target[8:-1])
-    return inodes
-
-
-def listening_tcp_ports(pid):
-    """The TCP ports on which process `pid` listens (IPv4)."""
-    inodes = _socket_inodes(pid)
-    ports = []
     with open("/proc/net/tcp") as table:
-        next(table)
-        for line in table:
-            fields = line.split()
-            local, state, inode = fields[1], fields[3], fields[9]
-            if state == "0A" and inode in inodes:
-                ports.append(int(local.split(":")[1], 16))
-    return sorted(ports)
+        rows = [line.split() for line in list(table)[1:]]
+    return sorted(int(row[1].split(":")[1], 16) for row in rows if row[3] == "0A" and row[9] in inodes)
 
 
 class Process:
@@ -142,24 +129,3 @@ def dms(tmp_path):
     for server in started:
         if server.result is None:
             server.stop()
-
-
-@pytest.fixture
-def media_dir(tmp_path):
-    """An empty media folder for a test to fill."""
-    path = tmp_path / "media"
-    path.mkdir()
-    return path
-
-
-def http_request(port, raw, host="127.0.0.1", timeout=10.0):
-    """Sends raw request bytes and reads until the server closes."""
-    with socket.create_connection((host, port), timeout=timeout) as conn:
-        conn.sendall(raw)
-        chunks = []
-        while True:
-            data = conn.recv(65536)
-            if not data:
-                break
-            chunks.append(data)
-    return b"".join(chunks)

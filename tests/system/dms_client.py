@@ -1,94 +1,157 @@
-"""A small control point for the tests: SOAP actions over raw sockets, the
-chunked framing decoded by hand, and DIDL-Lite results parsed into dicts."""
+"""The system tests' one HTTP client and control point: raw requests on a
+connection, replies framed by Content-Length or chunks, SOAP actions and
+Browse results parsed into dicts, and the server's test configuration."""
+import os
 import socket
 import xml.etree.ElementTree as ET
+from pathlib import Path
 
+from conftest import Dms
+
+MEDIA_SERVER = "urn:schemas-upnp-org:device:MediaServer:1"
 CONTENT_DIRECTORY = "urn:schemas-upnp-org:service:ContentDirectory:1"
+CONNECTION_MANAGER = "urn:schemas-upnp-org:service:ConnectionManager:1"
+XML_TYPE = 'text/xml; charset="utf-8"'
 DIDL = "{urn:schemas-upnp-org:metadata-1-0/DIDL-Lite/}"
 DC = "{http://purl.org/dc/elements/1.1/}"
 UPNP = "{urn:schemas-upnp-org:metadata-1-0/upnp/}"
+CONFIG_VALUES = {"deviceName": "Test DMS & Co", "manufacturer": "ACME <Labs>", "dmsModelName": "DMSModel",
+                 "modelNumber": "1.5", "modelDescription": "Unit 'test' > demo"}
 
 
-def read_reply(conn, expect_body=True):
-    """Reads one HTTP reply: (status line, headers dict, body, chunk sizes)."""
-    data = b""
-    while b"\r\n\r\n" not in data:
-        more = conn.recv(65536)
-        if not more:
-            raise ConnectionError(f"closed after {data!r}")
-        data += more
-    head, _, rest = data.partition(b"\r\n\r\n")
-    lines = head.decode().split("\r\n")
-    headers = {}
-    for line in lines[1:]:
-        name, _, value = line.partition(":")
-        headers[name.strip().lower()] = value.strip()
+class Reply:
+    """One HTTP message: first line, headers (lower-case names; `order` keeps
+    the names as sent), body and, for chunked bodies, the chunk sizes."""
 
-    def need(count):
-        nonlocal rest
-        while len(rest) < count:
-            more = conn.recv(65536)
-            if not more:
-                raise ConnectionError("closed inside the body")
-            rest += more
-
-    if not expect_body:
-        return lines[0], headers, rest, None
-    if headers.get("transfer-encoding") != "chunked":
-        length = int(headers.get("content-length", "0"))
-        need(length)
-        return lines[0], headers, rest[:length], None
-    body, sizes = b"", []
-    while True:
-        while b"\r\n" not in rest:
-            need(len(rest) + 1)
-        size_line, _, rest = rest.partition(b"\r\n")
-        size = int(size_line, 16)
-        sizes.append(size)
-        need(size + 2)
-        assert rest[size:size + 2] == b"\r\n", "chunk not followed by CRLF"
-        body += rest[:size]
-        rest = rest[size + 2:]
-        if size == 0:
-            return lines[0], headers, body, sizes
+    def __init__(self, head):
+        lines = head.decode().split("\r\n")
+        self.head, self.status, self.headers, self.order = head, lines[0], {}, []
+        for line in lines[1:]:
+            name, _, value = line.partition(":")
+            self.headers[name.strip().lower()] = value.strip()
+            self.order.append(name)
+        self.body, self.sizes = b"", None
 
 
-def exchange(port, raw, host="127.0.0.1", expect_body=True):
-    with socket.create_connection((host, port), timeout=10) as conn:
-        conn.sendall(raw)
-        return read_reply(conn, expect_body)
+class Client:
+    """One connection (made, or accepted by a test's own listener)."""
+
+    def __init__(self, port=None, host="127.0.0.1", timeout=10.0, sock=None):
+        self.sock = sock or socket.create_connection((host, port), timeout=timeout)
+        self.sock.settimeout(timeout)
+        self.buffer = b""
+
+    def send(self, raw):
+        self.sock.sendall(raw)
+        return self
+
+    def _fill(self):
+        data = self.sock.recv(1 << 20)
+        if not data:
+            raise EOFError("connection closed")
+        self.buffer += data
+
+    def read_exact(self, count):
+        while len(self.buffer) < count:
+            self._fill()
+        data, self.buffer = self.buffer[:count], self.buffer[count:]
+        return data
+
+    def read_line(self):
+        while b"\r\n" not in self.buffer:
+            self._fill()
+        line, self.buffer = self.buffer.split(b"\r\n", 1)
+        return line
+
+    def reply(self, body=True):
+        while b"\r\n\r\n" not in self.buffer:
+            self._fill()
+        head, self.buffer = self.buffer.split(b"\r\n\r\n", 1)
+        reply = Reply(head)
+        if not body:
+            return reply
+        if reply.headers.get("transfer-encoding") != "chunked":
+            reply.body = self.read_exact(int(reply.headers.get("content-length", "0")))
+            return reply
+        reply.sizes = []
+        while True:
+            size = int(self.read_line(), 16)
+            reply.sizes.append(size)
+            reply.body += self.read_exact(size)
+            assert self.read_exact(2) == b"\r\n", "chunk not followed by CRLF"
+            if size == 0:
+                return reply
+
+    def request(self, method, target, *headers, version="HTTP/1.1", host="Host: test"):
+        """Sends a request (with `host` unless a Host header is given) and reads the reply."""
+        named = host and not any(h.lower().startswith("host:") for h in headers)
+        lines = [f"{method} {target} {version}", *([host] if named else []), *headers]
+        return self.send(("\r\n".join(lines) + "\r\n\r\n").encode()).reply(body=method != "HEAD")
+
+    def get(self, target, *headers, method="GET", version="HTTP/1.1"):
+        return self.request(method, target, *headers, version=version)
+
+    def replies(self):
+        """Every reply until the server closes the connection."""
+        found = []
+        try:
+            while True:
+                found.append(self.reply())
+        except (EOFError, ConnectionResetError):
+            return found
+
+    def closed(self, timeout=3.0):
+        """True when the server ends the connection, sending nothing more, within `timeout`."""
+        self.sock.settimeout(timeout)
+        try:
+            data = self.sock.recv(1 << 16)
+        except ConnectionResetError:
+            return True
+        except socket.timeout:
+            return False
+        assert data == b"", data[:200]
+        return True
+
+    def close(self):
+        self.sock.close()
 
 
-def soap_request(action, arguments, service=CONTENT_DIRECTORY, method="POST", path="/DMS/ContentDirectory/control",
-                 connection="close"):
+def get(port, path, *headers, method="GET", address="127.0.0.1", host="Host: test"):
+    return Client(port, address).request(method, path, *headers, "Connection: close", host=host)
+
+
+def soap(action, arguments, service=CONTENT_DIRECTORY, method="POST"):
     inner = "".join(f"<{name}>{value}</{name}>" for name, value in arguments)
     body = ('<?xml version="1.0"?><s:Envelope xmlns:s="http://schemas.xmlsoap.org/soap/envelope/" '
             's:encodingStyle="http://schemas.xmlsoap.org/soap/encoding/"><s:Body>'
             f'<u:{action} xmlns:u="{service}">{inner}</u:{action}></s:Body></s:Envelope>').encode()
-    head = (f"{method} {path} HTTP/1.1\r\nHost: test\r\nContent-Type: text/xml; charset=\"utf-8\"\r\n"
-            f"SOAPACTION: \"{service}#{action}\"\r\nContent-Length: {len(body)}\r\nConnection: {connection}\r\n\r\n")
+    path = "/DMS/" + service.split(":")[-2] + "/control"
+    head = (f"{method} {path} HTTP/1.1\r\nHost: test\r\nContent-Type: {XML_TYPE}\r\n"
+            f"SOAPACTION: \"{service}#{action}\"\r\nContent-Length: {len(body)}\r\nConnection: close\r\n\r\n")
     return head.encode() + body
 
 
+def action(port, name, service=CONTENT_DIRECTORY, arguments=(), method="POST", host="127.0.0.1"):
+    return Client(port, host).send(soap(name, arguments, service, method)).reply(body=method != "HEAD")
+
+
 def browse_raw(port, object_id, flag="BrowseDirectChildren", filt="*", start=0, count=0, method="POST",
-               extra=None, host="127.0.0.1"):
-    arguments = [("ObjectID", object_id), ("BrowseFlag", flag), ("Filter", filt),
-                 ("StartingIndex", start), ("RequestedCount", count), ("SortCriteria", "")]
-    return exchange(port, soap_request("Browse", extra if extra is not None else arguments, method=method),
-                    host=host, expect_body=method != "HEAD")
+               arguments=None, host="127.0.0.1"):
+    if arguments is None:
+        arguments = [("ObjectID", object_id), ("BrowseFlag", flag), ("Filter", filt),
+                     ("StartingIndex", start), ("RequestedCount", count), ("SortCriteria", "")]
+    return action(port, "Browse", arguments=arguments, method=method, host=host)
 
 
 def browse(port, object_id, **kwargs):
     """Browse result: (didl text, objects, NumberReturned, TotalMatches, UpdateID, chunk sizes)."""
-    status, headers, body, sizes = browse_raw(port, object_id, **kwargs)
-    assert status == "HTTP/1.1 200 OK", (status, body)
-    envelope = ET.fromstring(body)
-    response = envelope.find(".//{%s}BrowseResponse" % CONTENT_DIRECTORY)
+    reply = browse_raw(port, object_id, **kwargs)
+    assert reply.status == "HTTP/1.1 200 OK", (reply.status, reply.body)
+    response = ET.fromstring(reply.body).find(".//{%s}BrowseResponse" % CONTENT_DIRECTORY)
     values = {child.tag: child.text or "" for child in response}
-    didl = values["Result"]
-    objects = [didl_object(node) for node in ET.fromstring(didl)]
-    return (didl, objects, int(values["NumberReturned"]), int(values["TotalMatches"]),
-            int(values["UpdateID"]), sizes)
+    objects = [didl_object(node) for node in ET.fromstring(values["Result"])]
+    return (values["Result"], objects, int(values["NumberReturned"]), int(values["TotalMatches"]),
+            int(values["UpdateID"]), reply.sizes)
 
 
 def didl_object(node):
@@ -108,6 +171,26 @@ def by_title(objects, title):
     return matches[0]
 
 
-def get(port, path, headers=("Host: test",), method="GET", host="127.0.0.1"):
-    lines = [f"{method} {path} HTTP/1.1", *headers, "Connection: close"]
-    return exchange(port, ("\r\n".join(lines) + "\r\n\r\n").encode(), host, expect_body=method != "HEAD")
+def config_text(media_path):
+    lines = [f'path = "{media_path}"', 'refreshInterval = "30"']
+    return "\n".join(lines + [f'{key} = "{value}"' for key, value in CONFIG_VALUES.items()]) + "\n"
+
+
+def start_server(folder):
+    """A server in `folder` with the test configuration and an empty library."""
+    media = folder / "media"
+    media.mkdir(parents=True, exist_ok=True)
+    server = Dms(folder / "server", config_text(media))
+    server.wait_ready()
+    return server
+
+
+def udn():
+    """"DMS", three zero bytes, 0x10 0 0x80 0, then the MAC of the first interface."""
+    mac = Path("/sys/class/net/dms0/address").read_text().strip().replace(":", "").upper()
+    return f"444D5300-0000-1000-8000-{mac}"
+
+
+def server_token():
+    system = os.uname()
+    return f"{system.sysname}/{system.release} UPnP/1.0 {CONFIG_VALUES['dmsModelName']}/{CONFIG_VALUES['modelNumber']}"

@@ -8,6 +8,10 @@ state variable names. Exits 1 when nothing was found in time.
 `gupnp_probe.py browse IFACE SECONDS` waits for a ContentDirectory service
 proxy, walks the whole tree from "0" through its Browse action, parses every
 Result with GUPnP-AV's DIDL-Lite parser and prints what that parser saw.
+`gupnp_probe.py events IFACE SECONDS PORT COUNT` subscribes to the
+ContentDirectory of the MediaServer whose description is served on PORT and
+prints one JSON line per SystemUpdateID value GUPnP delivers; it exits 0
+after COUNT values.
 """
 import json
 import sys
@@ -143,8 +147,33 @@ def walk_tree(interface, seconds):
     return 0
 
 
-MODES = {"ssdp": browse_ssdp, "device": introspect_device, "browse": walk_tree}
+def watch_events(interface, seconds, port, count):
+    loop = GLib.MainLoop()
+    context = GUPnP.Context.new_full(interface, None, 0, GSSDP.UDAVersion.VERSION_1_0)
+    control_point = GUPnP.ControlPoint.new(context, MEDIA_SERVER)
+    state = {"proxy": None, "values": 0}
+
+    def notified(_proxy, variable, value):
+        print(json.dumps({variable: value}), flush=True)
+        state["values"] += 1
+        if state["values"] >= int(count):
+            loop.quit()
+
+    def available(_control_point, device):
+        if state["proxy"] or f":{port}/" not in device.get_location():
+            return
+        state["proxy"] = device.get_service(CONTENT_DIRECTORY)
+        state["proxy"].add_notify("SystemUpdateID", GObject.TYPE_UINT, notified)
+        state["proxy"].set_subscribed(True)
+
+    control_point.connect("device-proxy-available", available)
+    control_point.set_active(True)
+    GLib.timeout_add_seconds(seconds, loop.quit)
+    loop.run()
+    return 0 if state["values"] >= int(count) else 1
+
+
+MODES = {"ssdp": browse_ssdp, "device": introspect_device, "browse": walk_tree, "events": watch_events}
 
 if __name__ == "__main__":
-    mode, interface, seconds = sys.argv[1], sys.argv[2], int(sys.argv[3])
-    sys.exit(MODES[mode](interface, seconds))
+    sys.exit(MODES[sys.argv[1]](sys.argv[2], int(sys.argv[3]), *sys.argv[4:]))

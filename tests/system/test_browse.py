@@ -1,16 +1,24 @@
 """Browse and media transfer through the running server, on the demo library
-plus a folder large enough to need several DIDL-Lite pages."""
+plus a folder large enough to need several DIDL-Lite pages and a picture of
+more than two 4 MiB pieces; the HTTP rules (ranges, keep-alive, bodies,
+limits and idle timeouts) as a control point meets them."""
 import json
+import os
 import shutil
 import subprocess
+import threading
 import time
+from pathlib import Path
 
 import pytest
 
+import dms_client
 from conftest import BUILD, Dms
-from dms_client import browse, browse_raw, by_title, get
+from dms_client import Client, browse, browse_raw, by_title, get
 
 MANY = 150  # pictures in one folder: well over one 8 KB page
+PROBE = Path(__file__).with_name("gupnp_probe.py")
+BIG = 9 * 1024 * 1024 + 12345
 
 
 @pytest.fixture(scope="module")
@@ -22,6 +30,8 @@ def library(tmp_path_factory):
     many.mkdir()
     for index in range(MANY):
         shutil.copy(media / "Pictures" / "Stripes.gif", many / f"picture number {index:03d} with a long name.gif")
+    stripes = (media / "Pictures" / "Stripes.gif").read_bytes()
+    (media / "Big.gif").write_bytes(stripes + bytes(range(251)) * ((BIG - len(stripes)) // 251) + b"." * ((BIG - len(stripes)) % 251))
     server = Dms(root / "server", f'path = "{media}"\ndmsModelName = "Model"\nmodelNumber = "7"\n')
     port = server.wait_ready()
     deadline = time.monotonic() + 20
@@ -52,16 +62,11 @@ def test_fixed_tree_exact_didl_with_full_and_empty_filters(library):
     assert didl == head + expected + "</DIDL-Lite>"
     assert (returned, total) == (4, 4)
 
-    didl, *_ = browse(port, "0.4", filt="*")
-    views = [("0.10", "All Music", "object.container", 5), ("0.11", "Artists", "object.container.person.musicArtist", 2),
-             ("0.12", "Albums", "object.container.album.musicAlbum", 2),
-             ("0.13", "Genres", "object.container.genre.musicGenre", 4)]
-    for view_id, title, view_class, _ in views:
-        assert (f'<container id="{view_id}" parentID="0.4"  restricted="0" childCount="'
-                in didl), didl
-        assert f"<upnp:class>{view_class}</upnp:class><dc:title>{title}</dc:title></container>" in didl
-    music = {o["dc:title"]: o for o in browse(port, "0.4")[1]}
-    assert [music[t]["childCount"] for t, *_ in [(v[1],) for v in views]] == [str(v[3]) for v in views]
+    views = [(o["id"], o["parentID"], o["dc:title"], o["upnp:class"], o["childCount"]) for o in browse(port, "0.4")[1]]
+    assert views == [("0.10", "0.4", "All Music", "object.container", "5"),
+                     ("0.11", "0.4", "Artists", "object.container.person.musicArtist", "2"),
+                     ("0.12", "0.4", "Albums", "object.container.album.musicAlbum", "2"),
+                     ("0.13", "0.4", "Genres", "object.container.genre.musicGenre", "4")]
 
 
 def test_metadata_versus_children_and_items(library):
@@ -107,14 +112,14 @@ def test_unknown_object_is_an_empty_success(library):
     {"flag": "BrowseEverything"},
     {"start": "1234567890"},
     {"count": "ten"},
-    {"extra": [("ObjectID", "0"), ("BrowseFlag", "BrowseMetadata"), ("Filter", "*"),
+    {"arguments": [("ObjectID", "0"), ("BrowseFlag", "BrowseMetadata"), ("Filter", "*"),
                ("StartingIndex", "0"), ("RequestedCount", "0")]},
 ])
 def test_bad_arguments_give_fault_720(library, arguments):
     port, _ = library
-    status, headers, body, _ = browse_raw(port, arguments.pop("object_id", "0"), **arguments)
-    assert status == "HTTP/1.1 500 Internal Server Error"
-    assert b"<errorCode>720</errorCode>" in body and b"Cannot Process the Request" in body
+    reply = browse_raw(port, arguments.pop("object_id", "0"), **arguments)
+    assert reply.status == "HTTP/1.1 500 Internal Server Error"
+    assert b"<errorCode>720</errorCode>" in reply.body and b"Cannot Process the Request" in reply.body
 
 
 # A real client's Filter: 37 properties, 545 characters. Filters up to 255
@@ -133,20 +138,23 @@ LONG_CLIENT_FILTER = ",".join([
 @pytest.mark.parametrize("length, answered", [(255, True), (256, False), (545, False)])
 def test_filter_length_boundary_met_by_a_long_client_filter(library, length, answered):
     port, _ = library
-    status, _, body, _ = browse_raw(port, "0", filt=LONG_CLIENT_FILTER[:length])
+    reply = browse_raw(port, "0", filt=LONG_CLIENT_FILTER[:length])
     if answered:
-        assert status == "HTTP/1.1 200 OK" and b"<NumberReturned>4</NumberReturned>" in body
+        assert reply.status == "HTTP/1.1 200 OK" and b"<NumberReturned>4</NumberReturned>" in reply.body
     else:
-        assert status == "HTTP/1.1 500 Internal Server Error" and b"<errorCode>720</errorCode>" in body
+        assert reply.status == "HTTP/1.1 500 Internal Server Error" and b"<errorCode>720</errorCode>" in reply.body
 
 
 def test_head_gets_only_the_header(library):
     port, _ = library
-    status, headers, rest, _ = browse_raw(port, "0", method="HEAD")
-    assert status == "HTTP/1.1 200 OK"
-    assert headers["transfer-encoding"] == "chunked" and "ext" in headers
-    assert headers["server"].endswith("UPnP/1.0 Model/7")
-    assert rest == b""
+    client = dms_client.Client(port)
+    arguments = [("ObjectID", "0"), ("BrowseFlag", "BrowseMetadata"), ("Filter", "*"), ("StartingIndex", 0),
+                 ("RequestedCount", 0), ("SortCriteria", "")]
+    reply = client.send(dms_client.soap("Browse", arguments, method="HEAD")).reply(body=False)
+    assert reply.status == "HTTP/1.1 200 OK"
+    assert reply.headers["transfer-encoding"] == "chunked" and "ext" in reply.headers
+    assert reply.headers["server"].endswith("UPnP/1.0 Model/7")
+    assert client.buffer == b"" and client.closed()
 
 
 def test_categorised_views(library):
@@ -180,14 +188,13 @@ def test_item_rendering_and_thumbnail_of_an_mp3(library):
     assert thumb_res["url"] == item["upnp:albumArtURI"] == f"http://127.0.0.1:{port}/thumbnail/{item['id']}"
 
     _, picture = cover_bytes(media, "Music/Demo Artist/Demo Album/01 Demo Song.mp3")
-    status, headers, body, _ = get(port, f"/thumbnail/{item['id']}")
-    assert status == "HTTP/1.1 200 OK" and body == picture
-    assert headers["content-type"] == "image/jpeg"
-    assert headers["transfermode.dlna.org"] == "Interactive"
-    assert headers["contentfeatures.dlna.org"] == "DLNA.ORG_PN=JPEG_TN;DLNA.ORG_OP=01;DLNA.ORG_CI=1"
-    status, headers, body, _ = get(port, f"/thumbnail/{item['id']}", ("Host: test", "Range: bytes=0-99"))
-    assert status == "HTTP/1.1 206 Partial Content"
-    assert headers["content-range"] == f"bytes 0-99/{len(picture)}" and body == picture[:100]
+    reply = get(port, f"/thumbnail/{item['id']}")
+    assert (reply.status, reply.body, reply.headers["content-type"], reply.headers["transfermode.dlna.org"],
+            reply.headers["contentfeatures.dlna.org"]) == ("HTTP/1.1 200 OK", picture, "image/jpeg", "Interactive",
+                                                           "DLNA.ORG_PN=JPEG_TN;DLNA.ORG_OP=01;DLNA.ORG_CI=1")
+    reply = get(port, f"/thumbnail/{item['id']}", "Range: bytes=0-99")
+    assert (reply.status, reply.headers["content-range"], reply.body) == \
+        ("HTTP/1.1 206 Partial Content", f"bytes 0-99/{len(picture)}", picture[:100])
 
 
 def test_media_transfer_rules(library):
@@ -195,36 +202,35 @@ def test_media_transfer_rules(library):
     song = media_item(port, "Tone")
     path = f"/mediaitem/{song['id']}"
     wav = (media / "Music/Demo Artist/tone.wav").read_bytes()
-    status, headers, body, _ = get(port, path)
-    assert status == "HTTP/1.1 200 OK" and body == wav
-    assert headers["content-type"] == "audio/wave" and headers["accept-ranges"] == "bytes"
-    assert headers["transfermode.dlna.org"] == "Streaming"
-    assert headers["contentfeatures.dlna.org"] == "DLNA.ORG_OP=01"
-    status, headers, body, _ = get(port, path, ("Host: test", "Range: bytes=10-19"))
-    assert status == "HTTP/1.1 206 Partial Content" and body == wav[10:20]
-    status, headers, body, _ = get(port, path, method="HEAD")
-    assert status == "HTTP/1.1 200 OK" and headers["content-length"] == str(len(wav)) and body == b""
+    reply = get(port, path)
+    assert (reply.status, reply.body, reply.headers["content-type"], reply.headers["accept-ranges"],
+            reply.headers["transfermode.dlna.org"], reply.headers["contentfeatures.dlna.org"]) == \
+        ("HTTP/1.1 200 OK", wav, "audio/wave", "bytes", "Streaming", "DLNA.ORG_OP=01")
+    reply = get(port, path, "Range: bytes=10-19")
+    assert (reply.status, reply.body) == ("HTTP/1.1 206 Partial Content", wav[10:20])
+    reply = get(port, path, method="HEAD")
+    assert (reply.status, reply.headers["content-length"]) == ("HTTP/1.1 200 OK", str(len(wav)))
 
     picture = media_item(port, "Demo Gradient", "0.30")["id"]
     cases = [
-        (path, ("Host: test", "transferMode.dlna.org: Interactive"), "406 Not Acceptable"),
-        (path, ("Host: test", "transferMode.dlna.org: background"), "200 OK"),
-        (path, ("Host: test", "timeSeekRange.dlna.org: npt=0-"), "406 Not Acceptable"),
-        (path, (), "400 Bad Request"),
-        (path, ("Host: test", "getContentFeatures.dlna.org: 1"), "200 OK"),
-        (path, ("Host: test", "getContentFeatures.dlna.org: 2"), "400 Bad Request"),
-        (f"/mediaitem/{picture}", ("Host: test", "transferMode.dlna.org: Interactive"), "200 OK"),
-        (f"/mediaitem/{picture}", ("Host: test", "transferMode.dlna.org: Streaming"), "406 Not Acceptable"),
-        (f"/thumbnail/{song['id']}", ("Host: test",), "404 Not Found"),  # no embedded picture
-        ("/mediaitem/0.3", ("Host: test",), "404 Not Found"),
-        ("/mediaitem/abc", ("Host: test",), "404 Not Found"),
-        (f"/mediaitems/{song['id']}", ("Host: test",), "400 Bad Request"),  # not ours: the device answers
+        (path, ("transferMode.dlna.org: Interactive",), "406 Not Acceptable"),
+        (path, ("transferMode.dlna.org: background",), "200 OK"),
+        (path, ("timeSeekRange.dlna.org: npt=0-",), "406 Not Acceptable"),
+        (path, ("getContentFeatures.dlna.org: 1",), "200 OK"),
+        (path, ("getContentFeatures.dlna.org: 2",), "400 Bad Request"),
+        (f"/mediaitem/{picture}", ("transferMode.dlna.org: Interactive",), "200 OK"),
+        (f"/mediaitem/{picture}", ("transferMode.dlna.org: Streaming",), "406 Not Acceptable"),
+        (f"/thumbnail/{song['id']}", (), "404 Not Found"),  # no embedded picture
+        ("/mediaitem/0.3", (), "404 Not Found"),
+        ("/mediaitem/abc", (), "404 Not Found"),
+        (f"/mediaitems/{song['id']}", (), "400 Bad Request"),  # not ours: the device answers
     ]
     for target, headers, expected in cases:
-        status, reply_headers, body, _ = get(port, target, headers)
-        assert status == f"HTTP/1.1 {expected}", (target, headers)
+        reply = get(port, target, *headers)
+        assert reply.status == f"HTTP/1.1 {expected}", (target, headers)
         if expected != "200 OK":
-            assert reply_headers["content-length"] == "0" and body == b""
+            assert reply.headers["content-length"] == "0" and reply.body == b""
+    assert get(port, path, host=None).status == "HTTP/1.1 400 Bad Request"  # no Host header
 
 
 def cover_bytes(media, relative):
@@ -244,10 +250,9 @@ def test_embedded_pictures_are_served_as_thumbnails(library, view, title, relati
     probe, picture = cover_bytes(media, relative)
     candidates = [o for o in browse(port, view)[1] if o["dc:title"] == title and "upnp:albumArtURI" in o]
     assert len(candidates) == 1
-    status, headers, body, _ = get(port, "/thumbnail/" + candidates[0]["upnp:albumArtURI"].rsplit("/", 1)[1])
-    assert status == "HTTP/1.1 200 OK"
-    assert body == picture and body.startswith(b"\xff\xd8")
-    assert headers["content-type"] == probe["coverMimeType"] == "image/jpeg"
+    reply = get(port, "/thumbnail/" + candidates[0]["upnp:albumArtURI"].rsplit("/", 1)[1])
+    assert (reply.status, reply.body[:2], reply.headers["content-type"]) == ("HTTP/1.1 200 OK", b"\xff\xd8", "image/jpeg")
+    assert reply.body == picture and probe["coverMimeType"] == "image/jpeg"
 
 
 def test_photo_video_and_matroska_metadata(library):
@@ -264,11 +269,163 @@ def test_photo_video_and_matroska_metadata(library):
     item = browse(port, mp4[0]["refID"], flag="BrowseMetadata")[1][0]
     assert item["upnp:class"] == "object.item.videoItem"
     data = (media / "Videos/Demo Clip.mp4").read_bytes()
-    status, headers, body, _ = get(port, f"/mediaitem/{item['id']}", ("Host: test", "Range: bytes=8-"))
-    assert status == "HTTP/1.1 206 Partial Content"
-    assert headers["content-range"] == f"bytes 8-{len(data) - 1}/{len(data)}" and body == data[8:]
+    reply = get(port, f"/mediaitem/{item['id']}", "Range: bytes=8-")
+    assert (reply.status, reply.headers["content-range"], reply.body) == \
+        ("HTTP/1.1 206 Partial Content", f"bytes 8-{len(data) - 1}/{len(data)}", data[8:])
 
     mka = media_item(port, "Night Drive")
     assert mka["res"][0]["protocolInfo"] == "http-get:*:audio/x-matroska:DLNA.ORG_OP=01"
     mkv = [v for v in videos if v["dc:title"] == "Demo Clip" and "x-matroska" in v["res"][0]["protocolInfo"]][0]
     assert mkv["res"][0]["duration"] == "0:00:12.500000"
+
+
+def test_ranges_of_a_file_and_of_a_cover_inside_one(library):
+    port, media = library
+    data = (media / "Music/Demo Artist/tone.wav").read_bytes()
+    size, path = len(data), f"/mediaitem/{media_item(port, 'Tone')['id']}"
+    whole, partial = "200 OK", "206 Partial Content"
+    cases = [
+        (None, whole, None, data), ("bytes=100-", partial, f"bytes 100-{size - 1}/{size}", data[100:]),
+        ("bytes=0-0", partial, f"bytes 0-0/{size}", data[:1]),
+        (f"bytes=500-{size * 5}", partial, f"bytes 500-{size - 1}/{size}", data[500:]),
+        (f"bytes={size}-", whole, None, b""), (f"bytes={size + 1}-", "416 Requested Range Not Satisfiable", None, b""),
+        ("bytes=-500", "400 Bad Request", None, b""), ("bytes=9-3", "400 Bad Request", None, b""),
+        ("bytes=", partial, f"bytes 0-{size - 1}/{size}", data),
+        ("bytes=10-19,30-39", partial, f"bytes 10-19/{size}", data[10:20]),
+        ("bytes=0-9223372036854775807", partial, f"bytes 0-{size - 1}/{size}", data),
+    ]
+    for value, status, content_range, body in cases:
+        reply = get(port, path, *([f"Range: {value}"] if value is not None else []))
+        assert (reply.status, reply.headers.get("content-range"), reply.body) == \
+            ("HTTP/1.1 " + status, content_range, body), value
+    # A cover is a region of its file, and the region is the resource.
+    mp3 = [o for o in browse(port, "0.10")[1] if o["res"][0]["protocolInfo"].startswith("http-get:*:audio/mpeg")][0]
+    _, picture = cover_bytes(media, "Music/Demo Artist/Demo Album/01 Demo Song.mp3")
+    n, path = len(picture), f"/thumbnail/{mp3['refID']}"
+    for value, status, body in ((f"bytes={n - 10}-", partial, picture[-10:]), (f"bytes={n}-", whole, b""),
+                                (f"bytes={n + 1}-", "416 Requested Range Not Satisfiable", b"")):
+        reply = get(port, path, f"Range: {value}")
+        assert (reply.status, reply.body) == ("HTTP/1.1 " + status, body), value
+    # HEAD sends the same header lines (the date aside) without the body.
+    client = Client(port)
+    for target in (path, f"/mediaitem/{media_item(port, 'Tone')['id']}"):
+        head, full = client.get(target, "Range: bytes=1-", method="HEAD"), client.get(target, "Range: bytes=1-")
+        head.headers.pop("date", None), full.headers.pop("date", None)
+        assert (head.status, head.order, head.headers) == (full.status, full.order, full.headers) and full.body
+
+
+def test_bodies_in_pieces_and_slow_clients(library):
+    port, _ = library
+    [big] = [o for o in browse(port, "0.1")[1] if o["element"] == "item" and o["res"][0].get("size") == str(BIG)]
+    data = (library[1] / "Big.gif").read_bytes()
+    client = Client(port, timeout=30)
+    path = "/" + big["res"][0]["url"].split("/", 3)[3]
+    assert client.get(path).body == data
+    start, end = 4 * 1024 * 1024 - 100, 8 * 1024 * 1024 + 100
+    reply = client.get(path, f"Range: bytes={start}-{end}")
+    assert (reply.headers["content-range"], reply.body) == (f"bytes {start}-{end}/{BIG}", data[start:end + 1])
+    # Twenty connections in the middle of their headers hold nobody up.
+    slow = [Client(port).send(b"GET /DMS/Device HTTP/1.1\r\n") for _ in range(20)]
+    assert get(port, "/DMS/Device").status == "HTTP/1.1 200 OK"
+    assert [c.send(b"Host: x\r\n\r\n").reply().status for c in slow] == ["HTTP/1.1 200 OK"] * 20
+
+
+def test_keep_alive_continue_and_header_limit(library):
+    port, _ = library
+    old = Client(port)
+    assert (old.get("/DMS/Device", version="HTTP/1.0").headers["connection"], old.closed()) == ("close", True)
+    kept = Client(port)
+    assert kept.get("/DMS/Device", "Connection: Keep-Alive", version="HTTP/1.0").headers["connection"] == "keep-alive"
+    assert (kept.get("/DMS/Device", version="HTTP/1.0").headers["connection"], kept.closed()) == ("close", True)
+    # Two requests in one segment: the header reader takes exactly one block at a time.
+    pipelined = Client(port).send(b"GET /DMS/Device HTTP/1.1\r\n\r\nGET /DMS/Device HTTP/1.1\r\nConnection: close\r\n\r\n")
+    assert [r.status for r in pipelined.replies()] == ["HTTP/1.1 200 OK"] * 2
+    # No version at all is answered (the device writes HTTP/1.1), and the connection closes.
+    bare = Client(port).send(b"GET /DMS/Device\r\n\r\n")
+    assert (bare.reply().status, bare.closed()) == ("HTTP/1.1 200 OK", True)
+
+    head, body = dms_client.soap("GetSystemUpdateID", []).split(b"\r\n\r\n", 1)
+    client = Client(port).send(head.replace(b"HTTP/1.1", b"HTTP/1.0") + b"\r\nExpect: 100-continue\r\n\r\n")
+    assert client.read_exact(25) == b"HTTP/1.1 100 Continue\r\n\r\n"
+    reply = client.send(body).reply()
+    assert reply.status == "HTTP/1.1 200 OK" and b"<Id>" in reply.body
+
+    def block(size):
+        start = b"GET /DMS/Device HTTP/1.1\r\nX-Pad: "
+        return start + b"x" * (size - len(start) - 4) + b"\r\n\r\n"
+    assert Client(port).send(block(8192)).reply().status == "HTTP/1.1 200 OK"
+    assert all(Client(port).send(block(size)).closed() for size in (8193, 20000))
+
+
+def test_idle_connections_are_dropped(library):
+    """Waits run in parallel; each result is the time until the server closed."""
+    port, results = library[0], {}
+
+    def wait_after(name, target=None):
+        client = Client(port, timeout=20)
+        if target:
+            client.get(target)
+        start = time.monotonic()
+        assert client.closed(timeout=20)
+        results[name] = time.monotonic() - start
+
+    def unterminated_block():
+        # A block that stops without its blank line is parsed as it stands
+        # after a pause, and answered again on every pass since it stays unread.
+        client, start = Client(port, timeout=20).send(b"GET /DMS/Device HTTP/1.1\r\nHost: x"), time.monotonic()
+        first = client.reply()
+        results["unterminated"] = time.monotonic() - start
+        results["replies"] = [first.status, client.reply().status]
+
+    threads = [threading.Thread(target=wait_after, args=args) for args in (("first",), ("keep-alive", "/DMS/Device"))]
+    threads.append(threading.Thread(target=unterminated_block))
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert 4.0 <= results["first"] <= 8.0 and 9.0 <= results["keep-alive"] <= 13.0, results
+    assert 1.5 <= results["unterminated"] <= 5.0 and results["replies"] == ["HTTP/1.1 200 OK"] * 2, results
+
+
+def protocol_fields(protocol_info):
+    """The parts of a protocolInfo value a DLNA parser exposes, from our text."""
+    protocol, network, mime, extra = protocol_info.split(":", 3)
+    params = dict(p.split("=", 1) for p in extra.split(";")) if extra != "*" else {}
+    return {"protocol": protocol, "network": network, "mime": mime, "profile": params.get("DLNA.ORG_PN"),
+            "operation": int(params.get("DLNA.ORG_OP", "0"), 16),
+            "conversion": int(params.get("DLNA.ORG_CI", "0")),
+            "flags": int(params.get("DLNA.ORG_FLAGS", "0" * 8)[:8], 16)}
+
+
+def our_walk(port, host):
+    """Every container from "0" down, browsed by our client, in the probe's shape."""
+    browses, pending = {}, ["0"]
+    while pending:
+        object_id = pending.pop(0)
+        _, objects, returned, total, *_ = browse(port, object_id, host=host)
+        assert returned == total == len(objects), object_id
+        found = []
+        for o in objects:
+            entry = {"id": o["id"], "parentID": o["parentID"], "title": o["dc:title"], "class": o["upnp:class"],
+                     "res": [{"uri": r["url"], **protocol_fields(r["protocolInfo"])} for r in o.get("res", [])]}
+            if o["element"] == "container":
+                entry["childCount"] = int(o.get("childCount", -1))
+                pending.append(o["id"])
+            found.append(entry)
+        browses[object_id] = {"objects": found, "total": total}
+    return browses
+
+
+def test_gupnp_av_parses_every_browse_result_like_our_client(library):
+    """A real control-point library reads our Browse output: GUPnP walks the
+    whole tree and GUPnP-AV's DIDL-Lite parser sees what our client sees."""
+    port, host = library[0], os.environ["DMS_NETNS_ADDR"]
+    result = subprocess.run(["/usr/bin/python3", str(PROBE), "browse", "dms0", "10"], capture_output=True, timeout=40)
+    assert result.returncode == 0, result.stderr.decode(errors="replace")
+    theirs, ours = json.loads(result.stdout), our_walk(port, host)
+    assert sorted(theirs) == sorted(ours)
+    for object_id, seen in ours.items():
+        assert theirs[object_id] == seen, object_id
+    items = [o for b in ours.values() for o in b["objects"] if "childCount" not in o]
+    assert {o["class"].split(".")[2] for o in items} >= {"audioItem", "videoItem", "imageItem"}
+    assert all(o["res"][0]["uri"].startswith(f"http://{host}:{port}/mediaitem/") for o in items)

@@ -21,17 +21,16 @@ from pathlib import Path
 
 import pytest
 
-import dms_device
+import dms_client
 from conftest import BUILD
-from dms_client import browse, exchange, get, soap_request
-from dms_device import CONNECTION_MANAGER, CONTENT_DIRECTORY, XML_TYPE
+from dms_client import CONNECTION_MANAGER, CONTENT_DIRECTORY, XML_TYPE, Client, action, browse, get
 
 CD_EVENT = "/DMS/ContentDirectory/event"
 CM_EVENT = "/DMS/ConnectionManager/event"
 BLACKHOLE = "10.77.0.3"  # on the namespace's link, but nobody answers there
 CHANGE_DEADLINE = 50.0  # seconds after start; the second refresh pass comes at about 40 s
 EVENT_WAIT = 3.0
-PROBE = Path(__file__).with_name("gupnp_events.py")
+PROBE = Path(__file__).with_name("gupnp_probe.py")
 SOURCE_PROTOCOLS = (
     "http-get:*:image/jpeg:DLNA.ORG_PN=JPEG_TN;DLNA.ORG_OP=01;DLNA.ORG_CI=1,http-get:*:image/jpeg:*,"
     "http-get:*:image/png:*,http-get:*:image/tiff:*,http-get:*:image/gif:*,http-get:*:audio/flac:*,"
@@ -78,30 +77,15 @@ class NotifySink(Listener):
         threading.Thread(target=self._serve, args=(conn,), daemon=True).start()
 
     def _serve(self, conn):
-        with conn:
-            conn.settimeout(5)
-            data = b""
-            try:
-                while b"\r\n\r\n" not in data:
-                    more = conn.recv(4096)
-                    if not more:
-                        return
-                    data += more
-                head, _, body = data.partition(b"\r\n\r\n")
-                headers = {}
-                for line in head.decode().split("\r\n")[1:]:
-                    name, _, value = line.partition(":")
-                    headers[name.strip().lower()] = value.strip()
-                while len(body) < int(headers.get("content-length", "0")):
-                    more = conn.recv(4096)
-                    if not more:
-                        break
-                    body += more
-                conn.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n")
-            except OSError:
-                return
+        try:
+            event = Client(sock=conn, timeout=5).reply()
+            conn.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n")
+        except (OSError, EOFError):
+            return
+        finally:
+            conn.close()
         with self.changed:
-            self.events.append({"head": head.decode(), "headers": headers, "body": body})
+            self.events.append(event)
             self.changed.notify_all()
 
     def wait(self, sid, count, timeout=EVENT_WAIT):
@@ -109,7 +93,7 @@ class NotifySink(Listener):
         deadline = time.monotonic() + timeout
         with self.changed:
             while True:
-                found = [e for e in self.events if e["headers"].get("sid") == "uuid:" + sid]
+                found = [e for e in self.events if e.headers.get("sid") == "uuid:" + sid]
                 left = deadline - time.monotonic()
                 if len(found) >= count or left <= 0:
                     return found
@@ -138,9 +122,8 @@ class SilentListener(Listener):
 
 
 def event_request(port, method, path, *headers):
-    lines = [f"{method} {path} HTTP/1.1", f"Host: {address()}:{port}", *headers, "Connection: close"]
-    status, reply_headers, body, _ = exchange(port, ("\r\n".join(lines) + "\r\n\r\n").encode())
-    return status, reply_headers, body
+    reply = Client(port).request(method, path, f"Host: {address()}:{port}", *headers, "Connection: close")
+    return reply.status, reply.headers, reply.body
 
 
 def subscribe(port, path, callback):
@@ -170,13 +153,7 @@ CONNECTION_MANAGER_EVENT = property_set(("CurrentConnectionIDs", "0"), ("SourceP
 def notify_head(path, port, body, sid, seq):
     return (f"NOTIFY {path} HTTP/1.1\r\nHost: {address()}:{port}\r\n"
             f'Content-Type: text/xml; charset="utf-8"\r\nContent-Length: {len(body)}\r\nConnection: close\r\n'
-            f"NT: upnp:event\r\nNTS: upnp:propchange\r\nSID: uuid:{sid}\r\nSEQ: {seq}")
-
-
-def action(port, name, service=CONTENT_DIRECTORY, arguments=()):
-    short = "ContentDirectory" if service == CONTENT_DIRECTORY else "ConnectionManager"
-    raw = soap_request(name, arguments, service=service, path=f"/DMS/{short}/control")
-    return exchange(port, raw)
+            f"NT: upnp:event\r\nNTS: upnp:propchange\r\nSID: uuid:{sid}\r\nSEQ: {seq}").encode()
 
 
 def envelope(name, service, outputs):
@@ -189,9 +166,9 @@ def envelope(name, service, outputs):
 
 
 def system_update_id(port):
-    status, _, body, _ = action(port, "GetSystemUpdateID")
-    assert status == "HTTP/1.1 200 OK"
-    return re.search(rb"<Id>(\d+)</Id>", body).group(1).decode()
+    reply = action(port, "GetSystemUpdateID")
+    assert reply.status == "HTTP/1.1 200 OK"
+    return re.search(rb"<Id>(\d+)</Id>", reply.body).group(1).decode()
 
 
 class Eventing:
@@ -201,12 +178,12 @@ class Eventing:
     def __init__(self, folder):
         self.demo = folder / "demo"
         subprocess.run([str(BUILD / "dms-mkdemo"), str(self.demo)], check=True)
-        self.server = dms_device.start_server(folder)
+        self.server = dms_client.start_server(folder)
         self.started = time.monotonic()
         self.port = self.server.port
         self.sink = NotifySink()
         self.probe = subprocess.Popen(
-            ["/usr/bin/python3", str(PROBE), "dms0", str(int(CHANGE_DEADLINE)), str(self.port), "2"],
+            ["/usr/bin/python3", str(PROBE), "events", "dms0", str(int(CHANGE_DEADLINE)), str(self.port), "2"],
             stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.replies = {}
         self.watchers = {}
@@ -242,17 +219,12 @@ def test_subscribe_replies_and_initial_events(eventing):
     for name, path, body in (("cd", "/watch/cd?x=1", content_directory_event(eventing.initial_update_id)),
                              ("cm", "/watch/cm?x=1", CONNECTION_MANAGER_EVENT)):
         status, headers, reply_body = eventing.replies[name]
-        assert status == "HTTP/1.1 200 OK"
-        assert SID.fullmatch(headers["sid"])
-        assert headers["timeout"] == "Second-300"
-        assert headers["server"] == dms_device.server_line()[len("Server: "):]
-        assert "content-type" not in headers and "ext" not in headers
-        assert reply_body == b""
-
+        assert (status, headers["timeout"], headers["server"], reply_body) == \
+            ("HTTP/1.1 200 OK", "Second-300", dms_client.server_token(), b"")
+        assert SID.fullmatch(headers["sid"]) and "content-type" not in headers and "ext" not in headers
         sid = eventing.watchers[name]
         [event] = eventing.sink.wait(sid, 1)
-        assert event["head"] == notify_head(path, eventing.sink.port, body, sid, 0)
-        assert event["body"] == body
+        assert (event.head, event.body) == (notify_head(path, eventing.sink.port, body, sid, 0), body)
     assert eventing.watchers["cd"] != eventing.watchers["cm"]
 
 
@@ -272,11 +244,9 @@ def test_small_actions_exact_envelopes(eventing):
         ("GetProtocolInfo", CONNECTION_MANAGER, [], [("Source", SOURCE_PROTOCOLS), ("Sink", "")]),
     ]
     for name, service, arguments, outputs in cases:
-        status, headers, body, _ = action(port, name, service, arguments)
-        assert status == "HTTP/1.1 200 OK", name
-        assert headers["content-type"] == XML_TYPE
-        assert headers["ext"] == ""
-        assert body == envelope(name, service, outputs), name
+        reply = action(port, name, service, arguments)
+        assert (reply.status, reply.headers["content-type"], reply.headers["ext"], reply.body) == \
+            ("HTTP/1.1 200 OK", XML_TYPE, "", envelope(name, service, outputs)), name
 
 
 def test_renewal_cancellation_and_refusals(eventing):
@@ -284,8 +254,7 @@ def test_renewal_cancellation_and_refusals(eventing):
     sid = subscribe(port, CM_EVENT, f"http://{address()}:{sink.port}/renew")
     for given in (sid, sid.lower()):
         status, headers, _ = event_request(port, "SUBSCRIBE", CM_EVENT, f"SID: uuid:{given}")
-        assert status == "HTTP/1.1 200 OK"
-        assert (headers["sid"], headers["timeout"]) == (f"uuid:{given}", "Second-300")
+        assert (status, headers["sid"], headers["timeout"]) == ("HTTP/1.1 200 OK", f"uuid:{given}", "Second-300")
 
     # NT together with a SID is a new subscription, with its own initial event.
     status, headers, _ = event_request(port, "SUBSCRIBE", CM_EVENT, f"SID: uuid:{sid}", "NT: upnp:event",
@@ -294,13 +263,12 @@ def test_renewal_cancellation_and_refusals(eventing):
     fresh = headers["sid"][len("uuid:"):]
     assert SID.fullmatch(headers["sid"]) and fresh != sid
     [event] = sink.wait(fresh, 1)
-    assert event["head"] == notify_head("/again", sink.port, CONNECTION_MANAGER_EVENT, fresh, 0)
+    assert event.head == notify_head("/again", sink.port, CONNECTION_MANAGER_EVENT, fresh, 0)
 
     # Cancelling is answered with success even when the SID is unknown.
     for _ in range(2):
         status, headers, _ = event_request(port, "UNSUBSCRIBE", CM_EVENT, f"SID: uuid:{sid}")
-        assert status == "HTTP/1.1 200 OK"
-        assert "sid" not in headers and "content-type" not in headers
+        assert status == "HTTP/1.1 200 OK" and "sid" not in headers and "content-type" not in headers
     assert event_request(port, "UNSUBSCRIBE", CD_EVENT, "SID: uuid:not-known")[0] == "HTTP/1.1 200 OK"
 
     refused = [
@@ -316,9 +284,8 @@ def test_renewal_cancellation_and_refusals(eventing):
     ]
     for method, path, headers in refused:
         status, reply_headers, body = event_request(port, method, path, *headers)
-        assert status == "HTTP/1.1 412 Precondition Failed", (method, headers)
-        assert "content-type" not in reply_headers and body == b""
-        assert reply_headers["server"] == dms_device.server_line()[len("Server: "):]
+        assert (status, reply_headers.get("content-type"), body, reply_headers["server"]) == \
+            ("HTTP/1.1 412 Precondition Failed", None, b"", dms_client.server_token()), (method, headers)
     assert len(sink.wait(fresh, 2, timeout=0.5)) == 1
 
 
@@ -329,23 +296,23 @@ def test_odd_callbacks(eventing):
     try:
         sid = subscribe(port, CM_EVENT, f"http://{address()}/portless")
         [event] = portless.wait(sid, 1)
-        assert event["head"] == notify_head("/portless", 65535, CONNECTION_MANAGER_EVENT, sid, 0)
+        assert event.head == notify_head("/portless", 65535, CONNECTION_MANAGER_EVENT, sid, 0)
     finally:
         portless.close()
     # A callback too short to be a URL still makes a subscription, which can
     # be renewed and cancelled like any other.
     for callback in ("<http://a>", ""):
         status, headers, _ = event_request(port, "SUBSCRIBE", CM_EVENT, "NT: upnp:event", f"CALLBACK: {callback}")
-        assert status == "HTTP/1.1 200 OK"
-        assert event_request(port, "SUBSCRIBE", CM_EVENT, f"SID: {headers['sid']}")[0] == "HTTP/1.1 200 OK"
-        assert event_request(port, "UNSUBSCRIBE", CM_EVENT, f"SID: {headers['sid']}")[0] == "HTTP/1.1 200 OK"
+        statuses = [event_request(port, method, CM_EVENT, f"SID: {headers['sid']}")[0]
+                    for method in ("SUBSCRIBE", "UNSUBSCRIBE")]
+        assert [status] + statuses == ["HTTP/1.1 200 OK"] * 3
 
 
 def test_unanswering_subscribers_do_not_hold_up_browse_and_transfers(dms, tmp_path, eventing):
     media = tmp_path / "media"
     media.mkdir()
     shutil.copy(eventing.demo / "Pictures" / "Stripes.gif", media / "Stripes.gif")
-    server = dms(dms_device.config_text(media))
+    server = dms(dms_client.config_text(media))
     port = server.wait_ready()
     deadline = time.monotonic() + 10
     while not (items := [o for o in browse(port, "0.1")[1] if o["element"] == "item"]):
@@ -380,9 +347,8 @@ def test_unanswering_subscribers_do_not_hold_up_browse_and_transfers(dms, tmp_pa
         for _ in range(3):
             _, objects, returned, *_ = browse(port, "0.1")
             assert returned == 1 and objects[0]["id"] == items[0]["id"]
-            status, headers, body, _ = get(port, item_path)
-            assert status == "HTTP/1.1 200 OK"
-            assert body == (media / "Stripes.gif").read_bytes()
+            reply = get(port, item_path)
+            assert (reply.status, reply.body) == ("HTTP/1.1 200 OK", (media / "Stripes.gif").read_bytes())
         assert waiting.is_alive() and not late
         waiting.join(6)
         assert len(late) == 1
@@ -399,8 +365,8 @@ def test_change_event_after_a_file_is_added(eventing):
     update_id = system_update_id(port)
     assert int(update_id) > int(eventing.initial_update_id)
     change = content_directory_event(update_id)
-    assert events[1]["head"] == notify_head("/watch/cd?x=1", sink.port, change, eventing.watchers["cd"], 1)
-    assert events[1]["body"] == change
+    assert (events[1].head, events[1].body) == \
+        (notify_head("/watch/cd?x=1", sink.port, change, eventing.watchers["cd"], 1), change)
     assert [o["dc:title"] for o in browse(port, "0.1")[1]] == ["Added"]
     # ConnectionManager never changes: its watcher has only its initial event.
     assert len(sink.wait(eventing.watchers["cm"], 2, timeout=0.3)) == 1

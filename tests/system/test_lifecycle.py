@@ -1,6 +1,7 @@
 """Start and stop of the real server: the configuration file beside the
-executable, the running and stopped lines, and prompt, clean exits on
-signals, also in the middle of replies."""
+executable, read once, the running and stopped lines, and prompt, clean
+exits on signals, also in the middle of replies. The lookup's quirks are
+unit-tested."""
 import shutil
 import signal
 import socket
@@ -10,50 +11,32 @@ import time
 import pytest
 
 from conftest import BUILD
-from dms_client import browse, soap_request
+from dms_client import Client, browse, soap
 
 
-def run_and_stop(dms, config, sig=signal.SIGTERM):
-    server = dms(config)
-    time.sleep(0.3)
-    started = time.monotonic()
-    out, status = server.stop(sig)
-    return out, status, time.monotonic() - started
-
-
-@pytest.mark.parametrize("sig", [signal.SIGTERM, signal.SIGINT])
-def test_signal_stops_promptly_with_both_lines(dms, media_dir, sig):
-    config = f'path = "{media_dir}"\nmodelDescription = "Shelf"\n'
-    out, status, took = run_and_stop(dms, config, sig)
-    assert out == "\n[Shelf] running\n\n\n[Shelf] stopped\n\n"
-    assert status == 0
-    assert took < 2.5
-
-
-# The lookup's quirks are unit-tested; here the server's own use of a missing value.
-@pytest.mark.parametrize("config, label", [
-    (None, "(null)"),                                                # no file at all
-    ('deviceName = "Box"\n', "(null)"),                              # key absent
-    ('modelDescription = Plain\nmanufacturer = "Acme"\n', "Acme"),   # next quotes win
+@pytest.mark.parametrize("config, sig, label", [
+    ('path = "{media}"\nmodelDescription = "Shelf"\n', signal.SIGTERM, "Shelf"),
+    ('modelDescription = Plain\nmanufacturer = "Acme"\n', signal.SIGINT, "Acme"),  # the next quotes win
+    (None, signal.SIGTERM, "(null)"),  # no file at all
 ])
-def test_configuration_lookup_quirks(dms, config, label):
-    out, status, _ = run_and_stop(dms, config)
-    assert out == f"\n[{label}] running\n\n\n[{label}] stopped\n\n"
-    assert status == 0
-
-
-def test_file_is_read_once(dms):
-    server = dms('modelDescription = "First"\n')
+def test_signal_stops_promptly_with_both_lines(dms, tmp_path, config, sig, label):
+    server = dms(config and config.replace("{media}", str(tmp_path)))
+    # With a library the server listens; a connection still open does not hold the stop up.
+    idle = Client(server.wait_ready()) if label == "Shelf" else None
     time.sleep(0.3)
-    (server.folder / "dmsConfig").write_text('modelDescription = "Second"\n')
-    out, status = server.stop()
-    assert out == "\n[First] running\n\n\n[First] stopped\n\n"
-    assert status == 0
+    if config:
+        (server.folder / "dmsConfig").write_text('modelDescription = "Second"\n')  # read once, at start
+    started = time.monotonic()
+    assert server.stop(sig) == (f"\n[{label}] running\n\n\n[{label}] stopped\n\n", 0)
+    assert time.monotonic() - started < 2.5
+    if idle:
+        idle.close()
 
 
-
-def test_stop_in_the_middle_of_browse_replies_and_downloads(dms, media_dir):
-    demo = media_dir.parent / "demo"
+def test_stop_in_the_middle_of_browse_replies_and_downloads(dms, tmp_path):
+    media_dir = tmp_path / "media"
+    media_dir.mkdir()
+    demo = tmp_path / "demo"
     subprocess.run([str(BUILD / "dms-mkdemo"), str(demo)], check=True, stdout=subprocess.DEVNULL)
     for index in range(300):  # a Browse reply of some 200 KB
         shutil.copy(demo / "Pictures" / "Stripes.gif", media_dir / f"picture {index:03d} with a long name.gif")
@@ -71,7 +54,7 @@ def test_stop_in_the_middle_of_browse_replies_and_downloads(dms, media_dir):
                  ("StartingIndex", 0), ("RequestedCount", 0), ("SortCriteria", "")]
     download = f"GET /mediaitem/{item} HTTP/1.1\r\nHost: test\r\n\r\n".encode()
     readers = []
-    for raw in [soap_request("Browse", arguments)] * 3 + [download] * 3:
+    for raw in [soap("Browse", arguments)] * 3 + [download] * 3:
         # The slowest of readers: a small receive buffer, and only the reply's start is read.
         reader = socket.socket()
         reader.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)

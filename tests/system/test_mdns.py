@@ -193,39 +193,31 @@ def query(name, rtype, response=False):
 
 
 def test_announcement_carries_host_and_service_records(responder, peer):
-    responder("box", ("Box Media", "_http._tcp", 8200, "path=/\nversion=1"),
-              ("Box Files", "_smb._tcp", 445, ""))
+    responder("box", ("Box Media", "_http._tcp", 8200, "path=/\nversion=1"), ("Box Files", "_smb._tcp", 445, ""))
     packet = next_announcement(peer, "box")
     assert packet is not None, "no announcement within 5 s of start"
-    assert (packet.id, packet.flags) == (0, 0x8400)
-    assert packet.counts == [0, 7, 0, 3]
+    assert (packet.id, packet.flags, packet.counts) == (0, 0x8400, [0, 7, 0, 3])
     # Every name after the A record's owner reaches "local" by a pointer.
     assert packet.raw.count(b"\x05local") == 1
+    media, files = "Box\\032Media._http._tcp.local.", "Box\\032Files._smb._tcp.local."
 
-    a, *answers = packet.answers
-    assert (a.name, a.type, a.cache_flush, a.ttl, a.rdata.address) == ("box.local.", 1, True, 120, ADDR)
-    services = [("Box Media", "_http._tcp", 8200, (b"path=/", b"version=1")),
-                ("Box Files", "_smb._tcp", 445, (b"",))]
-    for (instance, stype, port, strings), (ptr, srv, txt) in zip(services, zip(*[iter(answers)] * 3)):
-        full = f"{instance}.{stype}.local."
-        assert (ptr.name, ptr.type, ptr.cache_flush, ptr.ttl) == (f"{stype}.local.", 12, False, 120)
-        assert dns.name.from_text(full) == ptr.rdata.target
-        assert dns.name.from_text(full) == dns.name.from_text(srv.name)
-        assert (srv.type, srv.cache_flush, srv.ttl) == (33, True, 120)
-        assert (srv.rdata.priority, srv.rdata.weight, srv.rdata.port) == (0, 0, port)
-        assert srv.rdata.target.to_text() == "box.local."
-        assert dns.name.from_text(full) == dns.name.from_text(txt.name)
-        assert (txt.type, txt.cache_flush, txt.ttl, txt.rdata.strings) == (16, True, 120, strings)
+    def fields(record):
+        data = record.rdata
+        value = {1: lambda: data.address, 12: lambda: data.target.to_text(), 16: lambda: data.strings,
+                 33: lambda: (data.priority, data.weight, data.port, data.target.to_text()),
+                 47: lambda: (data.next.to_text(), data.windows)}[record.type]()
+        return (dns.name.from_text(record.name).to_text(), record.type, record.cache_flush, record.ttl, value)
 
-    host_nsec, *service_nsecs = packet.additional
-    assert (host_nsec.name, host_nsec.type, host_nsec.cache_flush, host_nsec.ttl) == ("box.local.", 47, True, 120)
-    assert host_nsec.rdata.next.to_text() == "box.local."
-    assert host_nsec.rdata.windows == ((0, b"\x40"),)
-    for (instance, stype, _, _), nsec in zip(services, service_nsecs):
-        owner = dns.name.from_text(f"{instance}.{stype}.local.")
-        assert dns.name.from_text(nsec.name) == owner and nsec.rdata.next == owner
-        assert (nsec.type, nsec.cache_flush, nsec.ttl) == (47, True, 120)
-        assert nsec.rdata.windows == ((0, b"\x00\x00\x80\x00\x40"),)  # TXT and SRV
+    assert [fields(r) for r in packet.answers + packet.additional] == [
+        ("box.local.", 1, True, 120, ADDR),
+        ("_http._tcp.local.", 12, False, 120, media), (media, 33, True, 120, (0, 0, 8200, "box.local.")),
+        (media, 16, True, 120, (b"path=/", b"version=1")),
+        ("_smb._tcp.local.", 12, False, 120, files), (files, 33, True, 120, (0, 0, 445, "box.local.")),
+        (files, 16, True, 120, (b"",)),
+        ("box.local.", 47, True, 120, ("box.local.", ((0, b"\x40"),))),
+        (media, 47, True, 120, (media, ((0, b"\x00\x00\x80\x00\x40"),))),  # TXT and SRV
+        (files, 47, True, 120, (files, ((0, b"\x00\x00\x80\x00\x40"),))),
+    ]
 
 
 def test_only_a_pointer_query_for_a_service_type_triggers_a_packet(responder, peer):

@@ -1,8 +1,8 @@
 """SSDP discovery of the running server from inside the namespace: alive
 announcements, M-SEARCH answers and the rules that suppress them, goodbyes
 on stop, and a third-party control point (GSSDP and GUPnP) that finds the
-device and reads both services. One server serves the whole module; the
-goodbye test stops it and therefore runs last."""
+device and reads its description and both SCPDs. One server serves the
+whole module; the goodbye test stops it and therefore runs last."""
 import json
 import os
 import socket
@@ -12,8 +12,8 @@ from pathlib import Path
 
 import pytest
 
-import dms_device
-from dms_device import CONNECTION_MANAGER, CONTENT_DIRECTORY, MEDIA_SERVER
+import dms_client
+from dms_client import CONNECTION_MANAGER, CONTENT_DIRECTORY, MEDIA_SERVER
 
 GROUP = "239.255.255.250"
 SSDP_PORT = 1900
@@ -22,11 +22,11 @@ FIRST_ANNOUNCEMENT_TIMEOUT = 15.0
 
 
 def notification_types():
-    return ["uuid:" + dms_device.udn(), "upnp:rootdevice", MEDIA_SERVER, CONNECTION_MANAGER, CONTENT_DIRECTORY]
+    return ["uuid:" + dms_client.udn(), "upnp:rootdevice", MEDIA_SERVER, CONNECTION_MANAGER, CONTENT_DIRECTORY]
 
 
 def usn(nt):
-    return "uuid:" + dms_device.udn() + ("" if nt.startswith("uuid:") else "::" + nt)
+    return "uuid:" + dms_client.udn() + ("" if nt.startswith("uuid:") else "::" + nt)
 
 
 def parse(datagram):
@@ -73,7 +73,7 @@ def group_listener():
 class Discovery:
     def __init__(self, folder):
         self.listener = group_listener()
-        self.server = dms_device.start_server(folder)
+        self.server = dms_client.start_server(folder)
         self.announced = []
         deadline = time.monotonic() + FIRST_ANNOUNCEMENT_TIMEOUT
         while len(notifies(self.announced, "ssdp:alive")) < 10 and time.monotonic() < deadline:
@@ -114,29 +114,22 @@ def test_alive_announcements(discovery):
     alive = notifies(discovery.announced, "ssdp:alive")
     # Each sweep names every type once, and the sweep is sent twice.
     assert sorted(headers["NT"] for headers in alive) == sorted(notification_types() * 2)
-    for headers in alive:
-        assert headers["USN"] == usn(headers["NT"])
-        assert headers["LOCATION"] == location(discovery)
-        assert headers["CACHE-CONTROL"] == "max-age=1800"
-        assert headers["HOST"] == f"{GROUP}:{SSDP_PORT}"
-        assert "SERVER" in headers and dms_device.server_line().endswith(headers["SERVER"])
+    for h in alive:
+        assert (h["USN"], h["LOCATION"], h["CACHE-CONTROL"], h["HOST"]) == \
+            (usn(h["NT"]), location(discovery), "max-age=1800", f"{GROUP}:{SSDP_PORT}")
+        assert dms_client.server_token().endswith(h["SERVER"])
     # The engine says goodbye once before its first announcement.
     assert len(notifies(discovery.announced, "ssdp:byebye")) == 5
 
 
 def test_search_all(discovery):
-    answers = discovery.search("ssdp:all")
-    assert [first for first, _ in answers] == ["HTTP/1.1 200 OK"] * 5
-    assert [headers["ST"] for _, headers in answers] == notification_types()
-    assert [headers["USN"] for _, headers in answers] == [usn(nt) for nt in notification_types()]
-    for _, headers in answers:
-        assert headers["EXT"] == ""
-        assert headers["LOCATION"] == location(discovery)
-        assert "NTS" not in headers and "HOST" not in headers
+    answers = [(first, h["ST"], h["USN"], h["EXT"], h["LOCATION"], "NTS" in h or "HOST" in h)
+               for first, h in discovery.search("ssdp:all")]
+    assert answers == [("HTTP/1.1 200 OK", nt, usn(nt), "", location(discovery), False) for nt in notification_types()]
 
 
 def test_search_single_targets(discovery):
-    udn = dms_device.udn()
+    udn = dms_client.udn()
     cases = [
         ("upnp:rootdevice", "upnp:rootdevice", usn("upnp:rootdevice")),
         ("uuid:" + udn.lower(), "uuid:" + udn, "uuid:" + udn),
@@ -144,10 +137,7 @@ def test_search_single_targets(discovery):
         (MEDIA_SERVER, MEDIA_SERVER, usn(MEDIA_SERVER)),
     ]
     for st, answered_st, answered_usn in cases:
-        answers = discovery.search(st)
-        assert len(answers) == 1, st
-        assert answers[0][1]["ST"] == answered_st
-        assert answers[0][1]["USN"] == answered_usn
+        assert [(h["ST"], h["USN"]) for _, h in discovery.search(st)] == [(answered_st, answered_usn)], st
 
 
 def test_searches_that_get_no_answer(discovery):
@@ -170,26 +160,33 @@ def run_probe(mode, seconds):
 
 def test_gssdp_finds_every_resource(discovery):
     seen = run_probe("ssdp", 3)
-    for nt in notification_types():
-        assert seen.get(usn(nt)) == [location(discovery)]
+    assert [seen.get(usn(nt)) for nt in notification_types()] == [[location(discovery)]] * 5
 
 
-def test_gupnp_reads_both_services(discovery):
+# What a control point reads from the two SCPDs: every action (each has a
+# handler) and every state variable.
+SERVICES = {
+    CONTENT_DIRECTORY: (
+        ["Browse", "GetSearchCapabilities", "GetSortCapabilities", "GetSystemUpdateID"],
+        ["A_ARG_TYPE_BrowseFlag", "A_ARG_TYPE_Count", "A_ARG_TYPE_Filter", "A_ARG_TYPE_Index",
+         "A_ARG_TYPE_ObjectID", "A_ARG_TYPE_Result", "A_ARG_TYPE_SortCriteria", "A_ARG_TYPE_UpdateID",
+         "ContainerUpdateIDs", "SearchCapabilities", "SortCapabilities", "SystemUpdateID"]),
+    CONNECTION_MANAGER: (
+        ["GetCurrentConnectionIDs", "GetCurrentConnectionInfo", "GetProtocolInfo"],
+        ["A_ARG_TYPE_AVTransportID", "A_ARG_TYPE_ConnectionID", "A_ARG_TYPE_ConnectionManager",
+         "A_ARG_TYPE_ConnectionStatus", "A_ARG_TYPE_Direction", "A_ARG_TYPE_ProtocolInfo", "A_ARG_TYPE_RcsID",
+         "CurrentConnectionIDs", "SinkProtocolInfo", "SourceProtocolInfo"]),
+}
+
+
+def test_gupnp_reads_the_description_and_both_services(discovery):
     device = run_probe("device", 10)
-    assert device["udn"] == "uuid:" + dms_device.udn()
-    assert device["friendlyName"] == dms_device.CONFIG_VALUES["deviceName"]
-    assert device["modelName"] == dms_device.CONFIG_VALUES["dmsModelName"]
+    values = dms_client.CONFIG_VALUES
+    assert (device["udn"], device["friendlyName"], device["modelName"], device["modelNumber"]) == \
+        ("uuid:" + dms_client.udn(), values["deviceName"], values["dmsModelName"], values["modelNumber"])
     assert device["location"] == location(discovery)
-    assert sorted(device["services"]) == sorted([CONTENT_DIRECTORY, CONNECTION_MANAGER])
-    for service_type, introspected in device["services"].items():
-        name = "ContentDirectory" if service_type == CONTENT_DIRECTORY else "ConnectionManager"
-        raw = f"GET /DMS/{name}/document HTTP/1.1\r\nHost: t\r\nConnection: close\r\n\r\n".encode()
-        with socket.create_connection(("127.0.0.1", discovery.server.port), timeout=10) as conn:
-            conn.sendall(raw)
-            document = b"".join(iter(lambda: conn.recv(65536), b""))
-        assert introspected["actions"] == sorted(dms_device.served_actions(document))
-        assert introspected["actions"] == sorted(a[0] for a in dms_device.ACTIONS[service_type])
-        assert introspected["variables"] == sorted(v[0] for v in dms_device.VARIABLES[service_type])
+    assert {service: (found["actions"], found["variables"]) for service, found in device["services"].items()} \
+        == SERVICES
 
 
 def test_goodbye_after_sigterm(discovery):

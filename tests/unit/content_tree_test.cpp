@@ -1,5 +1,6 @@
-// The content tree: linking order, child counts, update ids, the id table,
-// recursive removal with references, and paths of scanned entries.
+// The content tree: the id table, recursive removal with references and
+// their update ids, and the id text forms (order and child counts are
+// browsed on the wire).
 #include <gtest/gtest.h>
 
 #include "dms/DmsObject.h"
@@ -13,25 +14,6 @@ class ContentTree : public ::testing::Test {
   void TearDown() override { DmsObject_Free({0, 0}); }
   DmsObject* root = DmsObject_New({0, 0}, "Root", cls(DmsClass_Container), DmsKind_Container, nullptr, nullptr);
 };
-
-TEST_F(ContentTree, LinksAtTheNamedPositionAndCounts) {
-  ASSERT_NE(root, nullptr);
-  EXPECT_EQ(root->childCount, 0);
-  const uint32_t before = root->updateId;
-  DmsObject* b = DmsObject_New({0, 2}, "b", cls(DmsClass_Container), DmsKind_Container, root, nullptr);
-  DmsObject* a = DmsObject_New({0, 1}, "a", cls(DmsClass_Container), DmsKind_Container, root, nullptr);
-  DmsObject* c = DmsObject_New({0, 3}, "c", cls(DmsClass_Container), DmsKind_Container, root, b);
-  EXPECT_EQ(root->firstChild, a);
-  EXPECT_EQ(a->nextSibling, b);
-  EXPECT_EQ(b->nextSibling, c);
-  EXPECT_EQ(root->childCount, 3);
-  EXPECT_EQ(root->updateId, before + 3);
-
-  DmsObject* folder = DmsObject_New({0, 4}, "f", cls(DmsClass_StorageFolder), DmsKind_Container, root, c);
-  EXPECT_EQ(folder->childCount, -1);
-  DmsObject_New({5, 6}, "x.mp3", cls(DmsClass_AudioItem), DmsKind_Item, folder, nullptr);
-  EXPECT_EQ(folder->childCount, 1);  // from "never read" straight to one child
-}
 
 TEST_F(ContentTree, IdTableSeparatesIdsSharingABucket) {
   // 5 and 256 fall into the same of 251 buckets; 7.5 differs only in the high part.
@@ -69,13 +51,6 @@ TEST_F(ContentTree, RecursiveRemovalTakesReferencesAlong) {
   EXPECT_EQ(view->updateId, viewUpdate + 1);
   EXPECT_EQ(folder->childCount, 0);
   EXPECT_EQ(folder->updateId, folderUpdate + 1);
-}
-
-TEST_F(ContentTree, PathNeedsEveryTitle) {
-  DmsObject* folder = DmsObject_New({0, 1}, "", cls(DmsClass_StorageVolume), DmsKind_Container, root, nullptr);
-  DmsObject* item = DmsObject_New({3, 10}, "a.png", cls(DmsClass_ImageItem), DmsKind_Item, folder, nullptr);
-  EXPECT_EQ(DmsObject_GetPath(item), "");
-  EXPECT_EQ(DmsObject_GetPath(root), "");
 }
 
 TEST(DmsObjectId, TextForms) {

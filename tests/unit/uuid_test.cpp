@@ -49,18 +49,4 @@ TEST(Uuid, ParseRejectsNearMisses) {
   EXPECT_TRUE(UUID_IsNull(uuid));  // untouched by the failures
 }
 
-TEST(Uuid, NullHelpers) {
-  UUID uuid = {1, 2, 3};
-  EXPECT_FALSE(UUID_IsNull(uuid));
-  UUID copy{};
-  UUID_Copy(copy, uuid);
-  EXPECT_EQ(UUID_Compare(copy, uuid), 0);
-  UUID_Clear(uuid);
-  EXPECT_TRUE(UUID_IsNull(uuid));
-  EXPECT_LT(UUID_Compare(uuid, copy), 0);
-  char text[UUID_TextSize];
-  UUID_Unparse(uuid, text);
-  EXPECT_STREQ(text, "00000000-0000-0000-0000-000000000000");
-}
-
 }  // namespace

@@ -1,0 +1,120 @@
+// The device layer below the wire: the SOAP action scan, the fault's cut, XML
+// escaping, and the exact SCPD and description documents of a table (the
+// media server's own documents, dispatch and replies are checked on the wire).
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "upnp/UPnPDevice.h"
+
+namespace {
+
+void NoOpAction(HTTPRequest*, const char*, const char*, const UPnPArgValue*, int32_t, HTTPResponse*) {}
+
+const UPnPArgument kIn[] = {{"ObjectID", "A"}, {"BrowseFlag", "B"}, {"Filter", "C"}, {nullptr, nullptr}};
+const UPnPArgument kOut[] = {{"Result", "R"}, {nullptr, nullptr}};
+UPnPAction gActions[] = {{"Browse", NoOpAction, kIn, kOut},
+                         {"Idle", nullptr, nullptr, kOut},
+                         {nullptr, nullptr, nullptr, nullptr}};
+const char* const kFlags[] = {"x", "y", nullptr};
+const int32_t kRange[] = {-5, 10, 0};
+const int32_t kSteppedRange[] = {0, 100, 5};
+const UPnPStateVariable kVariables[] = {{"A", "string", 0, kFlags, "x", nullptr},
+                                        {"B", "i4", 1, nullptr, nullptr, kRange},
+                                        {"C", "ui4", 0, nullptr, nullptr, kSteppedRange},
+                                        {nullptr, nullptr, 0, nullptr, nullptr, nullptr}};
+UPnPService gServices[] = {{"urn:x:service:T:1", "urn:x:serviceId:T", "/s", "/c", "/e", gActions, kVariables, nullptr},
+                           {nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr}};
+
+std::string Envelope(const std::string& inner) {
+  return "<s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\"><s:Body>" + inner + "</s:Body></s:Envelope>";
+}
+
+// "action: arg|arg|..." as the scan found them, or "none".
+std::string Scan(const std::string& body) {
+  auto call = UPnP_ParseControl(gServices[0], body);
+  if (!call) return "none";
+  std::string found = std::string(call->action->name) + ":";
+  for (const UPnPArgValue& arg : call->args) found += std::string(" ") + arg.name + "=" + std::string(arg.value, arg.length);
+  return found;
+}
+
+TEST(SoapScan, ActionAndArgumentsInTableOrder) {
+  const std::pair<std::string, std::string> cases[] = {
+      {Envelope("<u:Browse xmlns:u=\"urn:x\"><ObjectID> \t0\r\n</ObjectID><BrowseFlag/><Filter>a&amp;b</Filter>"
+                "</u:Browse>"),
+       "Browse: ObjectID=0 BrowseFlag= Filter=a&amp;b"},
+      // Arguments out of order are dropped, so is one without a closing tag.
+      {Envelope("<u:Browse xmlns:u=\"urn:x\"><BrowseFlag>B</BrowseFlag><ObjectID>7</ObjectID><Filter>*</Filter>"
+                "</u:Browse>"),
+       "Browse: ObjectID=7"},
+      {"<s:Envelope><s:Body><u:Browse xmlns:u=\"urn:x\"><ObjectID>7", "Browse:"},
+      // A matching action without handler is still found: the dispatcher faults.
+      {Envelope("<u:Idle xmlns:u=\"urn:x\"/>"), "Idle:"},
+      // No attributes on the action element, no prefix, no envelope, no body, unknown action.
+      {Envelope("<u:Browse><ObjectID>0</ObjectID></u:Browse>"), "none"},
+      {Envelope("<Browse xmlns=\"urn:x\"></Browse>"), "none"},
+      {"<u:Browse xmlns:u=\"urn:x\"/>", "none"},
+      {"<s:Envelope><u:Browse xmlns:u=\"urn:x\"/></s:Envelope>", "none"},
+      {Envelope("<u:Search xmlns:u=\"urn:x\"/>"), "none"},
+  };
+  for (const auto& [body, found] : cases) EXPECT_EQ(Scan(body), found) << body;
+}
+
+TEST(SoapEnvelope, FaultIsCutAt511AndEscapingCoversFiveCharacters) {
+  std::string fault = UPnP_MakeActionResponseError("720", std::string(600, 'd').c_str());
+  EXPECT_EQ(fault.size(), 511u);
+  EXPECT_EQ(fault.find("</errorDescription>"), std::string::npos);
+  EXPECT_EQ(XML_Escape("a\"b'c&d<e>f"), "a&quot;b&apos;c&amp;d&lt;e&gt;f");
+  EXPECT_EQ(XML_Escape(nullptr), "");
+}
+
+TEST(Documents, ScpdListsActionsWithHandlersAndAllVariables) {
+  EXPECT_EQ(UPnPDevice_MakeSCPD(&gServices[0]),
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?><scpd xmlns=\"urn:schemas-upnp-org:service-1-0\">"
+            "<specVersion><major>1</major><minor>0</minor></specVersion><actionList>"
+            "<action><name>Browse</name><argumentList>"
+            "<argument><name>ObjectID</name><direction>in</direction><relatedStateVariable>A"
+            "</relatedStateVariable></argument>"
+            "<argument><name>BrowseFlag</name><direction>in</direction><relatedStateVariable>B"
+            "</relatedStateVariable></argument>"
+            "<argument><name>Filter</name><direction>in</direction><relatedStateVariable>C"
+            "</relatedStateVariable></argument>"
+            "<argument><name>Result</name><direction>out</direction><relatedStateVariable>R"
+            "</relatedStateVariable></argument>"
+            "</argumentList></action></actionList><serviceStateTable>"
+            "<stateVariable sendEvents=\"no\"><name>A</name><dataType>string</dataType><allowedValueList>"
+            "<allowedValue>x</allowedValue><allowedValue>y</allowedValue></allowedValueList>"
+            "<defaultValue>x</defaultValue></stateVariable>"
+            "<stateVariable sendEvents=\"yes\"><name>B</name><dataType>i4</dataType><allowedValueRange>"
+            "<minimum>-5</minimum><maximum>10</maximum></allowedValueRange></stateVariable>"
+            "<stateVariable sendEvents=\"no\"><name>C</name><dataType>ui4</dataType><allowedValueRange>"
+            "<minimum>0</minimum><maximum>100</maximum><step>5</step></allowedValueRange></stateVariable>"
+            "</serviceStateTable></scpd>");
+}
+
+TEST(Documents, DescriptionEscapesFieldsAndIsCutAt2047) {
+  UPnPDevice device;
+  device.deviceType = "urn:x:device:D:1";
+  device.friendlyName = "Tom & Jerry's <box>";
+  device.modelName = "M";
+  device.udn = "U";
+  device.extraXml = "<x/>";
+  device.services = gServices;
+  EXPECT_EQ(UPnPDevice_MakeDescription(&device, "10.0.0.1"),
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?><root xmlns=\"urn:schemas-upnp-org:device-1-0\">"
+            "<specVersion><major>1</major><minor>0</minor></specVersion><device><x/>"
+            "<deviceType>urn:x:device:D:1</deviceType><friendlyName>Tom &amp; Jerry&apos;s &lt;box&gt;"
+            "</friendlyName><manufacturer/><modelName>M</modelName><modelNumber/><modelDescription/>"
+            "<presentationURL>http://10.0.0.1</presentationURL><UDN>uuid:U</UDN><serviceList><service>"
+            "<serviceType>urn:x:service:T:1</serviceType><serviceId>urn:x:serviceId:T</serviceId>"
+            "<SCPDURL>/s</SCPDURL><controlURL>/c</controlURL><eventSubURL>/e</eventSubURL></service>"
+            "</serviceList></device></root>");
+  EXPECT_NE(UPnPDevice_MakeDescription(&device, nullptr).find("<presentationURL/>"), std::string::npos);
+  std::string longName(3000, 'n');
+  device.friendlyName = longName.c_str();
+  const std::string cut = UPnPDevice_MakeDescription(&device, "10.0.0.1");
+  EXPECT_EQ(std::pair(cut.size(), cut.back()), std::pair(size_t(2047), 'n'));
+}
+
+}  // namespace
