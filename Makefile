@@ -48,7 +48,7 @@ coverage:
 	cd $(COV_BUILD) && ctest --output-on-failure -j 2
 	gcovr --root $(CURDIR) --object-directory $(CURDIR)/$(COV_BUILD) \
 	  $(foreach dir,$(COV_DIRS),--filter '$(CURDIR)/$(dir)/') \
-	  --exclude-throw-branches --print-summary --output /dev/null
+	  --exclude-throw-branches --print-summary --output $(COV_BUILD)/coverage.txt
 
 # Speed and memory benchmarks: builds every bench/*.cpp in the normal build
 # and runs each one on generated files under /tmp (or BENCH_DIR); then runs
