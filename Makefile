@@ -1,9 +1,11 @@
-# The two entry points of the project: `make run` and `make check`.
+# The entry points of the project: `make run`, `make check`, and for the
+# board `make cross`.
 BUILD      := build
 ASAN_BUILD := build-asan
 JOBS       ?= $(shell nproc)
+CROSS_ARCHES   := i386 armhf
 
-.PHONY: all build asan run check deps fuzz bench clean
+.PHONY: all build asan run check deps fuzz bench clean cross $(CROSS_ARCHES:%=cross-%)
 
 all: build
 
@@ -28,11 +30,23 @@ run: build
 deps:
 	tools/install-deps
 
-check: deps build asan
+check: deps build asan cross
 	cmake --build $(BUILD) -j $(JOBS) --target bench
 	cd $(BUILD) && ctest --output-on-failure -j 2
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j 2
+	cd build-i386 && ctest --output-on-failure -L system
+
+# 32-bit builds for the board, build-i386/ and build-armhf/: every unit test
+# and fuzz-corpus replay runs in both, the i386 build natively, the armhf
+# build under qemu-user. (`make check` adds the system tests on i386.)
+cross: deps $(CROSS_ARCHES:%=cross-%)
+
+$(CROSS_ARCHES:%=cross-%): cross-%:
+	cmake -S . -B build-$* -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-$*.cmake \
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	cmake --build build-$* -j $(JOBS)
+	cd build-$* && ctest --output-on-failure -j 2 -LE system
 
 # Speed and memory benchmarks: builds every bench/*.cpp in the normal build
 # and runs each one on generated files under /tmp (or BENCH_DIR); then runs
@@ -56,4 +70,4 @@ fuzz:
 	tools/fuzz-all $(FUZZ_SECONDS)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) build-fuzz
+	rm -rf $(BUILD) $(ASAN_BUILD) build-fuzz $(CROSS_ARCHES:%=build-%)
