@@ -1,11 +1,13 @@
 # The entry points of the project: `make run`, `make check`, and for the
-# board `make cross`.
+# board `make cross` and `make package`.
 BUILD      := build
 ASAN_BUILD := build-asan
 JOBS       ?= $(shell nproc)
 CROSS_ARCHES   := i386 armhf
+PACKAGE_ARCHES := amd64 $(CROSS_ARCHES)
 
-.PHONY: all build asan run check deps fuzz bench clean cross $(CROSS_ARCHES:%=cross-%)
+.PHONY: all build asan run check deps fuzz bench clean cross package \
+        $(CROSS_ARCHES:%=cross-%) $(PACKAGE_ARCHES:%=package-%)
 
 all: build
 
@@ -48,6 +50,16 @@ $(CROSS_ARCHES:%=cross-%): cross-%:
 	cmake --build build-$* -j $(JOBS)
 	cd build-$* && ctest --output-on-failure -j 2 -LE system
 
+# Board releases: a size-optimised, stripped build of dms and dms-probe per
+# architecture (build-release-<arch>/) and its Debian package in dist/.
+package: $(PACKAGE_ARCHES:%=package-%)
+
+$(PACKAGE_ARCHES:%=package-%): package-%:
+	cmake -S . -B build-release-$* -DCMAKE_BUILD_TYPE=MinSizeRel -DDMS_SIZE_RELEASE=ON \
+	  $(if $(filter amd64,$*),,-DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-$*.cmake) >/dev/null
+	cmake --build build-release-$* -j $(JOBS) --target dms dms-probe
+	tools/package/make-deb build-release-$* $* dist
+
 # Speed and memory benchmarks: builds every bench/*.cpp in the normal build
 # and runs each one on generated files under /tmp (or BENCH_DIR); then runs
 # every bench/*_bench.py, which start the server (and nginx) on 127.0.0.1,
@@ -70,4 +82,4 @@ fuzz:
 	tools/fuzz-all $(FUZZ_SECONDS)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) build-fuzz $(CROSS_ARCHES:%=build-%)
+	rm -rf $(BUILD) $(ASAN_BUILD) build-fuzz $(CROSS_ARCHES:%=build-%) $(PACKAGE_ARCHES:%=build-release-%) dist
