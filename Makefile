@@ -1,12 +1,16 @@
-# The two entry points of the project: `make run` and `make check`.
+# The entry points of the project: `make run`, `make check`, and for the
+# board `make cross` and `make package`.
 BUILD      := build
 ASAN_BUILD := build-asan
 COV_BUILD  := build-coverage
 # The product as coverage counts it: everything but tests, tools, fuzz and bench.
 COV_DIRS   := app http upnp ssdp dms media mdns
 JOBS       ?= $(shell nproc)
+CROSS_ARCHES   := i386 armhf
+PACKAGE_ARCHES := amd64 $(CROSS_ARCHES)
 
-.PHONY: all build asan run check coverage deps fuzz bench clean
+.PHONY: all build asan run check coverage deps fuzz bench clean cross package \
+        $(CROSS_ARCHES:%=cross-%) $(PACKAGE_ARCHES:%=package-%)
 
 all: build
 
@@ -31,11 +35,33 @@ run: build
 deps:
 	tools/install-deps
 
-check: deps build asan
+check: deps build asan cross
 	cmake --build $(BUILD) -j $(JOBS) --target bench
 	cd $(BUILD) && ctest --output-on-failure -j 2
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j 2
+	cd build-i386 && ctest --output-on-failure -L system
+
+# 32-bit builds for the board, build-i386/ and build-armhf/: every unit test
+# and fuzz-corpus replay runs in both, the i386 build natively, the armhf
+# build under qemu-user. (`make check` adds the system tests on i386.)
+cross: deps $(CROSS_ARCHES:%=cross-%)
+
+$(CROSS_ARCHES:%=cross-%): cross-%:
+	cmake -S . -B build-$* -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-$*.cmake \
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	cmake --build build-$* -j $(JOBS)
+	cd build-$* && ctest --output-on-failure -j 2 -LE system
+
+# Board releases: a size-optimised, stripped build of dms and dms-probe per
+# architecture (build-release-<arch>/) and its Debian package in dist/.
+package: $(PACKAGE_ARCHES:%=package-%)
+
+$(PACKAGE_ARCHES:%=package-%): package-%:
+	cmake -S . -B build-release-$* -DCMAKE_BUILD_TYPE=MinSizeRel -DDMS_SIZE_RELEASE=ON \
+	  $(if $(filter amd64,$*),,-DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-$*.cmake) >/dev/null
+	cmake --build build-release-$* -j $(JOBS) --target dms dms-probe
+	tools/package/make-deb build-release-$* $* dist
 
 # Line and branch coverage of the product by the whole suite (unit tests, fuzz
 # replays, system tests): an instrumented build runs ctest, then gcovr sums
@@ -74,4 +100,4 @@ fuzz:
 	FUZZ_JOBS=$(FUZZ_JOBS) tools/fuzz-all $(FUZZ_SECONDS)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(COV_BUILD) build-fuzz
+	rm -rf $(BUILD) $(ASAN_BUILD) $(COV_BUILD) build-fuzz $(CROSS_ARCHES:%=build-%) $(PACKAGE_ARCHES:%=build-release-%) dist

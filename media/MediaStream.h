@@ -3,8 +3,11 @@
 // descriptor; the first that recognises the content fills the record.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <initializer_list>
 #include <memory>
 #include <optional>
@@ -13,6 +16,11 @@
 #include <vector>
 
 #include "http/ByteOrder.h"
+
+// Files larger than 2 GiB and dates after 2038 work on every target, the
+// 32-bit board included: the build asks the C library for 64-bit offsets and times.
+static_assert(sizeof(off_t) == 8, "off_t must be 64 bits (_FILE_OFFSET_BITS=64)");
+static_assert(sizeof(time_t) == 8, "time_t must be 64 bits (_TIME_BITS=64)");
 
 enum MediaType : int32_t {
   MediaType_None = 0,

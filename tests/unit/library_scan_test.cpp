@@ -89,6 +89,8 @@ TEST_F(LibraryScan, MirrorsFoldersInOrderAndSkipsWhatIsNotMedia) {
   write("broken.m4a", {1, 2, 3, 4});
   fs::create_directories(dir + "/Empty/Deeper");
   write("Pictureless/readme.txt", {'x'});
+  const struct timespec in2040[2] = {{0, UTIME_OMIT}, {2208988800, 0}};  // past a 32-bit time_t
+  for (const char* late : {"/Sub", "/Sub/c.m4a"}) ASSERT_EQ(::utimensat(AT_FDCWD, (dir + late).c_str(), in2040, 0), 0);
 
   const uint32_t before = DmsContent_SystemUpdateId();
   EXPECT_EQ(scan(0), 1);
