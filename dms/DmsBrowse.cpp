@@ -140,8 +140,8 @@ void sendChildren(HTTPRequest* request, HTTPResponse* response, BrowseRequest& b
         if (!child || child->parent != container) return;
       } else {
         for (uint32_t position = 0; child && position < browse.startingIndex; ++position) child = child->nextSibling;
-        if (container->upnpClass == dlnaMediaClasses[DmsClass_StorageFolder] ||
-            container->upnpClass == dlnaMediaClasses[DmsClass_StorageVolume]) {
+        if (container->upnpClass() == dlnaMediaClasses[DmsClass_StorageFolder] ||
+            container->upnpClass() == dlnaMediaClasses[DmsClass_StorageVolume]) {
           const std::string path = DmsObject_GetPath(container);
           if (!path.empty()) folder.reset(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         }

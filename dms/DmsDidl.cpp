@@ -44,9 +44,8 @@ struct ItemFacts {
   uint16_t width = 0, height = 0;
 };
 
-std::string titleWithoutExtension(const std::string& title) {
-  size_t dot = title.rfind('.');
-  return DmsDidl_Escape(dot == std::string::npos ? std::string_view(title) : std::string_view(title).substr(0, dot));
+std::string titleWithoutExtension(std::string_view title) {
+  return DmsDidl_Escape(title.substr(0, title.rfind('.')));
 }
 
 // Opens the item's file: by name in its folder when the caller holds that
@@ -54,7 +53,7 @@ std::string titleWithoutExtension(const std::string& title) {
 // never waits on a FIFO; readItemFacts then rejects anything not regular.
 int openItem(const DmsObject* target, int folderFd) {
   constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-  if (folderFd >= 0) return target->title.empty() ? -1 : ::openat(folderFd, target->title.c_str(), kFlags);
+  if (folderFd >= 0) return target->title().empty() ? -1 : ::openat(folderFd, target->title().c_str(), kFlags);
   const std::string path = DmsObject_GetPath(target);
   return path.empty() ? -1 : ::open(path.c_str(), kFlags);
 }
@@ -84,7 +83,7 @@ ItemFacts readItemFacts(const DmsObject* target, int folderFd) {
     }
     ::close(fd);
   }
-  if (facts.title.empty()) facts.title = titleWithoutExtension(target->title);
+  if (facts.title.empty()) facts.title = titleWithoutExtension(target->title());
   return facts;
 }
 
@@ -166,9 +165,9 @@ void renderItemBody(std::string& out, const DmsObject* target, const ItemFacts& 
   appendTag(out, "upnp:genre", facts.genre, filter & DmsFilter_Genre);
   if (target->kind != DmsKind_Item) return;
 
-  const bool image = target->upnpClass == dlnaMediaClasses[DmsClass_ImageItem];
-  const bool audioVideo = target->upnpClass == dlnaMediaClasses[DmsClass_AudioItem] ||
-                          target->upnpClass == dlnaMediaClasses[DmsClass_VideoItem];
+  const bool image = target->upnpClass() == dlnaMediaClasses[DmsClass_ImageItem];
+  const bool audioVideo = target->upnpClass() == dlnaMediaClasses[DmsClass_AudioItem] ||
+                          target->upnpClass() == dlnaMediaClasses[DmsClass_VideoItem];
   if (image && facts.date != 0 && (filter & DmsFilter_Date)) {
     const time_t date = static_cast<time_t>(facts.date);
     struct tm day {};
@@ -242,15 +241,15 @@ std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint
     out += '"';
   }
   out += "&gt;&lt;upnp:class&gt;";
-  out += object->upnpClass ? object->upnpClass : "";
+  out += object->upnpClass() ? object->upnpClass() : "";
   out += "&lt;/upnp:class&gt;&lt;dc:title&gt;";
   if (container) {
-    const bool volume = object->upnpClass == dlnaMediaClasses[DmsClass_StorageVolume];
-    out += volume ? std::string("Volume") : DmsDidl_Escape(object->title);
+    const bool volume = object->upnpClass() == dlnaMediaClasses[DmsClass_StorageVolume];
+    out += volume ? std::string("Volume") : DmsDidl_Escape(object->title());
     out += "&lt;/dc:title&gt;";
   } else {
     // A reference's item lives in another folder than the reference.
-    const DmsObject* target = object->item ? object->item : object;
+    const DmsObject* target = object->kind == DmsKind_Reference && object->item ? object->item : object;
     const ItemFacts facts = readItemFacts(target, target == object ? folderFd : -1);
     out += facts.title;
     out += "&lt;/dc:title&gt;";

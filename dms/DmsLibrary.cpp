@@ -43,8 +43,8 @@ uint64_t lastGroupId = 10000;
 const char* mediaClass(DmsMediaClass index) { return dlnaMediaClasses[index]; }
 
 bool isFolder(const DmsObject* object) {
-  return object->upnpClass == mediaClass(DmsClass_StorageFolder) ||
-         object->upnpClass == mediaClass(DmsClass_StorageVolume);
+  return object->upnpClass() == mediaClass(DmsClass_StorageFolder) ||
+         object->upnpClass() == mediaClass(DmsClass_StorageVolume);
 }
 
 int64_t nowMicros() {
@@ -57,7 +57,7 @@ int64_t nowMicros() {
 DmsObject* sortedInsertionPoint(const DmsObject* folder, const char* name) {
   DmsObject* after = nullptr;
   for (DmsObject* child = folder->firstChild; child; child = child->nextSibling) {
-    if (strcasecmp(child->title.c_str(), name) >= 0) break;
+    if (strcasecmp(child->title().c_str(), name) >= 0) break;
     after = child;
   }
   return after;
@@ -98,7 +98,7 @@ bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat&
   if (DmsObject* existing = DmsObject_Find(id)) {
     // A hard link stays where it was first seen.
     if (existing->parent != folder || existing->kind != DmsKind_Item) return false;
-    if (existing->modificationTime == static_cast<int64_t>(info.st_mtime) && existing->title == name) {
+    if (existing->modificationTime == static_cast<int64_t>(info.st_mtime) && existing->title() == name) {
       existing->pass = pass;
       return false;
     }
@@ -201,18 +201,18 @@ std::string groupKey(uint64_t viewBit, const MediaStream& metadata) {
 DmsObject* findOrCreateGroup(DmsObject* view, const std::string& key, bool newestFirst) {
   DmsObject* after = nullptr;
   for (DmsObject* group = view->firstChild; group; group = group->nextSibling) {
-    int order = strcasecmp(group->title.c_str(), key.c_str());
+    int order = strcasecmp(group->title().c_str(), key.c_str());
     if (order == 0) return group;
     if (newestFirst ? order < 0 : order > 0) break;
     after = group;
   }
-  return DmsObject_New({0, ++lastGroupId}, key.c_str(), view->upnpClass, DmsKind_Container, view, after);
+  return DmsObject_New({0, ++lastGroupId}, key.c_str(), view->upnpClass(), DmsKind_Container, view, after);
 }
 
 // Links a reference to `item` into `container` after `after`.
 DmsObject* addReference(DmsObject* container, DmsObject* after, DmsObject* item, uint64_t viewBit) {
   const DmsObjectId id{item->id.high | (viewBit << 32), item->id.low};
-  DmsObject* reference = DmsObject_New(id, nullptr, item->upnpClass, DmsKind_Reference, container, after);
+  DmsObject* reference = DmsObject_New(id, nullptr, item->upnpClass(), DmsKind_Reference, container, after);
   if (!reference) return nullptr;
   reference->item = item;
   reference->nextReference = item->references;
@@ -222,9 +222,9 @@ DmsObject* addReference(DmsObject* container, DmsObject* after, DmsObject* item,
 
 DmsObject* topContainerFor(const DmsObject* item) {
   if (!item || item->kind != DmsKind_Item) return nullptr;
-  if (item->upnpClass == mediaClass(DmsClass_AudioItem)) return DmsObject_Find(DmsId_Music);
-  if (item->upnpClass == mediaClass(DmsClass_VideoItem)) return DmsObject_Find(DmsId_Videos);
-  if (item->upnpClass == mediaClass(DmsClass_ImageItem)) return DmsObject_Find(DmsId_Pictures);
+  if (item->upnpClass() == mediaClass(DmsClass_AudioItem)) return DmsObject_Find(DmsId_Music);
+  if (item->upnpClass() == mediaClass(DmsClass_VideoItem)) return DmsObject_Find(DmsId_Videos);
+  if (item->upnpClass() == mediaClass(DmsClass_ImageItem)) return DmsObject_Find(DmsId_Pictures);
   return nullptr;
 }
 
@@ -250,7 +250,7 @@ void categoriseItems(const std::vector<NewItem>& newItems) {
     if (!top) continue;
     int index = 0;
     for (DmsObject* view = top->firstChild; view; view = view->nextSibling, ++index) {
-      const uint64_t bit = viewBitFor(view->upnpClass);
+      const uint64_t bit = viewBitFor(view->upnpClass());
       if (bit == 0) continue;
       DmsObject* container =
           bit == kViewAll ? view : findOrCreateGroup(view, groupKey(bit, *pending.metadata), bit == kViewMoments);
@@ -261,7 +261,7 @@ void categoriseItems(const std::vector<NewItem>& newItems) {
   std::stable_sort(placements.begin(), placements.end(), [](const Placement& a, const Placement& b) {
     if (a.view != b.view) return a.view < b.view;
     if (a.container != b.container) return std::less<const DmsObject*>{}(a.container, b.container);
-    return strcasecmp(a.item->title.c_str(), b.item->title.c_str()) < 0;
+    return strcasecmp(a.item->title().c_str(), b.item->title().c_str()) < 0;
   });
   const DmsObject* container = nullptr;
   DmsObject* after = nullptr;
@@ -273,8 +273,8 @@ void categoriseItems(const std::vector<NewItem>& newItems) {
       next = container->firstChild;
     }
     while (next) {
-      const DmsObject* target = next->item ? next->item : next;
-      if (strcasecmp(target->title.c_str(), placement.item->title.c_str()) >= 0) break;
+      const DmsObject* target = next->kind == DmsKind_Reference && next->item ? next->item : next;
+      if (strcasecmp(target->title().c_str(), placement.item->title().c_str()) >= 0) break;
       after = next;
       next = next->nextSibling;
     }
