@@ -79,19 +79,36 @@ class DirectoryReader {
   DIR* dir_;
 };
 
-// A new item waiting to be filed into the views: the items of one folder
-// are filed together once the folder is read.
-struct NewItem {
+// One reference still to be made.
+struct Placement {
+  DmsObject* container;
   DmsObject* item;
-  const MediaStream* metadata;
-  MediaStreamPtr owned;  // the scan's own record of the file
+  uint64_t viewBit;
+  int view;  // position of the view among its top container's children
 };
 
-void categoriseItems(const std::vector<NewItem>& newItems);
+// The references of the items found in this scan step. Each item's groups
+// are found or created as soon as it is found, so group ids come out in scan
+// order; the references themselves are linked in once per step (and before
+// anything is removed), during one walk down each container. Filing them
+// item by item walked the long All lists once per folder: a quadratic cost,
+// as track numbers at the start of file names spread every folder over the
+// whole list.
+std::vector<Placement> pendingPlacements;
+
+void placeItem(DmsObject* item, const MediaStream& metadata, std::vector<Placement>& placements);
+void linkPlacements(std::vector<Placement>& placements);
+
+// Links the pending references in, as the tree must be complete before an
+// object is removed or the step ends.
+void flushPlacements() {
+  if (pendingPlacements.empty()) return;
+  linkPlacements(pendingPlacements);
+  std::vector<Placement>().swap(pendingPlacements);
+}
 
 // Handles one regular file of a folder being read; true when the library changed.
-bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat& info, int32_t pass,
-              std::vector<NewItem>& newItems) {
+bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat& info, int32_t pass) {
   if (!DmsLibrary_HasMediaExtension(name)) return false;
   const DmsObjectId id{static_cast<uint64_t>(info.st_dev) + 1, static_cast<uint64_t>(info.st_ino)};
   bool changed = false;
@@ -102,12 +119,7 @@ bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat&
       existing->pass = pass;
       return false;
     }
-    // A second name of a file first seen in this very read: the items so far
-    // are filed before it goes, just as if each had been filed at once.
-    if (std::ranges::any_of(newItems, [existing](const NewItem& pending) { return pending.item == existing; })) {
-      categoriseItems(newItems);
-      newItems.clear();
-    }
+    flushPlacements();
     DmsObject_Free(id);
     changed = true;
   }
@@ -124,8 +136,7 @@ bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat&
   item->mimeType = stream->mimeType;
   item->modificationTime = static_cast<int64_t>(info.st_mtime);
   item->pass = pass;
-  const MediaStream* metadata = stream.get();
-  newItems.push_back({item, metadata, std::move(stream)});
+  placeItem(item, *stream, pendingPlacements);
   return true;
 }
 
@@ -149,18 +160,16 @@ FolderRead readFolder(DmsObject* folder, int32_t pass, int64_t* spent) {
   folder->pass = pass;
   const int64_t started = nowMicros();
   bool changed = false;
-  std::vector<NewItem> newItems;
   while (const dirent* entry = directory.next()) {
     if (DmsLibrary_IsHiddenName(entry->d_name)) continue;
     struct stat info {};
     if (::fstatat(directory.fd(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
     if (S_ISREG(info.st_mode)) {
-      changed |= scanFile(folder, directory.fd(), entry->d_name, info, pass, newItems);
+      changed |= scanFile(folder, directory.fd(), entry->d_name, info, pass);
     } else if (S_ISDIR(info.st_mode)) {
       scanDirectory(folder, entry->d_name, info, pass);
     }
   }
-  categoriseItems(newItems);
   *spent += nowMicros() - started;
   return changed ? FolderRead::Changed : FolderRead::Unchanged;
 }
@@ -228,35 +237,25 @@ DmsObject* topContainerFor(const DmsObject* item) {
   return nullptr;
 }
 
-// One reference still to be made.
-struct Placement {
-  DmsObject* container;
-  DmsObject* item;
-  uint64_t viewBit;
-  int view;  // position of the view among its top container's children
-};
-
-// Groups are found or created item by item in scan order, so group ids come
-// out as if each item were filed on its own. The references then go into
-// each container in title order during a single walk down its children,
-// instead of one walk per item: a library of thousands of items would
-// otherwise spend most of its first pass walking the All lists. The lists
-// come out the same as with one-by-one filing: sorted by title, and among
-// equal titles the later item first.
-void categoriseItems(const std::vector<NewItem>& newItems) {
-  std::vector<Placement> placements;
-  for (const NewItem& pending : newItems) {
-    DmsObject* top = topContainerFor(pending.item);
-    if (!top) continue;
-    int index = 0;
-    for (DmsObject* view = top->firstChild; view; view = view->nextSibling, ++index) {
-      const uint64_t bit = viewBitFor(view->upnpClass());
-      if (bit == 0) continue;
-      DmsObject* container =
-          bit == kViewAll ? view : findOrCreateGroup(view, groupKey(bit, *pending.metadata), bit == kViewMoments);
-      if (container) placements.push_back({container, pending.item, bit, index});
-    }
+// Finds or creates the item's group in each view of its top container and
+// notes the references to make.
+void placeItem(DmsObject* item, const MediaStream& metadata, std::vector<Placement>& placements) {
+  DmsObject* top = topContainerFor(item);
+  if (!top) return;
+  int index = 0;
+  for (DmsObject* view = top->firstChild; view; view = view->nextSibling, ++index) {
+    const uint64_t bit = viewBitFor(view->upnpClass());
+    if (bit == 0) continue;
+    DmsObject* container =
+        bit == kViewAll ? view : findOrCreateGroup(view, groupKey(bit, metadata), bit == kViewMoments);
+    if (container) placements.push_back({container, item, bit, index});
   }
+}
+
+// Links the references in, each container's in title order during a single
+// walk down its children. The lists come out as with one-by-one filing:
+// sorted by title, and among equal titles the later item first.
+void linkPlacements(std::vector<Placement>& placements) {
   // By view first, so that each item's list of references is built in view order.
   std::stable_sort(placements.begin(), placements.end(), [](const Placement& a, const Placement& b) {
     if (a.view != b.view) return a.view < b.view;
@@ -284,9 +283,7 @@ void categoriseItems(const std::vector<NewItem>& newItems) {
   }
 }
 
-}  // namespace
-
-int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent) {
+int scanFolder(DmsObject* folder, int32_t pass, int64_t* spent) {
   if (*spent > DmsLibrary_StepBudget) return 0;
   if (!isFolder(folder)) return 1;
 
@@ -302,13 +299,14 @@ int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent) {
   for (DmsObject* child = folder->firstChild; child;) {
     DmsObject* next = child->nextSibling;
     const bool childIsFolder = isFolder(child);
-    if (childIsFolder && DmsLibrary_Scan(child, pass, spent) != 1) {
+    if (childIsFolder && scanFolder(child, pass, spent) != 1) {
       result = 0;
       break;
     }
     const bool unseen = child->pass != pass;
     if (unseen || (childIsFolder && child->childCount == 0)) {
       const int64_t started = nowMicros();
+      flushPlacements();
       DmsObject_Free(child->id);
       changed |= unseen;
       *spent += nowMicros() - started;
@@ -320,6 +318,14 @@ int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent) {
     child = next;
   }
   if (changed) DmsContent_RaiseSystemUpdateId();
+  return result;
+}
+
+}  // namespace
+
+int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent) {
+  const int result = scanFolder(folder, pass, spent);
+  flushPlacements();
   return result;
 }
 
@@ -349,7 +355,7 @@ const char* DmsLibrary_ItemClass(const MediaStream* stream) {
 }
 
 void DmsLibrary_Categorise(DmsObject* item, const MediaStream& metadata) {
-  std::vector<NewItem> newItems;
-  newItems.push_back({item, &metadata, nullptr});
-  categoriseItems(newItems);
+  std::vector<Placement> placements;
+  placeItem(item, metadata, placements);
+  linkPlacements(placements);
 }
