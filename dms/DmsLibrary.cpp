@@ -28,11 +28,11 @@ constexpr std::array<std::string_view, 27> kExtensions = {
     ".m4a",  ".m4p", ".m4b",  ".m4r", ".mkv",  ".mka", ".webm", ".3gpp", ".3gp", ".aac", ".flac", ".fla", ".flc"};
 
 // Reference ids carry the kind of view in the top word of the high part.
-constexpr uint64_t kViewAll = 2;
-constexpr uint64_t kViewArtists = 4;
-constexpr uint64_t kViewAlbums = 8;
-constexpr uint64_t kViewMoments = 16;
-constexpr uint64_t kViewGenres = 32;
+constexpr uint8_t kViewAll = 2;
+constexpr uint8_t kViewArtists = 4;
+constexpr uint8_t kViewAlbums = 8;
+constexpr uint8_t kViewMoments = 16;
+constexpr uint8_t kViewGenres = 32;
 
 constexpr char kUnknownGroup[] = "Unknown";
 
@@ -83,8 +83,8 @@ class DirectoryReader {
 struct Placement {
   DmsObject* container;
   DmsObject* item;
-  uint64_t viewBit;
-  int view;  // position of the view among its top container's children
+  uint8_t viewBit;
+  uint8_t view;  // position of the view among its top container's children
 };
 
 // The references of the items found in this scan step. Each item's groups
@@ -93,7 +93,9 @@ struct Placement {
 // anything is removed), during one walk down each container. Filing them
 // item by item walked the long All lists once per folder: a quadratic cost,
 // as track numbers at the start of file names spread every folder over the
-// whole list.
+// whole list. A step that finds very many files links them in batches, so
+// that the list of pending references stays small.
+constexpr size_t kMaxPending = 4096;
 std::vector<Placement> pendingPlacements;
 
 void placeItem(DmsObject* item, const MediaStream& metadata, std::vector<Placement>& placements);
@@ -102,9 +104,8 @@ void linkPlacements(std::vector<Placement>& placements);
 // Links the pending references in, as the tree must be complete before an
 // object is removed or the step ends.
 void flushPlacements() {
-  if (pendingPlacements.empty()) return;
   linkPlacements(pendingPlacements);
-  std::vector<Placement>().swap(pendingPlacements);
+  pendingPlacements.clear();
 }
 
 // Handles one regular file of a folder being read; true when the library changed.
@@ -137,6 +138,7 @@ bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat&
   item->modificationTime = static_cast<int64_t>(info.st_mtime);
   item->pass = pass;
   placeItem(item, *stream, pendingPlacements);
+  if (pendingPlacements.size() >= kMaxPending) flushPlacements();
   return true;
 }
 
@@ -174,7 +176,7 @@ FolderRead readFolder(DmsObject* folder, int32_t pass, int64_t* spent) {
   return changed ? FolderRead::Changed : FolderRead::Unchanged;
 }
 
-uint64_t viewBitFor(const char* viewClass) {
+uint8_t viewBitFor(const char* viewClass) {
   if (viewClass == mediaClass(DmsClass_Container)) return kViewAll;
   if (viewClass == mediaClass(DmsClass_Person) || viewClass == mediaClass(DmsClass_MusicArtist)) return kViewArtists;
   if (viewClass == mediaClass(DmsClass_Album) || viewClass == mediaClass(DmsClass_MusicAlbum)) return kViewAlbums;
@@ -186,7 +188,7 @@ uint64_t viewBitFor(const char* viewClass) {
   return 0;
 }
 
-std::string groupKey(uint64_t viewBit, const MediaStream& metadata) {
+std::string groupKey(uint8_t viewBit, const MediaStream& metadata) {
   const std::optional<std::string>* text = nullptr;
   switch (viewBit) {
     case kViewArtists: text = &metadata.artist; break;
@@ -219,8 +221,8 @@ DmsObject* findOrCreateGroup(DmsObject* view, const std::string& key, bool newes
 }
 
 // Links a reference to `item` into `container` after `after`.
-DmsObject* addReference(DmsObject* container, DmsObject* after, DmsObject* item, uint64_t viewBit) {
-  const DmsObjectId id{item->id.high | (viewBit << 32), item->id.low};
+DmsObject* addReference(DmsObject* container, DmsObject* after, DmsObject* item, uint8_t viewBit) {
+  const DmsObjectId id{item->id.high | (uint64_t{viewBit} << 32), item->id.low};
   DmsObject* reference = DmsObject_New(id, nullptr, item->upnpClass(), DmsKind_Reference, container, after);
   if (!reference) return nullptr;
   reference->item = item;
@@ -242,9 +244,9 @@ DmsObject* topContainerFor(const DmsObject* item) {
 void placeItem(DmsObject* item, const MediaStream& metadata, std::vector<Placement>& placements) {
   DmsObject* top = topContainerFor(item);
   if (!top) return;
-  int index = 0;
+  uint8_t index = 0;
   for (DmsObject* view = top->firstChild; view; view = view->nextSibling, ++index) {
-    const uint64_t bit = viewBitFor(view->upnpClass());
+    const uint8_t bit = viewBitFor(view->upnpClass());
     if (bit == 0) continue;
     DmsObject* container =
         bit == kViewAll ? view : findOrCreateGroup(view, groupKey(bit, metadata), bit == kViewMoments);
@@ -326,6 +328,7 @@ int scanFolder(DmsObject* folder, int32_t pass, int64_t* spent) {
 int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent) {
   const int result = scanFolder(folder, pass, spent);
   flushPlacements();
+  std::vector<Placement>().swap(pendingPlacements);
   return result;
 }
 
