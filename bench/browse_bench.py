@@ -5,7 +5,9 @@ the same run, the raw loop (lstat + open + read 4 KB + close, in C, by
 scan_bench --raw-loop) over the same files. The target compares the server's
 CPU time per Browse of 1,000 children with the raw loop's CPU time, since other
 jobs on the machine stretch wall times. Page cache is warm (one untimed pass of
-each first). Run: tools/netns-run /usr/bin/python3 bench/browse_bench.py"""
+each first). Files of a format that an installed tool makes (bench/reallib.py:
+ffmpeg, lame, flac, ImageMagick, exiftool) are real ones; the others are the
+byte-built demo files. Run: tools/netns-run /usr/bin/python3 bench/browse_bench.py"""
 import os
 import re
 import shutil
@@ -16,6 +18,7 @@ import tempfile
 import time
 from pathlib import Path
 
+import reallib
 from benchlib import BUILD, Dms, dms_client, median_ms, require_namespace, verdict
 
 FILES = 1000
@@ -34,13 +37,15 @@ def build_library(root):
     demo = root / "demo"
     subprocess.run([str(BUILD / "dms-mkdemo"), str(demo)], check=True, stdout=subprocess.DEVNULL)
     sources = sorted(p for p in demo.rglob("*") if p.is_file() and p.suffix.lower() in EXTENSIONS)
+    real = reallib.make(root / "real")
+    sources = [real.get(p.suffix.lower(), p) for p in sources]
     folder = root / "media" / "Thousand"
     folder.mkdir(parents=True)
     for index in range(FILES):
         source = sources[index % len(sources)]
         shutil.copy(source, folder / f"item {index:04d}{source.suffix}")
     shutil.rmtree(demo)
-    return folder, len({p.suffix.lower() for p in sources})
+    return folder, len({p.suffix.lower() for p in sources}), sorted(real)
 
 
 def request(index_start, count, folder_id, connection):
@@ -99,7 +104,7 @@ def main():
     require_namespace()
     with tempfile.TemporaryDirectory(prefix="dms-browse-bench-") as temp:
         root = Path(temp)
-        folder, formats = build_library(root)
+        folder, formats, real = build_library(root)
         server = Dms(root / "server", f'path = "{root / "media"}"\nrefreshInterval = "{NO_RESCAN_SECONDS}"\n')
         try:
             port = server.wait_ready()
@@ -134,6 +139,7 @@ def main():
     ]
     print(f"browse_bench: {FILES} files of {formats} formats in one folder, reply of {len(replies[0])} bytes, "
           f"{ROUNDS} rounds per row, warm page cache")
+    print(f"real files from installed tools: {', '.join(real) or 'none (all byte-built)'}")
     print("| measurement | median ms | requests (loops) per s |")
     print("| --- | ---: | ---: |")
     for name, ms, rate in rows:
