@@ -405,9 +405,10 @@ int main(int argc, char** argv) {
               rawTime.seconds / firstTime.seconds, share, verdict(share >= kRawSpeedShare), kRawSpeedShare);
   std::printf("  unchanged rescan / first pass      %.2f wall, %.2f cpu  [%s target <= %.2f]\n",
               rescanTime.seconds / firstTime.seconds, rescanShare, verdict(rescanShare <= kRescanShare), kRescanShare);
+  const bool board = sizeof(void*) == 4;
   std::printf("  resident memory (VmRSS) after the first pass  %.0f KB, %.0f bytes per item  [%s target <= %.0f on %s]\n",
-              residentTree / 1024.0, perItem, verdict(perItem <= kBytesPerItem), kBytesPerItem,
-              sizeof(void*) == 4 ? "this 32-bit build" : "a 32-bit build; this is a 64-bit one");
+              residentTree / 1024.0, perItem, board ? verdict(perItem <= kBytesPerItem) : "n/a", kBytesPerItem,
+              board ? "this 32-bit build" : "a 32-bit build; this is a 64-bit one");
   std::printf("  (content objects per item %.2f, %zu bytes each plus the title)\n",
               static_cast<double>(count.items + count.references + count.containers) / std::max(count.items, 1),
               sizeof(DmsObject));
