@@ -52,16 +52,46 @@ int64_t nowMicros() {
   return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-// The child after which a new entry titled `name` goes: before the first
-// child whose title is not less than the name, ignoring case.
-DmsObject* sortedInsertionPoint(const DmsObject* folder, const char* name) {
-  DmsObject* after = nullptr;
-  for (DmsObject* child = folder->firstChild; child; child = child->nextSibling) {
-    if (strcasecmp(child->title().c_str(), name) >= 0) break;
-    after = child;
+// The children of a folder being read, in list order, gathered at the first
+// change of the read so that each new entry's place is found by binary
+// search. The list is always in title order, ignoring case, as every entry
+// goes in before the first child whose title is not less than its name;
+// walking the list for each new entry made the first read of a folder of
+// thousands of files quadratic.
+class FolderChildren {
+ public:
+  explicit FolderChildren(DmsObject* folder) : folder_(folder) {}
+
+  // Creates an entry of the folder at its sorted place.
+  DmsObject* add(DmsObjectId id, const char* name, const char* upnpClass, DmsObjectKind kind) {
+    gather();
+    const auto at = std::lower_bound(children_.begin(), children_.end(), name, [](const DmsObject* child, const char* key) {
+      return strcasecmp(child->title().c_str(), key) < 0;
+    });
+    DmsObject* object =
+        DmsObject_New(id, name, upnpClass, kind, folder_, at == children_.begin() ? nullptr : *(at - 1));
+    if (object) children_.insert(at, object);
+    return object;
   }
-  return after;
-}
+
+  // Removes a child of the folder with everything below it.
+  void remove(DmsObject* child) {
+    const DmsObjectId id = child->id;
+    if (gathered_) children_.erase(std::find(children_.begin(), children_.end(), child));
+    DmsObject_Free(id);
+  }
+
+ private:
+  void gather() {
+    if (gathered_) return;
+    gathered_ = true;
+    for (DmsObject* child = folder_->firstChild; child; child = child->nextSibling) children_.push_back(child);
+  }
+
+  DmsObject* folder_;
+  bool gathered_ = false;
+  std::vector<DmsObject*> children_;
+};
 
 class DirectoryReader {
  public:
@@ -109,7 +139,8 @@ void flushPlacements() {
 }
 
 // Handles one regular file of a folder being read; true when the library changed.
-bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat& info, int32_t pass) {
+bool scanFile(FolderChildren& children, DmsObject* folder, int dirFd, const char* name, const struct stat& info,
+              int32_t pass) {
   if (!DmsLibrary_HasMediaExtension(name)) return false;
   const DmsObjectId id{static_cast<uint64_t>(info.st_dev) + 1, static_cast<uint64_t>(info.st_ino)};
   bool changed = false;
@@ -121,7 +152,7 @@ bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat&
       return false;
     }
     flushPlacements();
-    DmsObject_Free(id);
+    children.remove(existing);
     changed = true;
   }
 
@@ -132,7 +163,7 @@ bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat&
   if (!itemClass) return changed;
   if (stream->date == 0) stream->date = static_cast<int32_t>(info.st_mtime);
 
-  DmsObject* item = DmsObject_New(id, name, itemClass, DmsKind_Item, folder, sortedInsertionPoint(folder, name));
+  DmsObject* item = children.add(id, name, itemClass, DmsKind_Item);
   if (!item) return changed;
   item->mimeType = stream->mimeType;
   item->modificationTime = static_cast<int64_t>(info.st_mtime);
@@ -142,11 +173,10 @@ bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat&
   return true;
 }
 
-void scanDirectory(DmsObject* folder, const char* name, const struct stat& info, int32_t pass) {
+void scanDirectory(FolderChildren& children, const char* name, const struct stat& info, int32_t pass) {
   const DmsObjectId id{static_cast<uint64_t>(info.st_dev) + 1, static_cast<uint64_t>(info.st_ino)};
   if (DmsObject_Find(id)) return;
-  DmsObject* child = DmsObject_New(id, name, mediaClass(DmsClass_StorageFolder), DmsKind_Container, folder,
-                                   sortedInsertionPoint(folder, name));
+  DmsObject* child = children.add(id, name, mediaClass(DmsClass_StorageFolder), DmsKind_Container);
   if (child) child->pass = pass;
 }
 
@@ -162,14 +192,15 @@ FolderRead readFolder(DmsObject* folder, int32_t pass, int64_t* spent) {
   folder->pass = pass;
   const int64_t started = nowMicros();
   bool changed = false;
+  FolderChildren children(folder);
   while (const dirent* entry = directory.next()) {
     if (DmsLibrary_IsHiddenName(entry->d_name)) continue;
     struct stat info {};
     if (::fstatat(directory.fd(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
     if (S_ISREG(info.st_mode)) {
-      changed |= scanFile(folder, directory.fd(), entry->d_name, info, pass);
+      changed |= scanFile(children, folder, directory.fd(), entry->d_name, info, pass);
     } else if (S_ISDIR(info.st_mode)) {
-      scanDirectory(folder, entry->d_name, info, pass);
+      scanDirectory(children, entry->d_name, info, pass);
     }
   }
   *spent += nowMicros() - started;
