@@ -275,5 +275,7 @@ void DmsBrowse_Browse(HTTPRequest* request, const char* serviceType, const char*
                                {"TotalMatches", total, static_cast<uint32_t>(std::strlen(total))},
                                {"UpdateID", update, static_cast<uint32_t>(std::strlen(update))},
                                {nullptr, nullptr, 0}};
-  if (chunks.add(envelopePart(serviceType, actionName, tail, false)) && chunks.add({})) chunks.flush();
+  if (chunks.add(envelopePart(serviceType, actionName, tail, false)) && chunks.flush()) {
+    DmsHttp_WriteChunk(request, response, {});
+  }
 }
