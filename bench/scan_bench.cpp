@@ -2,6 +2,8 @@
 // nested folders, then times the first full scan, an unchanged rescan and a
 // plain lstat/open/read loop over the same files, and reports the memory the
 // content tree holds. Targets are printed as PASS or MISS, never asserted.
+// With --raw-loop FOLDER it only times the raw loop over the files of one
+// folder, for the Browse benchmark to set beside its figures.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +18,7 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "dms/DmsLibrary.h"
@@ -47,8 +50,12 @@ constexpr size_t kRawReadBytes = 4096;
 // Targets for 10,000 files on the 2-core reference machine.
 constexpr double kFirstPassSeconds = 1.0;
 constexpr double kRescanSeconds = 0.3;
-constexpr double kRawSpeedShare = 0.5;
-constexpr double kBytesPerItem = 1024.0;
+constexpr double kRawSpeedShare = 0.5;   // first pass speed against the raw loop's
+constexpr double kRescanShare = 0.25;    // unchanged rescan time against the first pass's
+// Resident bytes per item after the first pass, on the 32-bit board: an i386
+// build of this benchmark measures it (pointers are half the size there, so
+// an x86-64 build reports more).
+constexpr double kBytesPerItem = 300.0;
 
 constexpr const char* kGenres[] = {"Jazz", "Rock", "Pop", "Classical", "Blues", "Folk", "Electronic", "Soul"};
 
@@ -201,12 +208,16 @@ Timing timeOf(Work&& work) {
   return {secondsSince(start), cpuSeconds() - cpuStart};
 }
 
+// VmRSS of this process.
 int64_t residentBytes() {
-  std::ifstream statm("/proc/self/statm");
-  int64_t size = 0;
-  int64_t resident = 0;
-  statm >> size >> resident;
-  return resident * ::sysconf(_SC_PAGESIZE);
+  std::ifstream status("/proc/self/status");
+  std::string key;
+  int64_t kilobytes = 0;
+  while (status >> key) {
+    if (key == "VmRSS:" && status >> kilobytes) return kilobytes * 1024;
+    status.ignore(256, '\n');
+  }
+  return 0;
 }
 
 DmsObject* TreeBuild(const std::string& root) {
@@ -291,11 +302,34 @@ std::string LibraryMakeRoot(const char* parent) {
   return pattern;
 }
 
+// The raw loop over the files of `folder` in name order: prints the median
+// wall and CPU milliseconds of `kRawRounds` rounds.
+int RawLoopOverFolder(const char* folder) {
+  constexpr int kRawRounds = 51;
+  Library library;
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(folder, error)) {
+    if (entry.is_regular_file()) library.files.push_back(entry.path().string());
+  }
+  if (error || library.files.empty()) {
+    std::fprintf(stderr, "no files in %s\n", folder);
+    return 1;
+  }
+  std::sort(library.files.begin(), library.files.end());
+  std::vector<Timing> runs;
+  for (int round = 0; round < kRawRounds; ++round) runs.push_back(RawLoop(library));
+  const Timing time = median(runs);
+  std::printf("raw loop: %zu files, median %.3f ms wall, %.3f ms cpu\n", library.files.size(), time.seconds * 1e3,
+              time.cpu * 1e3);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 3 && std::string_view(argv[1]) == "--raw-loop") return RawLoopOverFolder(argv[2]);
   if (argc > 2) {
-    std::fprintf(stderr, "usage: %s [PARENT-DIRECTORY]\n", argv[0]);
+    std::fprintf(stderr, "usage: %s [PARENT-DIRECTORY] | --raw-loop FOLDER\n", argv[0]);
     return 2;
   }
   const int64_t residentAtStart = residentBytes();
@@ -343,7 +377,9 @@ int main(int argc, char** argv) {
   const Timing firstTime = median(firstPass);
   const Timing rescanTime = median(rescan);
   const Timing rawTime = median(raw);
-  const double share = rawTime.seconds / firstTime.seconds;
+  // Verdicts on CPU time: other jobs on the machine stretch the wall time.
+  const double share = rawTime.cpu / firstTime.cpu;
+  const double rescanShare = rescanTime.cpu / firstTime.cpu;
   const double perItem = static_cast<double>(residentTree) / std::max(count.items, 1);
   double load[3] = {};
   ::getloadavg(load, 3);
@@ -365,10 +401,17 @@ int main(int argc, char** argv) {
                 kRescanSeconds);
   row("unchanged scan", rescanTime, note);
   row("raw loop", rawTime, "(lstat + open + read 4 KB + close)");
-  std::printf("  first pass speed / raw loop speed  %.2f wall, %.2f cpu  [%s target >= %.2f]\n", share,
-              rawTime.cpu / firstTime.cpu, verdict(share >= kRawSpeedShare), kRawSpeedShare);
-  std::printf("  resident memory  %.0f KB for the tree, %.0f bytes per item  [%s target <= %.0f]\n",
-              residentTree / 1024.0, perItem, verdict(perItem <= kBytesPerItem), kBytesPerItem);
+  std::printf("  first pass speed / raw loop speed  %.2f wall, %.2f cpu  [%s target >= %.2f]\n",
+              rawTime.seconds / firstTime.seconds, share, verdict(share >= kRawSpeedShare), kRawSpeedShare);
+  std::printf("  unchanged rescan / first pass      %.2f wall, %.2f cpu  [%s target <= %.2f]\n",
+              rescanTime.seconds / firstTime.seconds, rescanShare, verdict(rescanShare <= kRescanShare), kRescanShare);
+  const bool board = sizeof(void*) == 4;
+  std::printf("  resident memory (VmRSS) after the first pass  %.0f KB, %.0f bytes per item  [%s target <= %.0f on %s]\n",
+              residentTree / 1024.0, perItem, board ? verdict(perItem <= kBytesPerItem) : "n/a", kBytesPerItem,
+              board ? "this 32-bit build" : "a 32-bit build; this is a 64-bit one");
+  std::printf("  (content objects per item %.2f, %zu bytes each plus the title)\n",
+              static_cast<double>(count.items + count.references + count.containers) / std::max(count.items, 1),
+              sizeof(DmsObject));
   std::printf("  (process resident memory at start %.0f KB)\n", residentAtStart / 1024.0);
 
   std::error_code error;

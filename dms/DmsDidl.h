@@ -31,6 +31,9 @@ uint32_t DmsDidl_ParseFilter(std::string_view filter);
 // an item in it is then opened by its name alone instead of its full path.
 std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint16_t port, uint32_t filter,
                                  int folderFd = -1);
+// The same element appended to `out`: Browse renders a page into one buffer.
+void DmsDidl_AppendObject(std::string& out, const DmsObject* object, const char* host, uint16_t port,
+                          uint32_t filter, int folderFd = -1);
 
 // Doubly escapes the five XML special characters.
 std::string DmsDidl_Escape(std::string_view text);

@@ -29,11 +29,11 @@ constexpr std::array<std::string_view, 27> kExtensions = {
     ".m4a",  ".m4p", ".m4b",  ".m4r", ".mkv",  ".mka", ".webm", ".3gpp", ".3gp", ".aac", ".flac", ".fla", ".flc"};
 
 // Reference ids carry the kind of view in the top word of the high part.
-constexpr uint64_t kViewAll = 2;
-constexpr uint64_t kViewArtists = 4;
-constexpr uint64_t kViewAlbums = 8;
-constexpr uint64_t kViewMoments = 16;
-constexpr uint64_t kViewGenres = 32;
+constexpr uint8_t kViewAll = 2;
+constexpr uint8_t kViewArtists = 4;
+constexpr uint8_t kViewAlbums = 8;
+constexpr uint8_t kViewMoments = 16;
+constexpr uint8_t kViewGenres = 32;
 
 constexpr char kUnknownGroup[] = "Unknown";
 
@@ -48,16 +48,46 @@ int64_t nowMicros() {
   return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-// The child after which a new entry titled `name` goes: before the first
-// child whose title is not less than the name, ignoring case.
-DmsObject* sortedInsertionPoint(const DmsObject* folder, const char* name) {
-  DmsObject* after = nullptr;
-  for (DmsObject* child = folder->firstChild; child; child = child->nextSibling) {
-    if (strcasecmp(child->title.c_str(), name) >= 0) break;
-    after = child;
+// The children of a folder being read, in list order, gathered at the first
+// change of the read so that each new entry's place is found by binary
+// search. The list is always in title order, ignoring case, as every entry
+// goes in before the first child whose title is not less than its name;
+// walking the list for each new entry made the first read of a folder of
+// thousands of files quadratic.
+class FolderChildren {
+ public:
+  explicit FolderChildren(DmsObject* folder) : folder_(folder) {}
+
+  // Creates an entry of the folder at its sorted place.
+  DmsObject* add(DmsObjectId id, const char* name, const char* upnpClass, DmsObjectKind kind) {
+    gather();
+    const auto at = std::lower_bound(children_.begin(), children_.end(), name, [](const DmsObject* child, const char* key) {
+      return strcasecmp(child->title().c_str(), key) < 0;
+    });
+    DmsObject* object =
+        DmsObject_New(id, name, upnpClass, kind, folder_, at == children_.begin() ? nullptr : *(at - 1));
+    if (object) children_.insert(at, object);
+    return object;
   }
-  return after;
-}
+
+  // Removes a child of the folder with everything below it.
+  void remove(DmsObject* child) {
+    const DmsObjectId id = child->id;
+    if (gathered_) children_.erase(std::find(children_.begin(), children_.end(), child));
+    DmsObject_Free(id);
+  }
+
+ private:
+  void gather() {
+    if (gathered_) return;
+    gathered_ = true;
+    for (DmsObject* child = folder_->firstChild; child; child = child->nextSibling) children_.push_back(child);
+  }
+
+  DmsObject* folder_;
+  bool gathered_ = false;
+  std::vector<DmsObject*> children_;
+};
 
 class DirectoryReader {
  public:
@@ -75,36 +105,50 @@ class DirectoryReader {
   DIR* dir_;
 };
 
-// A new item waiting to be filed into the views: the items of one folder
-// are filed together once the folder is read.
-struct NewItem {
+// One reference still to be made.
+struct Placement {
+  DmsObject* container;
   DmsObject* item;
-  const MediaStream* metadata;
-  MediaStreamPtr owned;  // the scan's own record of the file
+  uint8_t viewBit;
+  uint8_t view;  // position of the view among its top container's children
 };
 
-void categoriseItems(const std::vector<NewItem>& newItems);
+// The references of the items found in this scan step. Each item's groups
+// are found or created as soon as it is found, so group ids come out in scan
+// order; the references themselves are linked in once per step (and before
+// anything is removed), during one walk down each container. Filing them
+// item by item walked the long All lists once per folder: a quadratic cost,
+// as track numbers at the start of file names spread every folder over the
+// whole list. A step that finds very many files links them in batches, so
+// that the list of pending references stays small.
+constexpr size_t kMaxPending = 4096;
+std::vector<Placement> pendingPlacements;
+
+void placeItem(DmsObject* item, const MediaStream& metadata, std::vector<Placement>& placements);
+void linkPlacements(std::vector<Placement>& placements);
+
+// Links the pending references in, as the tree must be complete before an
+// object is removed or the step ends.
+void flushPlacements() {
+  linkPlacements(pendingPlacements);
+  pendingPlacements.clear();
+}
 
 // Handles one regular file of a folder being read; true when the library changed.
-bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat& info, int32_t pass,
-              std::vector<NewItem>& newItems) {
+bool scanFile(FolderChildren& children, DmsObject* folder, int dirFd, const char* name, const struct stat& info,
+              int32_t pass) {
   if (!DmsLibrary_HasMediaExtension(name)) return false;
   const DmsObjectId id{static_cast<uint64_t>(info.st_dev) + 1, static_cast<uint64_t>(info.st_ino)};
   bool changed = false;
   if (DmsObject* existing = DmsObject_Find(id)) {
     // A hard link stays where it was first seen.
     if (existing->parent != folder || existing->kind != DmsKind_Item) return false;
-    if (existing->modificationTime == static_cast<int64_t>(info.st_mtime) && existing->title == name) {
+    if (existing->modificationTime == static_cast<int64_t>(info.st_mtime) && existing->title() == name) {
       existing->pass = pass;
       return false;
     }
-    // A second name of a file first seen in this very read: the items so far
-    // are filed before it goes, just as if each had been filed at once.
-    if (std::ranges::any_of(newItems, [existing](const NewItem& pending) { return pending.item == existing; })) {
-      categoriseItems(newItems);
-      newItems.clear();
-    }
-    DmsObject_Free(id);
+    flushPlacements();
+    children.remove(existing);
     changed = true;
   }
 
@@ -115,21 +159,20 @@ bool scanFile(DmsObject* folder, int dirFd, const char* name, const struct stat&
   if (!itemClass) return changed;
   if (stream->date == 0) stream->date = static_cast<int32_t>(info.st_mtime);
 
-  DmsObject* item = DmsObject_New(id, name, itemClass, DmsKind_Item, folder, sortedInsertionPoint(folder, name));
+  DmsObject* item = children.add(id, name, itemClass, DmsKind_Item);
   if (!item) return changed;
   item->mimeType = stream->mimeType;
   item->modificationTime = static_cast<int64_t>(info.st_mtime);
   item->pass = pass;
-  const MediaStream* metadata = stream.get();
-  newItems.push_back({item, metadata, std::move(stream)});
+  placeItem(item, *stream, pendingPlacements);
+  if (pendingPlacements.size() >= kMaxPending) flushPlacements();
   return true;
 }
 
-void scanDirectory(DmsObject* folder, const char* name, const struct stat& info, int32_t pass) {
+void scanDirectory(FolderChildren& children, const char* name, const struct stat& info, int32_t pass) {
   const DmsObjectId id{static_cast<uint64_t>(info.st_dev) + 1, static_cast<uint64_t>(info.st_ino)};
   if (DmsObject_Find(id)) return;
-  DmsObject* child = DmsObject_New(id, name, mediaClass(DmsClass_StorageFolder), DmsKind_Container, folder,
-                                   sortedInsertionPoint(folder, name));
+  DmsObject* child = children.add(id, name, mediaClass(DmsClass_StorageFolder), DmsKind_Container);
   if (child) child->pass = pass;
 }
 
@@ -145,23 +188,22 @@ FolderRead readFolder(DmsObject* folder, int32_t pass, int64_t* spent) {
   folder->pass = pass;
   const int64_t started = nowMicros();
   bool changed = false;
-  std::vector<NewItem> newItems;
+  FolderChildren children(folder);
   while (const dirent* entry = directory.next()) {
     if (DmsLibrary_IsHiddenName(entry->d_name)) continue;
     struct stat info {};
     if (::fstatat(directory.fd(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
     if (S_ISREG(info.st_mode)) {
-      changed |= scanFile(folder, directory.fd(), entry->d_name, info, pass, newItems);
+      changed |= scanFile(children, folder, directory.fd(), entry->d_name, info, pass);
     } else if (S_ISDIR(info.st_mode)) {
-      scanDirectory(folder, entry->d_name, info, pass);
+      scanDirectory(children, entry->d_name, info, pass);
     }
   }
-  categoriseItems(newItems);
   *spent += nowMicros() - started;
   return changed ? FolderRead::Changed : FolderRead::Unchanged;
 }
 
-uint64_t viewBitFor(const char* viewClass) {
+uint8_t viewBitFor(const char* viewClass) {
   if (viewClass == mediaClass(DmsClass_Container)) return kViewAll;
   if (viewClass == mediaClass(DmsClass_Person) || viewClass == mediaClass(DmsClass_MusicArtist)) return kViewArtists;
   if (viewClass == mediaClass(DmsClass_Album) || viewClass == mediaClass(DmsClass_MusicAlbum)) return kViewAlbums;
@@ -173,7 +215,7 @@ uint64_t viewBitFor(const char* viewClass) {
   return 0;
 }
 
-std::string groupKey(uint64_t viewBit, const MediaStream& metadata) {
+std::string groupKey(uint8_t viewBit, const MediaStream& metadata) {
   const std::optional<std::string>* text = nullptr;
   switch (viewBit) {
     case kViewArtists: text = &metadata.artist; break;
@@ -197,18 +239,18 @@ std::string groupKey(uint64_t viewBit, const MediaStream& metadata) {
 DmsObject* findOrCreateGroup(DmsObject* view, const std::string& key, bool newestFirst) {
   DmsObject* after = nullptr;
   for (DmsObject* group = view->firstChild; group; group = group->nextSibling) {
-    int order = strcasecmp(group->title.c_str(), key.c_str());
+    int order = strcasecmp(group->title().c_str(), key.c_str());
     if (order == 0) return group;
     if (newestFirst ? order < 0 : order > 0) break;
     after = group;
   }
-  return DmsObject_New({0, ++lastGroupId}, key.c_str(), view->upnpClass, DmsKind_Container, view, after);
+  return DmsObject_New({0, ++lastGroupId}, key.c_str(), view->upnpClass(), DmsKind_Container, view, after);
 }
 
 // Links a reference to `item` into `container` after `after`.
-DmsObject* addReference(DmsObject* container, DmsObject* after, DmsObject* item, uint64_t viewBit) {
-  const DmsObjectId id{item->id.high | (viewBit << 32), item->id.low};
-  DmsObject* reference = DmsObject_New(id, nullptr, item->upnpClass, DmsKind_Reference, container, after);
+DmsObject* addReference(DmsObject* container, DmsObject* after, DmsObject* item, uint8_t viewBit) {
+  const DmsObjectId id{item->id.high | (uint64_t{viewBit} << 32), item->id.low};
+  DmsObject* reference = DmsObject_New(id, nullptr, item->upnpClass(), DmsKind_Reference, container, after);
   if (!reference) return nullptr;
   reference->item = item;
   reference->nextReference = item->references;
@@ -218,46 +260,36 @@ DmsObject* addReference(DmsObject* container, DmsObject* after, DmsObject* item,
 
 DmsObject* topContainerFor(const DmsObject* item) {
   if (!item || item->kind != DmsKind_Item) return nullptr;
-  if (item->upnpClass == mediaClass(DmsClass_AudioItem)) return DmsObject_Find(DmsId_Music);
-  if (item->upnpClass == mediaClass(DmsClass_VideoItem)) return DmsObject_Find(DmsId_Videos);
-  if (item->upnpClass == mediaClass(DmsClass_ImageItem)) return DmsObject_Find(DmsId_Pictures);
+  if (item->upnpClass() == mediaClass(DmsClass_AudioItem)) return DmsObject_Find(DmsId_Music);
+  if (item->upnpClass() == mediaClass(DmsClass_VideoItem)) return DmsObject_Find(DmsId_Videos);
+  if (item->upnpClass() == mediaClass(DmsClass_ImageItem)) return DmsObject_Find(DmsId_Pictures);
   return nullptr;
 }
 
-// One reference still to be made.
-struct Placement {
-  DmsObject* container;
-  DmsObject* item;
-  uint64_t viewBit;
-  int view;  // position of the view among its top container's children
-};
-
-// Groups are found or created item by item in scan order, so group ids come
-// out as if each item were filed on its own. The references then go into
-// each container in title order during a single walk down its children,
-// instead of one walk per item: a library of thousands of items would
-// otherwise spend most of its first pass walking the All lists. The lists
-// come out the same as with one-by-one filing: sorted by title, and among
-// equal titles the later item first.
-void categoriseItems(const std::vector<NewItem>& newItems) {
-  std::vector<Placement> placements;
-  for (const NewItem& pending : newItems) {
-    DmsObject* top = topContainerFor(pending.item);
-    if (!top) continue;
-    int index = 0;
-    for (DmsObject* view = top->firstChild; view; view = view->nextSibling, ++index) {
-      const uint64_t bit = viewBitFor(view->upnpClass);
-      if (bit == 0) continue;
-      DmsObject* container =
-          bit == kViewAll ? view : findOrCreateGroup(view, groupKey(bit, *pending.metadata), bit == kViewMoments);
-      if (container) placements.push_back({container, pending.item, bit, index});
-    }
+// Finds or creates the item's group in each view of its top container and
+// notes the references to make.
+void placeItem(DmsObject* item, const MediaStream& metadata, std::vector<Placement>& placements) {
+  DmsObject* top = topContainerFor(item);
+  if (!top) return;
+  uint8_t index = 0;
+  for (DmsObject* view = top->firstChild; view; view = view->nextSibling, ++index) {
+    const uint8_t bit = viewBitFor(view->upnpClass());
+    if (bit == 0) continue;
+    DmsObject* container =
+        bit == kViewAll ? view : findOrCreateGroup(view, groupKey(bit, metadata), bit == kViewMoments);
+    if (container) placements.push_back({container, item, bit, index});
   }
+}
+
+// Links the references in, each container's in title order during a single
+// walk down its children. The lists come out as with one-by-one filing:
+// sorted by title, and among equal titles the later item first.
+void linkPlacements(std::vector<Placement>& placements) {
   // By view first, so that each item's list of references is built in view order.
   std::stable_sort(placements.begin(), placements.end(), [](const Placement& a, const Placement& b) {
     if (a.view != b.view) return a.view < b.view;
     if (a.container != b.container) return std::less<const DmsObject*>{}(a.container, b.container);
-    return strcasecmp(a.item->title.c_str(), b.item->title.c_str()) < 0;
+    return strcasecmp(a.item->title().c_str(), b.item->title().c_str()) < 0;
   });
   const DmsObject* container = nullptr;
   DmsObject* after = nullptr;
@@ -269,8 +301,8 @@ void categoriseItems(const std::vector<NewItem>& newItems) {
       next = container->firstChild;
     }
     while (next) {
-      const DmsObject* target = next->item ? next->item : next;
-      if (strcasecmp(target->title.c_str(), placement.item->title.c_str()) >= 0) break;
+      const DmsObject* target = next->kind == DmsKind_Reference && next->item ? next->item : next;
+      if (strcasecmp(target->title().c_str(), placement.item->title().c_str()) >= 0) break;
       after = next;
       next = next->nextSibling;
     }
@@ -280,9 +312,7 @@ void categoriseItems(const std::vector<NewItem>& newItems) {
   }
 }
 
-}  // namespace
-
-int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent) {
+int scanFolder(DmsObject* folder, int32_t pass, int64_t* spent) {
   if (*spent > DmsLibrary_StepBudget) return 0;
   if (!DmsObject_IsFolder(folder)) return 1;
 
@@ -298,13 +328,14 @@ int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent) {
   for (DmsObject* child = folder->firstChild; child;) {
     DmsObject* next = child->nextSibling;
     const bool childIsFolder = DmsObject_IsFolder(child);
-    if (childIsFolder && DmsLibrary_Scan(child, pass, spent) != 1) {
+    if (childIsFolder && scanFolder(child, pass, spent) != 1) {
       result = 0;
       break;
     }
     const bool unseen = child->pass != pass;
     if (unseen || (childIsFolder && child->childCount == 0)) {
       const int64_t started = nowMicros();
+      flushPlacements();
       DmsObject_Free(child->id);
       changed |= unseen;
       *spent += nowMicros() - started;
@@ -316,6 +347,15 @@ int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent) {
     child = next;
   }
   if (changed) DmsContent_RaiseSystemUpdateId();
+  return result;
+}
+
+}  // namespace
+
+int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent) {
+  const int result = scanFolder(folder, pass, spent);
+  flushPlacements();
+  std::vector<Placement>().swap(pendingPlacements);
   return result;
 }
 
@@ -342,7 +382,7 @@ const char* DmsLibrary_ItemClass(const MediaStream* stream) {
 }
 
 void DmsLibrary_Categorise(DmsObject* item, const MediaStream& metadata) {
-  std::vector<NewItem> newItems;
-  newItems.push_back({item, &metadata, nullptr});
-  categoriseItems(newItems);
+  std::vector<Placement> placements;
+  placeItem(item, metadata, placements);
+  linkPlacements(placements);
 }

@@ -9,7 +9,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <vector>
 
 const std::array<const char*, DmsClass_Count> dlnaMediaClasses = {
     "",
@@ -32,12 +34,159 @@ const std::array<const char*, DmsClass_Count> dlnaMediaClasses = {
 
 namespace {
 
-constexpr size_t kBucketCount = 251;
-std::array<DmsObject*, kBucketCount> idTable{};
+// Objects with their titles come from slabs, in size classes of one
+// alignment step, and go back to the free list of their class: one block per
+// object, and no allocator overhead beside it. The slabs are given back when
+// the last object goes (the tree is freed whole when the server closes).
+class ObjectPool {
+ public:
+  void* allocate(size_t bytes) {
+    if (bytes > kLargestPooled) return ::operator new(bytes, std::nothrow);
+    FreeBlock*& list = freeLists_[classOf(bytes)];
+    live_ += 1;
+    if (FreeBlock* block = list) {
+      list = block->next;
+      return block;
+    }
+    const size_t rounded = classOf(bytes) * kGranule;
+    if (left_ < rounded) {
+      auto* slab = new (std::nothrow) std::byte[kSlabBytes];
+      if (!slab) {
+        live_ -= 1;
+        return nullptr;
+      }
+      slabs_ = new (slab) Slab{slabs_};
+      cursor_ = slab + kSlabHeader;
+      left_ = kSlabBytes - kSlabHeader;
+    }
+    void* block = cursor_;
+    cursor_ += rounded;
+    left_ -= rounded;
+    return block;
+  }
+
+  void release(void* block, size_t bytes) {
+    if (bytes > kLargestPooled) {
+      ::operator delete(block);
+      return;
+    }
+    FreeBlock*& list = freeLists_[classOf(bytes)];
+    list = new (block) FreeBlock{list};
+    if (--live_ == 0) reset();
+  }
+
+ private:
+  struct FreeBlock {
+    FreeBlock* next;
+  };
+  // Each slab begins with the link to the one taken before it.
+  struct Slab {
+    Slab* previous;
+  };
+  static constexpr size_t kGranule = alignof(DmsObject);
+  static_assert(kGranule >= alignof(FreeBlock) && kGranule >= alignof(Slab) && sizeof(DmsObject) >= sizeof(FreeBlock));
+  static constexpr size_t kSlabBytes = 32768;
+  // A file name is at most 255 bytes; longer titles (a configured path) are rare.
+  static constexpr size_t kLargestPooled = sizeof(DmsObject) + 256;
+
+  static constexpr size_t kSlabHeader = (sizeof(Slab) + kGranule - 1) / kGranule * kGranule;
+
+  static size_t classOf(size_t bytes) { return (bytes + kGranule - 1) / kGranule; }
+
+  void reset() {
+    while (Slab* slab = slabs_) {
+      slabs_ = slab->previous;
+      delete[] reinterpret_cast<std::byte*>(slab);
+    }
+    freeLists_.fill(nullptr);
+    cursor_ = nullptr;
+    left_ = 0;
+  }
+
+  Slab* slabs_ = nullptr;
+  std::array<FreeBlock*, kLargestPooled / kGranule + 2> freeLists_{};
+  std::byte* cursor_ = nullptr;
+  size_t left_ = 0;
+  uint32_t live_ = 0;
+};
+
+// The id table: a power-of-two number of buckets, doubled whenever the
+// objects outnumber the buckets four times over, so that a chain stays a few
+// objects long whatever the size of the library, at about one byte of table
+// per object on the board. Each chain keeps the order in which
+// its objects came (newest first) through every doubling.
+class IdTable {
+ public:
+  DmsObject*& bucketOf(DmsObjectId id) { return buckets_[indexOf(id, bits_)]; }
+
+  void insert(DmsObject* object) {
+    if (count_ >= kLoad * (uint32_t{1} << bits_)) grow();
+    DmsObject*& bucket = bucketOf(object->id);
+    object->nextInBucket = bucket;
+    bucket = object;
+    count_ += 1;
+  }
+
+  void remove(DmsObject* object) {
+    for (DmsObject** at = &bucketOf(object->id); *at; at = &(*at)->nextInBucket) {
+      if (*at == object) {
+        *at = object->nextInBucket;
+        count_ -= 1;
+        return;
+      }
+    }
+  }
+
+ private:
+  static constexpr unsigned kInitialBits = 8;
+  static constexpr uint32_t kLoad = 4;
+
+  static uint32_t indexOf(DmsObjectId id, unsigned bits) {
+    // Items and their references share the low part; the high part tells them apart.
+    const uint64_t mixed = (id.low + id.high * 0x9E3779B97F4A7C15ull) * 0xBF58476D1CE4E5B9ull;
+    return static_cast<uint32_t>(mixed >> (64 - bits));
+  }
+
+  // Keeps the table as it is when memory for a larger one is missing: the
+  // chains then only grow longer.
+  void grow() {
+    const unsigned bits = bits_ + 1;
+    auto buckets = std::unique_ptr<DmsObject*[]>(new (std::nothrow) DmsObject*[size_t{1} << bits]());
+    if (!buckets) return;
+    for (uint32_t index = 0; index < (uint32_t{1} << bits_); ++index) {
+      DmsObject* object = buckets_[index];
+      while (object) {
+        DmsObject* next = object->nextInBucket;
+        DmsObject** tail = &buckets[indexOf(object->id, bits)];
+        while (*tail) tail = &(*tail)->nextInBucket;
+        object->nextInBucket = nullptr;
+        *tail = object;
+        object = next;
+      }
+    }
+    buckets_ = std::move(buckets);
+    bits_ = bits;
+  }
+
+  std::unique_ptr<DmsObject*[]> buckets_{new DmsObject*[size_t{1} << kInitialBits]()};
+  unsigned bits_ = kInitialBits;
+  uint32_t count_ = 0;
+};
+
+ObjectPool pool;
+IdTable idTable;
 // Written under the content mutex; read without it by the eventing thread.
 std::atomic<uint32_t> systemUpdateId{0};
 
-DmsObject*& bucketOf(DmsObjectId id) { return idTable[id.low % kBucketCount]; }
+uint8_t classIndex(const char* upnpClass) {
+  for (size_t index = 0; index < dlnaMediaClasses.size(); ++index) {
+    if (dlnaMediaClasses[index] == upnpClass) return static_cast<uint8_t>(index);
+  }
+  return DmsClass_None;
+}
+
+// The object and its title share one block.
+size_t blockSize(const char* title) { return sizeof(DmsObject) + (title && title[0] ? std::strlen(title) + 1 : 0); }
 
 // Unlinks `target` from the singly linked list that starts at `head` and
 // continues through `link`.
@@ -58,13 +207,15 @@ void freeObject(DmsObject* object) {
   } else if (object->item) {
     unlinkFrom(object->item->references, object, &DmsObject::nextReference);
   }
-  unlinkFrom(bucketOf(object->id), object, &DmsObject::nextInBucket);
+  idTable.remove(object);
   if (DmsObject* parent = object->parent) {
     unlinkFrom(parent->firstChild, object, &DmsObject::nextSibling);
     parent->childCount -= 1;
     parent->updateId += 1;
   }
-  delete object;
+  const size_t bytes = blockSize(object->title().c_str());
+  object->~DmsObject();
+  pool.release(object, bytes);
 }
 
 }  // namespace
@@ -90,24 +241,34 @@ bool DmsObjectId_Parse(const char* text, DmsObjectId& id) {
 }
 
 bool DmsObject_IsFolder(const DmsObject* object) {
-  return object->upnpClass == dlnaMediaClasses[DmsClass_StorageFolder] ||
-         object->upnpClass == dlnaMediaClasses[DmsClass_StorageVolume];
+  return object->mediaClass == DmsClass_StorageFolder || object->mediaClass == DmsClass_StorageVolume;
 }
 
 DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClass, DmsObjectKind kind,
                          DmsObject* parent, DmsObject* after) {
-  auto* object = new (std::nothrow) DmsObject;
-  if (!object) return nullptr;
+  const size_t bytes = blockSize(title);
+  void* block = pool.allocate(bytes);
+  if (!block) return nullptr;
+  auto* object = new (block) DmsObject;
+  if (bytes > sizeof(DmsObject)) {
+    std::memcpy(object + 1, title, bytes - sizeof(DmsObject));
+    object->hasTitle = true;
+  }
   object->id = id;
-  if (title) object->title = title;
-  object->upnpClass = upnpClass;
+  object->mediaClass = classIndex(upnpClass);
   object->kind = kind;
-  if (DmsObject_IsFolder(object)) object->childCount = -1;
-  if (kind == DmsKind_Container) object->updateId = DmsContent_SystemUpdateId();
-
-  DmsObject*& bucket = bucketOf(id);
-  object->nextInBucket = bucket;
-  bucket = object;
+  if (kind == DmsKind_Item) {
+    object->mimeType = nullptr;
+    object->modificationTime = 0;
+    object->references = nullptr;
+  } else if (kind == DmsKind_Reference) {
+    object->item = nullptr;
+    object->nextReference = nullptr;
+  } else {
+    if (DmsObject_IsFolder(object)) object->childCount = -1;
+    object->updateId = DmsContent_SystemUpdateId();
+  }
+  idTable.insert(object);
 
   if (parent && parent->kind == DmsKind_Container) {
     object->parent = parent;
@@ -125,17 +286,27 @@ void DmsObject_Free(DmsObjectId id) {
 }
 
 DmsObject* DmsObject_Find(DmsObjectId id) {
-  for (DmsObject* object = bucketOf(id); object; object = object->nextInBucket) {
+  for (DmsObject* object = idTable.bucketOf(id); object; object = object->nextInBucket) {
     if (object->id == id) return object;
   }
   return nullptr;
 }
 
 std::string DmsObject_GetPath(const DmsObject* object) {
-  std::string path;
-  for (; object && object->parent; object = object->parent) {
-    if (object->title.empty()) return {};
-    path = path.empty() ? object->title : object->title + "/" + path;
+  // Measured first, then filled from the end: one allocation per path.
+  size_t length = 0;
+  for (const DmsObject* step = object; step && step->parent; step = step->parent) {
+    if (step->title().empty()) return {};
+    length += step->title().size() + 1;
+  }
+  if (length == 0) return {};
+  std::string path(length - 1, '/');
+  size_t end = path.size();
+  for (const DmsObject* step = object; step && step->parent; step = step->parent) {
+    const std::string_view title = step->title();
+    end -= title.size();
+    title.copy(path.data() + end, title.size());
+    if (end > 0) end -= 1;
   }
   return path;
 }

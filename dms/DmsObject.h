@@ -1,11 +1,13 @@
 // The content tree: one DmsObject per container, item or reference, linked
-// to its parent and siblings and kept in a 251-bucket id table. All of it is
-// guarded by the content mutex of the media server.
+// to its parent and siblings and kept in an id table that grows with the
+// library. All of it is guarded by the content mutex of the media server.
 #pragma once
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <string>
+#include <string_view>
 
 struct DmsObjectId {
   uint64_t high = 0;
@@ -47,29 +49,54 @@ enum DmsMediaClass {
 };
 extern const std::array<const char*, DmsClass_Count> dlnaMediaClasses;
 
+// An object's title: a view of text kept in the same block as the object
+// (the empty text for none), so that a title costs no allocation of its own.
+class DmsTitle {
+ public:
+  explicit DmsTitle(const char* text) : text_(text) {}
+  const char* c_str() const { return text_; }
+  bool empty() const { return text_[0] == '\0'; }
+  size_t size() const { return std::strlen(text_); }
+  operator std::string_view() const { return text_; }
+  operator std::string() const { return text_; }
+  friend bool operator==(const DmsTitle& title, std::string_view text) { return text == title.text_; }
+
+ private:
+  const char* text_;
+};
+
+// One node of the tree. The library keeps over four of these per file, so
+// every byte counts on the board: the title follows the object in its block,
+// the class is a table index, and the members after `pass` overlap by kind
+// (each kind needs only its own; code reads those of the object's kind alone).
 struct DmsObject {
   DmsObjectId id;
-  std::string title;
-  const char* upnpClass = nullptr;  // an entry of dlnaMediaClasses
   DmsObject* parent = nullptr;
   DmsObject* nextSibling = nullptr;
   DmsObject* nextInBucket = nullptr;
   DmsObjectKind kind = DmsKind_Container;
-  int32_t pass = 0;  // scan pass in which the object was last seen
+  uint8_t mediaClass = DmsClass_None;
+  bool hasTitle = false;  // the title's text follows the object
+  int32_t pass = 0;       // scan pass in which the object was last seen
 
-  // Containers.
-  DmsObject* firstChild = nullptr;
-  int32_t childCount = 0;  // -1: a folder that was never read
-  uint32_t updateId = 0;
+  union {
+    DmsObject* firstChild = nullptr;  // containers
+    const char* mimeType;             // items: static text from the media parser
+    DmsObject* item;                  // references
+  };
+  union {
+    int32_t childCount = 0;    // containers; -1: a folder that was never read
+    int64_t modificationTime;  // items
+    DmsObject* nextReference;  // references: the next reference to the same item
+  };
+  union {
+    uint32_t updateId = 0;  // containers
+    DmsObject* references;  // items: the references made to this item
+  };
 
-  // Items.
-  const char* mimeType = nullptr;  // static text from the media parser
-  int64_t modificationTime = 0;
-  DmsObject* references = nullptr;  // references made to this item
-
-  // References.
-  DmsObject* item = nullptr;
-  DmsObject* nextReference = nullptr;  // next reference to the same item
+  DmsTitle title() const { return DmsTitle(hasTitle ? reinterpret_cast<const char*>(this + 1) : ""); }
+  // An entry of dlnaMediaClasses.
+  const char* upnpClass() const { return dlnaMediaClasses[mediaClass]; }
 };
 
 // Creates an object and links it into `parent` after `after` (at the head of

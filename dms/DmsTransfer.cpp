@@ -39,13 +39,13 @@ bool transferModeAccepted(const char* mode, const char* wanted) {
 
 bool isPublishedItem(const DmsObject* object) {
   if (!object || object->kind != DmsKind_Item) return false;
-  return object->upnpClass == dlnaMediaClasses[DmsClass_AudioItem] ||
-         object->upnpClass == dlnaMediaClasses[DmsClass_VideoItem] ||
-         object->upnpClass == dlnaMediaClasses[DmsClass_ImageItem];
+  return object->upnpClass() == dlnaMediaClasses[DmsClass_AudioItem] ||
+         object->upnpClass() == dlnaMediaClasses[DmsClass_VideoItem] ||
+         object->upnpClass() == dlnaMediaClasses[DmsClass_ImageItem];
 }
 
 void answerMedia(HTTPResponse* response, const DmsObject* item, const char* mode) {
-  const bool image = item->upnpClass == dlnaMediaClasses[DmsClass_ImageItem];
+  const bool image = item->upnpClass() == dlnaMediaClasses[DmsClass_ImageItem];
   if (!transferModeAccepted(mode, image ? "Interactive" : "Streaming")) {
     response->status = "406 Not Acceptable";
     return;

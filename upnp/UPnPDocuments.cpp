@@ -94,15 +94,16 @@ const char* XmlEntityName(char c) {
 }  // namespace
 
 void XML_AppendEscaped(std::string& out, std::string_view text, bool twice) {
-  for (char c : text) {
-    const char* entity = XmlEntityName(c);
-    if (!entity) {
-      out += c;
-      continue;
-    }
+  constexpr std::string_view kSpecial = "&\"'<>";
+  // Plain runs are copied whole: most texts hold no special character at all.
+  for (size_t next = text.find_first_of(kSpecial); next != std::string_view::npos;
+       next = text.find_first_of(kSpecial)) {
+    out.append(text.substr(0, next));
     out += twice ? "&amp;" : "&";
-    out += entity;
+    out += XmlEntityName(text[next]);
+    text.remove_prefix(next + 1);
   }
+  out.append(text);
 }
 
 std::string XML_Escape(const char* text) {

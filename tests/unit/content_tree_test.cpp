@@ -35,7 +35,7 @@ TEST_F(ContentTree, RecursiveRemovalTakesReferencesAlong) {
   DmsObject* folder = DmsObject_New({0, 1}, "/media", cls(DmsClass_StorageVolume), DmsKind_Container, root, nullptr);
   DmsObject* sub = DmsObject_New({3, 9}, "sub", cls(DmsClass_StorageFolder), DmsKind_Container, folder, nullptr);
   DmsObject* item = DmsObject_New({3, 10}, "song.mp3", cls(DmsClass_AudioItem), DmsKind_Item, sub, nullptr);
-  DmsObject* reference = DmsObject_New({3 | (2ull << 32), 10}, nullptr, item->upnpClass, DmsKind_Reference, view, nullptr);
+  DmsObject* reference = DmsObject_New({3 | (2ull << 32), 10}, nullptr, item->upnpClass(), DmsKind_Reference, view, nullptr);
   reference->item = item;
   item->references = reference;
   EXPECT_EQ(DmsObject_GetPath(item), "/media/sub/song.mp3");

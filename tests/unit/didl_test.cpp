@@ -42,7 +42,7 @@ TEST_F(DidlContainers, UnreadableItemFallsBackToItsFileName) {
                                     DmsKind_Container, root, nullptr);
   DmsObject* item = DmsObject_New({5, 9}, "Track.One.mp3", dlnaMediaClasses[DmsClass_AudioItem], DmsKind_Item,
                                   volume, nullptr);
-  DmsObject* reference = DmsObject_New({5 | (2ull << 32), 9}, nullptr, item->upnpClass, DmsKind_Reference, root,
+  DmsObject* reference = DmsObject_New({5 | (2ull << 32), 9}, nullptr, item->upnpClass(), DmsKind_Reference, root,
                                        nullptr);
   reference->item = item;
   item->references = reference;

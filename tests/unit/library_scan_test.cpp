@@ -34,14 +34,14 @@ std::vector<uint8_t> song(const std::string& title) {
 std::vector<std::string> titles(const DmsObject* container) {
   std::vector<std::string> out;
   for (const DmsObject* child = container->firstChild; child; child = child->nextSibling) {
-    out.push_back(child->item ? child->item->title : child->title);
+    out.push_back(child->kind == DmsKind_Reference ? child->item->title() : child->title());
   }
   return out;
 }
 
 const DmsObject* childTitled(const DmsObject* container, const std::string& title) {
   for (const DmsObject* child = container->firstChild; child; child = child->nextSibling) {
-    if (child->title == title) return child;
+    if (child->title() == title) return child;
   }
   return nullptr;
 }
@@ -97,7 +97,7 @@ TEST_F(LibraryScan, MirrorsFoldersInOrderAndSkipsWhatIsNotMedia) {
   EXPECT_EQ(titles(volume), (std::vector<std::string>{"A song.M4A", "b song.m4a", "Sub"}));
   const DmsObject* sub = childTitled(volume, "Sub");
   ASSERT_NE(sub, nullptr);
-  EXPECT_EQ(sub->upnpClass, dlnaMediaClasses[DmsClass_StorageFolder]);
+  EXPECT_EQ(sub->upnpClass(), dlnaMediaClasses[DmsClass_StorageFolder]);
   EXPECT_EQ(titles(sub), (std::vector<std::string>{"c.m4a"}));
 
   struct stat info {};
@@ -106,7 +106,7 @@ TEST_F(LibraryScan, MirrorsFoldersInOrderAndSkipsWhatIsNotMedia) {
   ASSERT_NE(item, nullptr);
   EXPECT_EQ(item->parent, sub);
   EXPECT_STREQ(item->mimeType, "audio/mp4");
-  EXPECT_EQ(item->upnpClass, dlnaMediaClasses[DmsClass_AudioItem]);
+  EXPECT_EQ(item->upnpClass(), dlnaMediaClasses[DmsClass_AudioItem]);
   EXPECT_EQ(DmsContent_SystemUpdateId(), before + 2);  // one per folder that changed
 
   // Nothing changed on disk: a new pass keeps every object and raises nothing.
@@ -122,7 +122,7 @@ TEST_F(LibraryScan, RenameInPlaceRecreatesWithTheSameId) {
   fs::rename(dir + "/old.m4a", dir + "/new.m4a");
   ASSERT_EQ(scan(1), 1);
   ASSERT_NE(volume->firstChild, nullptr);
-  EXPECT_EQ(volume->firstChild->title, "new.m4a");
+  EXPECT_EQ(volume->firstChild->title(), "new.m4a");
   EXPECT_EQ(volume->firstChild->id, id);
   EXPECT_EQ(volume->firstChild->nextSibling, nullptr);
   EXPECT_EQ(titles(allMusic), (std::vector<std::string>{"new.m4a"}));
@@ -169,7 +169,7 @@ TEST_F(LibraryScan, MomentsByUtcDayNewestFirstWithModificationTimeFallback) {
   ASSERT_EQ(::utimensat(AT_FDCWD, (dir + "/undated.jpg").c_str(), times, 0), 0);
   ASSERT_EQ(scan(0), 1);
   EXPECT_EQ(titles(moments), (std::vector<std::string>{"2021-01-01", "2020-02-29", "2010-01-01"}));
-  EXPECT_EQ(moments->firstChild->upnpClass, dlnaMediaClasses[DmsClass_PhotoAlbum]);
+  EXPECT_EQ(moments->firstChild->upnpClass(), dlnaMediaClasses[DmsClass_PhotoAlbum]);
   EXPECT_EQ(moments->firstChild->firstChild->id.high, moments->firstChild->firstChild->item->id.high | (16ull << 32));
 }
 
