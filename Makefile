@@ -76,17 +76,23 @@ coverage:
 	  $(foreach dir,$(COV_DIRS),--filter '$(CURDIR)/$(dir)/') \
 	  --exclude-throw-branches --print-summary --output $(COV_BUILD)/coverage.txt
 
-# Speed and memory benchmarks: builds every bench/*.cpp in the normal build
-# and runs each one on generated files under /tmp (or BENCH_DIR); then runs
-# every bench/*_bench.py, which start the server (and nginx) on 127.0.0.1,
-# inside a private network namespace. Targets are reported, never asserted.
+# Speed and memory benchmarks: builds every bench/*.cpp in the normal and the
+# i386 build and runs each one in both on generated files under /tmp (or
+# BENCH_DIR); then runs every bench/*_bench.py, which start the server (and
+# nginx) on 127.0.0.1, inside a private network namespace. Targets are
+# reported, never asserted.
 BENCH_DIR ?= /tmp
 bench:
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 	cmake --build $(BUILD) -j $(JOBS) --target bench
+	cmake -S . -B build-i386 -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-i386.cmake \
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	cmake --build build-i386 -j $(JOBS) --target dms bench
 	@for src in bench/*.cpp; do \
 	  name=$$(basename $$src .cpp); \
 	  $(BUILD)/$$name $(BENCH_DIR) || exit 1; \
+	  echo "-- the same, i386 build (the board's memory figures)"; \
+	  build-i386/$$name $(BENCH_DIR) || exit 1; \
 	done
 	@for script in bench/*_bench.py; do \
 	  DMS_BUILD_DIR=$(CURDIR)/$(BUILD) tools/netns-run /usr/bin/python3 $$script || exit 1; \
