@@ -7,7 +7,6 @@ would, and decode every packet with dnspython (python3-dnspython).
 import collections
 import ctypes
 import os
-import shutil
 import socket
 import struct
 import subprocess
@@ -315,71 +314,3 @@ def test_announces_every_30_seconds_without_queries(cadence):
     assert arrivals[0] < 3.0
     assert 28.0 <= arrivals[1] - arrivals[0] <= 32.5
 
-
-BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <listen>unix:path={socket}</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-"""
-
-AVAHI_CONFIG = """[server]
-host-name=peer
-use-ipv4=yes
-use-ipv6=no
-allow-interfaces=dms1
-enable-dbus=yes
-[wide-area]
-enable-wide-area=no
-[publish]
-disable-publishing=yes
-"""
-
-
-@pytest.mark.skipif(not all(map(shutil.which, ("dbus-daemon", "avahi-daemon", "avahi-browse"))),
-                    reason="needs dbus-daemon, avahi-daemon and avahi-utils")
-def test_avahi_in_the_peer_namespace_resolves_the_service(responder, tmp_path):
-    """A stock mDNS stack as the other host: its own bus and daemon, bound to
-    the peer end of the veth pair only."""
-    responder("box", ("Box Media", "_http._tcp", 8200, "path=/\nversion=1"))
-    bus = tmp_path / "bus"
-    (tmp_path / "bus.conf").write_text(BUS_CONFIG.format(socket=bus))
-    (tmp_path / "avahi.conf").write_text(AVAHI_CONFIG)
-    env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=f"unix:path={bus}")
-    in_peer = ["ip", "netns", "exec", os.environ["DMS_NETNS_PEER"]]
-    daemons = []
-    try:
-        daemons.append(subprocess.Popen(
-            in_peer + ["dbus-daemon", f"--config-file={tmp_path / 'bus.conf'}", "--nofork", "--nopidfile"],
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))
-        bus_deadline = time.monotonic() + 10
-        while not bus.exists() and time.monotonic() < bus_deadline:
-            time.sleep(0.05)
-        daemons.append(subprocess.Popen(
-            in_peer + ["avahi-daemon", "--no-drop-root", "--no-chroot", "--no-rlimits",
-                       "-f", str(tmp_path / "avahi.conf")],
-            env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))
-        resolved = []
-        deadline = time.monotonic() + 20
-        while not resolved and time.monotonic() < deadline:
-            browse = subprocess.run(in_peer + ["avahi-browse", "-r", "-t", "-p", "_http._tcp"],
-                                    env=env, capture_output=True, timeout=20)
-            resolved = [line.split(";") for line in browse.stdout.decode().splitlines()
-                        if line.startswith("=;")]
-            if not resolved:
-                time.sleep(0.5)
-    finally:
-        for daemon in reversed(daemons):
-            daemon.terminate()
-            daemon.wait(10)
-    assert resolved, "avahi-browse found nothing"
-    fields = resolved[0]
-    assert fields[1:4] == ["dms1", "IPv4", "Box\\032Media"]
-    assert fields[5:9] == ["local", "box.local", ADDR, "8200"]
-    assert set(fields[9].split(" ")) == {'"path=/"', '"version=1"'}
