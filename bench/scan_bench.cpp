@@ -25,15 +25,7 @@
 #include "dms/DmsServer.h"
 #include "dms/DmsObject.h"
 #include "tests/fixtures/ByteWriter.h"
-#include "tests/fixtures/FlacFixture.h"
-#include "tests/fixtures/GifFixture.h"
-#include "tests/fixtures/JpegFixture.h"
-#include "tests/fixtures/MatroskaFixture.h"
-#include "tests/fixtures/Mp3Fixture.h"
-#include "tests/fixtures/Mp4Fixture.h"
-#include "tests/fixtures/PngFixture.h"
-#include "tests/fixtures/RiffFixture.h"
-#include "tests/fixtures/TiffFixture.h"
+#include "tests/fixtures/MediaFixtures.h"
 
 namespace fs = std::filesystem;
 
@@ -76,17 +68,6 @@ struct FileTags {
   int day = 0;
 };
 
-std::vector<uint8_t> tagSongM4a(const FileTags& tags) {
-  const std::vector<uint8_t> items = Mp4Fixture_Join({Mp4Fixture_TextItem(kMp4ItemTitle, tags.title),
-                                          Mp4Fixture_TextItem(kMp4ItemArtist, tags.artist),
-                                          Mp4Fixture_TextItem(kMp4ItemAlbum, tags.album),
-                                          Mp4Fixture_TextItem(kMp4ItemGenre, tags.genre)});
-  return Mp4Fixture_Join({Mp4Fixture_Ftyp("M4A "),
-                          Mp4Fixture_Box("moov", Mp4Fixture_Join({Mp4Fixture_Mvhd(1000, 183000),
-                                                                  Mp4Fixture_Track({}),
-                                                                  Mp4Fixture_UserData(items)}))});
-}
-
 std::string dateText(const FileTags& tags, const char* format) {
   char text[32];
   std::snprintf(text, sizeof text, format, tags.year, tags.month, tags.day);
@@ -105,17 +86,14 @@ const std::vector<Format>& formats() {
        [](const FileTags& t) {
          return FlacFixture_Song(t.title, t.artist, t.album, t.genre, dateText(t, "%04d-%02d-%02d"));
        }},
-      {".m4a", tagSongM4a},
+      {".m4a", [](const FileTags& t) { return Mp4Fixture_Song(t.title, t.artist, t.album, t.genre); }},
       {".mp4", [](const FileTags&) { return Mp4Fixture_Video(); }},
       {".mkv", [](const FileTags&) { return MatroskaFixture_VideoWithCover(); }},
       {".mka", [](const FileTags&) { return MatroskaFixture_AudioWithTitle(); }},
       {".jpg",
        [](const FileTags& t) {
          const std::string date = dateText(t, "%04d:%02d:%02d 10:20:30");
-         return JpegFixture_Build({.exif = JpegFixture_Exif({.description = t.title,
-                                                             .artist = t.artist,
-                                                             .dateTime = date,
-                                                             .dateOriginal = date})});
+         return JpegFixture_Photo({.description = t.title, .artist = t.artist, .dateTime = date, .dateOriginal = date});
        }},
       {".png",
        [](const FileTags& t) { return PngFixture_Picture(32, 24, t.title, dateText(t, "%04d:%02d:%02d 12:00:00")); }},
@@ -124,13 +102,7 @@ const std::vector<Format>& formats() {
       {".avi", [](const FileTags&) { return RiffFixture_DemoAvi(); }},
       {".tif",
        [](const FileTags& t) {
-         TiffFixturePage page;
-         page.width = 24;
-         page.height = 16;
-         page.pixels = true;
-         page.description = t.title;
-         page.dateTime = dateText(t, "%04d:%02d:%02d 08:00:00");
-         return TiffFixture_Pages(false, {page});
+         return TiffFixture_Pages({{24, 16, t.title, dateText(t, "%04d:%02d:%02d 08:00:00")}});
        }},
       {".mov", [](const FileTags&) { return Mp4Fixture_Mov(); }},
   };

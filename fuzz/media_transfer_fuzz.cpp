@@ -14,8 +14,7 @@
 #include "fuzz/FuzzLibrary.h"
 #include "fuzz/FuzzSupport.h"
 #include "http/HTTPRequest.h"
-#include "tests/fixtures/JpegFixture.h"
-#include "tests/fixtures/Mp3Fixture.h"
+#include "tests/fixtures/MediaFixtures.h"
 
 namespace {
 
@@ -25,7 +24,7 @@ constexpr int kSendBuffer = 4096;
 const std::vector<DmsObjectId>& Items() {
   static const std::vector<DmsObjectId> items = [] {
     const std::vector<uint8_t> song = Mp3Fixture_Demo();
-    const std::vector<uint8_t> picture = JpegFixture_Build({.exif = JpegFixture_Exif({})});
+    const std::vector<uint8_t> picture = JpegFixture_Photo({});
     fuzz::Library& library = fuzz::Library::Get();
     library.Load({{"song.mp3", fuzz::Text(song.data(), song.size())},
                   {"picture.jpg", fuzz::Text(picture.data(), picture.size())}});

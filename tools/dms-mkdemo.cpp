@@ -9,15 +9,7 @@
 #include <vector>
 
 #include "tests/fixtures/ByteWriter.h"
-#include "tests/fixtures/Mp4Fixture.h"
-#include "tests/fixtures/JpegFixture.h"
-#include "tests/fixtures/TiffFixture.h"
-#include "tests/fixtures/MatroskaFixture.h"
-#include "tests/fixtures/FlacFixture.h"
-#include "tests/fixtures/GifFixture.h"
-#include "tests/fixtures/PngFixture.h"
-#include "tests/fixtures/Mp3Fixture.h"
-#include "tests/fixtures/RiffFixture.h"
+#include "tests/fixtures/MediaFixtures.h"
 
 namespace {
 
@@ -31,25 +23,18 @@ const std::vector<DemoFile>& demoFiles() {
       {"Videos/Demo Clip.mp4", Mp4Fixture_Video},
       {"Videos/Demo Movie.mov", Mp4Fixture_Mov},
       {"Music/Demo Artist/Demo Album/Demo Song.m4a",
-       [] { return Mp4Fixture_M4a(kMp4DataPng, PngFixture_Picture(8, 8, "", "")); }},
+       Mp4Fixture_M4a},
       {"Pictures/Holiday/harbour.jpg",
        [] {
-         return JpegFixture_Build({.exif = JpegFixture_Exif({.description = "Harbour at dawn",
-                                                             .artist = "Demo Photographer",
-                                                             .dateTime = "2021:08:14 09:12:00",
-                                                             .dateOriginal = "2021:08:14 06:45:30"})});
+         return JpegFixture_Photo({.description = "Harbour at dawn",
+                                   .artist = "Demo Photographer",
+                                   .dateTime = "2021:08:14 09:12:00",
+                                   .dateOriginal = "2021:08:14 06:45:30"});
        }},
       {"Pictures/Scans/letter.tif",
        [] {
-         TiffFixturePage page;
-         page.width = 24;
-         page.height = 16;
-         page.pixels = true;
-         page.description = "Scanned letter";
-         page.dateTime = "2019:03:02 17:20:00";
-         TiffFixturePage second = page;
-         second.description.clear();
-         return TiffFixture_Pages(false, {page, second});
+         const TiffFixturePage page{24, 16, "Scanned letter", "2019:03:02 17:20:00"};
+         return TiffFixture_Pages({page, {24, 16, "", "2019:03:02 17:20:00"}});
        }},
       {"Videos/Demo Clip.mkv", MatroskaFixture_VideoWithCover},
       {"Music/Night Drive.mka", MatroskaFixture_AudioWithTitle},

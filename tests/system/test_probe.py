@@ -15,7 +15,6 @@ import pytest
 
 from conftest import BUILD
 
-FLAC_SONG = "Music/Demo Artist/Demo Album/01 Demo Song.flac"
 STREAM_KEYS = ["number", "kind", "enabled", "duration", "timescale", "sampleRate", "channels",
                "bitsPerSample", "width", "height", "bitsPerPixel"]
 RECORD_KEYS = ["file", "published", "recognised", "mediaType", "mimeType", "duration", "timescale", "title", "artist",
@@ -47,22 +46,48 @@ def png_with_title(title):
             + png_chunk(b"IEND", b""))
 
 
+# What the scan reads from each demo file: MIME type, duration and its
+# timescale, title, artist, album, genre, date (UTC), cover type, and per
+# stream its kind, width, height, sample rate and channels.
+DEMO_FILES = [
+    ("Music/Demo Artist/Demo Album/01 Demo Song.flac", "audio/flac", 441000, 44100, "Demo Song", "Demo Artist",
+     "Demo Album", "Jazz", 1245024000, "image/jpeg", [(1, 0, 0, 44100, 2)]),
+    ("Music/Demo Artist/Demo Album/01 Demo Song.mp3", "audio/mpeg", 13824, 44100, "Demo Song", "Demo Artist",
+     "Demo Album", "Rock", 1072915200, "image/jpeg", [(1, 0, 0, 44100, 2)]),
+    ("Music/Demo Artist/Demo Album/Demo Song.m4a", "audio/mp4", 88200, 44100, "Demo Song", "Demo Artist",
+     "Demo Album", "Jazz Fusion", 1305849600, "image/png", [(1, 0, 0, 44100, 2)]),
+    ("Music/Demo Artist/tone.wav", "audio/wave", 4000, 8000, "Tone", "Demo Artist", None, None, 1559347200, None,
+     [(1, 0, 0, 8000, 1)]),
+    ("Music/Night Drive.mka", "audio/x-matroska", 184000, 1000, "Night Drive", None, None, None, 0, None,
+     [(1, 0, 0, 44100, 2)]),
+    ("Pictures/Gradient.png", "image/png", 0, 1000, "Demo Gradient", None, None, None, 1245061230, None,
+     [(3, 32, 24, 0, 0)]),
+    ("Pictures/Holiday/harbour.jpg", "image/jpeg", 0, 1000, "Harbour at dawn", "Demo Photographer", None, None,
+     1628923530, "image/jpeg", [(3, 64, 48, 0, 0)]),
+    ("Pictures/Scans/letter.tif", "image/tiff", 0, 1000, "Scanned letter", None, None, None, 1551547200, None,
+     [(3, 24, 16, 0, 0)] * 2),
+    ("Pictures/Stripes.gif", "image/gif", 0, 1000, None, None, None, None, 0, None, [(3, 32, 24, 0, 0)]),
+    ("Videos/Demo Clip.mkv", "video/x-matroska", 12500, 1000, "Demo Clip", None, None, None, 1735689600, "image/jpeg",
+     [(2, 320, 240, 0, 0), (1, 0, 0, 48000, 2)]),
+    ("Videos/Demo Clip.mp4", "video/mp4", 2000, 1000, "Demo Clip", None, None, None, 1623715200, None,
+     [(2, 160, 120, 0, 0), (1, 0, 0, 48000, 2)]),
+    ("Videos/Demo Movie.mov", "video/mp4", 7500, 2500, None, None, None, None, 0, None, [(2, 320, 240, 0, 0)]),
+    ("Videos/clip.avi", "video/avi", 50, 25, "Clip", None, None, None, 0, None,
+     [(2, 320, 240, 0, 0), (1, 0, 0, 8000, 1)]),
+]
+COVER_MAGIC = {"image/jpeg": b"\xff\xd8", "image/png": b"\x89PNG"}
+
+
 def test_demo_files_of_each_format(demo):
-    status, records, _ = probe(demo / FLAC_SONG, demo / "Pictures/Gradient.png", demo / "Pictures/Stripes.gif")
-    assert status == 0 and [list(record) for record in records] == [RECORD_KEYS] * 3
-    cover = (demo / FLAC_SONG).read_bytes()[records[0]["coverOffset"]:][:records[0]["coverLength"]]
-    assert cover[:2] == b"\xff\xd8" and cover[-2:] == b"\xff\xd9"
-    expected = [  # 15 June 2009, UTC; the PNG's creation time at 10:20:30
-        (str(demo / FLAC_SONG), True, True, 1, "audio/flac", 441000, 44100, "Demo Song", "Demo Artist", "Demo Album", "Jazz",
-         1245024000, "image/jpeg", [1, 1, 1, 441000, 44100, 44100, 2, 16, 0, 0, 0]),
-        (str(demo / "Pictures/Gradient.png"), True, True, 3, "image/png", 0, 1000, "Demo Gradient", None, None, None,
-         1245061230, None, [1, 3, 1, 5000, 1000, 0, 0, 0, 32, 24, 24]),
-        (str(demo / "Pictures/Stripes.gif"), True, True, 3, "image/gif", 0, 1000, None, None, None, None, 0, None,
-         [1, 3, 1, 5000, 1000, 0, 0, 0, 32, 24, 4]),
-    ]
-    for record, (*fields, stream) in zip(records, expected):
-        assert [record[key] for key in RECORD_KEYS[:13]] == fields
-        assert record["streams"] == [dict(zip(STREAM_KEYS, stream))]
+    status, records, _ = probe(*(demo / row[0] for row in DEMO_FILES))
+    assert status == 0 and [list(record) for record in records] == [RECORD_KEYS] * len(DEMO_FILES)
+    assert list(records[0]["streams"][0]) == STREAM_KEYS
+    for record, (path, *fields, cover, streams) in zip(records, DEMO_FILES):
+        assert [record[key] for key in RECORD_KEYS[4:13]] == [*fields, cover], path
+        assert [(s["kind"], s["width"], s["height"], s["sampleRate"], s["channels"])
+                for s in record["streams"]] == streams, path
+        data = (demo / path).read_bytes()[record["coverOffset"]:][:record["coverLength"]]
+        assert data.startswith(COVER_MAGIC.get(cover, b"")) and (cover is None) == (record["coverLength"] == 0)
 
 
 def test_unrecognised_and_missing_files(tmp_path, demo):

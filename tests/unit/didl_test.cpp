@@ -10,7 +10,7 @@
 
 #include "dms/DmsDidl.h"
 #include "dms/DmsObject.h"
-#include "tests/fixtures/GifFixture.h"
+#include "tests/fixtures/MediaFixtures.h"
 
 namespace {
 

@@ -16,19 +16,14 @@
 #include "dms/DmsObject.h"
 #include "dms/DmsServer.h"
 #include "tests/fixtures/ByteWriter.h"
-#include "tests/fixtures/JpegFixture.h"
-#include "tests/fixtures/Mp4Fixture.h"
+#include "tests/fixtures/MediaFixtures.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
 std::vector<uint8_t> song(const std::string& title) {
-  const std::vector<uint8_t> items = Mp4Fixture_TextItem(kMp4ItemTitle, title);
-  return Mp4Fixture_Join({Mp4Fixture_Ftyp("M4A "),
-                          Mp4Fixture_Box("moov", Mp4Fixture_Join({Mp4Fixture_Mvhd(1000, 3000),
-                                                                  Mp4Fixture_Track({}),
-                                                                  Mp4Fixture_UserData(items)}))});
+  return Mp4Fixture_Song(title, "", "", "");
 }
 
 std::vector<std::string> titles(const DmsObject* container) {
@@ -162,9 +157,9 @@ TEST_F(LibraryScan, HardLinkStaysWhereFirstSeen) {
 namespace {
 
 TEST_F(LibraryScan, MomentsByUtcDayNewestFirstWithModificationTimeFallback) {
-  write("dated.jpg", JpegFixture_Build({.exif = JpegFixture_Exif({.dateOriginal = "2020:02:29 23:59:59"})}));
-  write("later.jpg", JpegFixture_Build({.exif = JpegFixture_Exif({.dateOriginal = "2021:01:01 00:00:00"})}));
-  write("undated.jpg", JpegFixture_Build({}));
+  write("dated.jpg", JpegFixture_Photo({.dateOriginal = "2020:02:29 23:59:59"}));
+  write("later.jpg", JpegFixture_Photo({.dateOriginal = "2021:01:01 00:00:00"}));
+  write("undated.jpg", JpegFixture_Cover());
   const struct timespec times[2] = {{0, UTIME_OMIT}, {1262304000 + 3600, 0}};  // 2010-01-01 01:00 UTC
   ASSERT_EQ(::utimensat(AT_FDCWD, (dir + "/undated.jpg").c_str(), times, 0), 0);
   ASSERT_EQ(scan(0), 1);
