@@ -1,7 +1,7 @@
 // Pieces the fuzz harnesses share: the input as an anonymous file, a socket
 // pair standing in for a client's TCP connection, a reader that empties the
-// client's side while the code under test writes, and the one-call form of a
-// direct format-parser harness.
+// client's side while the code under test writes, the one-call form of a
+// direct format-parser harness, and the media server's SSDP identity.
 #pragma once
 
 #include <fcntl.h>
@@ -14,13 +14,28 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 #include "media/MediaStream.h"
+#include "ssdp/SSDP.h"
 
 namespace fuzz {
 
 inline std::string_view Text(const uint8_t* data, size_t size) {
   return {reinterpret_cast<const char*>(data), size};
+}
+
+// The search targets and message fields of an SSDP engine of the media server.
+inline const std::vector<std::string>& SsdpTypes() {
+  static const std::vector<std::string> types = {
+      "uuid:", "upnp:rootdevice", "urn:schemas-upnp-org:device:MediaServer:1",
+      "urn:schemas-upnp-org:service:ConnectionManager:1", "urn:schemas-upnp-org:service:ContentDirectory:1"};
+  return types;
+}
+inline const SSDPMessageFields& SsdpFields() {
+  static const SSDPMessageFields fields{1800, "10.0.0.1", 8080, "/DMS/Device", "Linux/6.1", "DMS/1.0",
+                                        "444D5300-0000-1000-8000-0A1B2C3D4E5F", ""};
+  return fields;
 }
 
 // The bytes as an anonymous file; fd() is -1 when it could not be made.

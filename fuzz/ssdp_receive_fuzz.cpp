@@ -19,11 +19,8 @@ constexpr size_t kDatagramMax = 511;
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const std::vector<std::string> types = {
-      "uuid:", "upnp:rootdevice", "urn:schemas-upnp-org:device:MediaServer:1",
-      "urn:schemas-upnp-org:service:ConnectionManager:1", "urn:schemas-upnp-org:service:ContentDirectory:1"};
-  static const SSDPMessageFields fields{1800, "10.0.0.1", 8080, "/DMS/Device", "Linux/6.1", "DMS/1.0",
-                                        "444D5300-0000-1000-8000-0A1B2C3D4E5F", ""};
+  const std::vector<std::string>& types = fuzz::SsdpTypes();
+  const SSDPMessageFields& fields = fuzz::SsdpFields();
   if (size < kSourceSize) return 0;
   sockaddr_in from{};
   from.sin_family = AF_INET;
