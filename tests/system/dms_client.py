@@ -1,6 +1,6 @@
-"""The system tests' one HTTP client and control point: raw requests on a
-connection, replies framed by Content-Length or chunks, SOAP actions and
-Browse results parsed into dicts, and the server's test configuration."""
+# The system tests' one HTTP client and control point: raw requests on a
+# connection, replies framed by Content-Length or chunks, SOAP actions and
+# Browse results parsed into dicts, and the server's test configuration.
 import os
 import socket
 import xml.etree.ElementTree as ET
@@ -20,8 +20,8 @@ CONFIG_VALUES = {"deviceName": "Test DMS & Co", "manufacturer": "ACME <Labs>", "
 
 
 class Reply:
-    """One HTTP message: first line, headers (lower-case names; `order` keeps
-    the names as sent), body and, for chunked bodies, the chunk sizes."""
+    # One HTTP message: first line, headers (lower-case names; `order` keeps
+    # the names as sent), body and, for chunked bodies, the chunk sizes.
 
     def __init__(self, head):
         lines = head.decode().split("\r\n")
@@ -34,7 +34,7 @@ class Reply:
 
 
 class Client:
-    """One connection (made, or accepted by a test's own listener)."""
+    # One connection (made, or accepted by a test's own listener).
 
     def __init__(self, port=None, host="127.0.0.1", timeout=10.0, sock=None):
         self.sock = sock or socket.create_connection((host, port), timeout=timeout)
@@ -83,7 +83,7 @@ class Client:
                 return reply
 
     def request(self, method, target, *headers, version="HTTP/1.1", host="Host: test"):
-        """Sends a request (with `host` unless a Host header is given) and reads the reply."""
+        # Sends a request (with `host` unless a Host header is given) and reads the reply.
         named = host and not any(h.lower().startswith("host:") for h in headers)
         lines = [f"{method} {target} {version}", *([host] if named else []), *headers]
         return self.send(("\r\n".join(lines) + "\r\n\r\n").encode()).reply(body=method != "HEAD")
@@ -92,7 +92,7 @@ class Client:
         return self.request(method, target, *headers, version=version)
 
     def replies(self):
-        """Every reply until the server closes the connection."""
+        # Every reply until the server closes the connection.
         found = []
         try:
             while True:
@@ -101,7 +101,7 @@ class Client:
             return found
 
     def closed(self, timeout=3.0):
-        """True when the server ends the connection, sending nothing more, within `timeout`."""
+        # True when the server ends the connection, sending nothing more, within `timeout`.
         self.sock.settimeout(timeout)
         try:
             data = self.sock.recv(1 << 16)
@@ -144,7 +144,7 @@ def browse_raw(port, object_id, flag="BrowseDirectChildren", filt="*", start=0, 
 
 
 def browse(port, object_id, **kwargs):
-    """Browse result: (didl text, objects, NumberReturned, TotalMatches, UpdateID, chunk sizes)."""
+    # Browse result: (didl text, objects, NumberReturned, TotalMatches, UpdateID, chunk sizes).
     reply = browse_raw(port, object_id, **kwargs)
     assert reply.status == "HTTP/1.1 200 OK", (reply.status, reply.body)
     response = ET.fromstring(reply.body).find(".//{%s}BrowseResponse" % CONTENT_DIRECTORY)
@@ -177,7 +177,7 @@ def config_text(media_path):
 
 
 def start_server(folder):
-    """A server in `folder` with the test configuration and an empty library."""
+    # A server in `folder` with the test configuration and an empty library.
     media = folder / "media"
     media.mkdir(parents=True, exist_ok=True)
     server = Dms(folder / "server", config_text(media))
@@ -186,7 +186,7 @@ def start_server(folder):
 
 
 def udn():
-    """"DMS", three zero bytes, 0x10 0 0x80 0, then the MAC of the first interface."""
+    # "DMS", three zero bytes, 0x10 0 0x80 0, then the MAC of the first interface.
     mac = Path("/sys/class/net/dms0/address").read_text().strip().replace(":", "").upper()
     return f"444D5300-0000-1000-8000-{mac}"
 

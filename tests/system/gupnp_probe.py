@@ -1,18 +1,17 @@
-"""A third-party control point for the system tests, built on GSSDP and GUPnP.
-
-`gupnp_probe.py ssdp IFACE SECONDS` prints, as JSON, every resource that a
-GSSDP browser for ssdp:all saw on IFACE (USN and locations).
-`gupnp_probe.py device IFACE SECONDS` waits for a MediaServer device proxy,
-introspects every service it lists and prints its fields, action names and
-state variable names. Exits 1 when nothing was found in time.
-`gupnp_probe.py browse IFACE SECONDS` waits for a ContentDirectory service
-proxy, walks the whole tree from "0" through its Browse action, parses every
-Result with GUPnP-AV's DIDL-Lite parser and prints what that parser saw.
-`gupnp_probe.py events IFACE SECONDS PORT COUNT` subscribes to the
-ContentDirectory of the MediaServer whose description is served on PORT and
-prints one JSON line per SystemUpdateID value GUPnP delivers; it exits 0
-after COUNT values.
-"""
+# A third-party control point for the system tests, built on GSSDP and GUPnP.
+#
+# `gupnp_probe.py ssdp IFACE SECONDS` prints, as JSON, every resource that a
+# GSSDP browser for ssdp:all saw on IFACE (USN and locations).
+# `gupnp_probe.py device IFACE SECONDS` waits for a MediaServer device proxy,
+# introspects every service it lists and prints its fields, action names and
+# state variable names. Exits 1 when nothing was found in time.
+# `gupnp_probe.py browse IFACE SECONDS` waits for a ContentDirectory service
+# proxy, walks the whole tree from "0" through its Browse action, parses every
+# Result with GUPnP-AV's DIDL-Lite parser and prints what that parser saw.
+# `gupnp_probe.py events IFACE SECONDS PORT COUNT` subscribes to the
+# ContentDirectory of the MediaServer whose description is served on PORT and
+# prints one JSON line per SystemUpdateID value GUPnP delivers; it exits 0
+# after COUNT values.
 import json
 import sys
 

@@ -1,7 +1,7 @@
-"""Browse and media transfer through the running server, on the demo library
-plus a folder large enough to need several DIDL-Lite pages and a picture of
-more than two 4 MiB pieces; the HTTP rules (ranges, keep-alive, bodies,
-limits and idle timeouts) as a control point meets them."""
+# Browse and media transfer through the running server, on the demo library
+# plus a folder large enough to need several DIDL-Lite pages and a picture of
+# more than two 4 MiB pieces; the HTTP rules (ranges, keep-alive, bodies,
+# limits and idle timeouts) as a control point meets them.
 import json
 import os
 import shutil
@@ -172,7 +172,7 @@ def test_categorised_views(library):
 
 
 def media_item(port, title, view="0.10"):
-    """The item behind a reference, with its DIDL fields."""
+    # The item behind a reference, with its DIDL fields.
     return browse(port, child(port, view, title)["refID"], flag="BrowseMetadata")[1][0]
 
 
@@ -234,7 +234,7 @@ def test_media_transfer_rules(library):
 
 
 def cover_bytes(media, relative):
-    """The embedded picture of a demo file, located by dms-probe."""
+    # The embedded picture of a demo file, located by dms-probe.
     path = media / relative
     probe = json.loads(subprocess.run([str(BUILD / "dms-probe"), str(path)], check=True, capture_output=True,
                                       text=True).stdout)
@@ -331,7 +331,7 @@ def test_keep_alive_continue_and_header_limit(library):
 
 
 def test_idle_connections_are_dropped(library):
-    """Waits run in parallel; each result is the time until the server closed."""
+    # Waits run in parallel; each result is the time until the server closed.
     port, results = library[0], {}
 
     def wait_after(name, target=None):
@@ -361,7 +361,7 @@ def test_idle_connections_are_dropped(library):
 
 
 def protocol_fields(protocol_info):
-    """The parts of a protocolInfo value a DLNA parser exposes, from our text."""
+    # The parts of a protocolInfo value a DLNA parser exposes, from our text.
     protocol, network, mime, extra = protocol_info.split(":", 3)
     params = dict(p.split("=", 1) for p in extra.split(";")) if extra != "*" else {}
     return {"protocol": protocol, "network": network, "mime": mime, "profile": params.get("DLNA.ORG_PN"),
@@ -371,7 +371,7 @@ def protocol_fields(protocol_info):
 
 
 def our_walk(port, host):
-    """Every container from "0" down, browsed by our client, in the probe's shape."""
+    # Every container from "0" down, browsed by our client, in the probe's shape.
     browses, pending = {}, ["0"]
     while pending:
         object_id = pending.pop(0)
@@ -390,8 +390,8 @@ def our_walk(port, host):
 
 
 def test_gupnp_av_parses_every_browse_result_like_our_client(library):
-    """A real control-point library reads our Browse output: GUPnP walks the
-    whole tree and GUPnP-AV's DIDL-Lite parser sees what our client sees."""
+    # A real control-point library reads our Browse output: GUPnP walks the
+    # whole tree and GUPnP-AV's DIDL-Lite parser sees what our client sees.
     port, host = library[0], os.environ["DMS_NETNS_ADDR"]
     result = subprocess.run(["/usr/bin/python3", str(PROBE), "browse", "dms0", "10"], capture_output=True, timeout=40)
     assert result.returncode == 0, result.stderr.decode(errors="replace")

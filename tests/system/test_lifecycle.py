@@ -1,7 +1,7 @@
-"""Start and stop of the real server: the configuration file beside the
-executable, read once, the running and stopped lines, and prompt, clean
-exits on signals, also in the middle of replies. The lookup's quirks are
-unit-tested."""
+# Start and stop of the real server: the configuration file beside the
+# executable, read once, the running and stopped lines, and prompt, clean
+# exits on signals, also in the middle of replies. The lookup's quirks are
+# unit-tested.
 import shutil
 import signal
 import socket

@@ -1,16 +1,14 @@
-"""The mDNS responder on the wire, seen from the peer namespace.
-
-A test-only executable runs one responder on the namespace's interface; the
-tests listen and query from the other end of the veth pair, as another host
-would, and decode every packet with dnspython (python3-dnspython).
-"""
+# The mDNS responder on the wire, seen from the peer namespace.
+#
+# A test-only executable runs one responder on the namespace's interface; the
+# tests listen and query from the other end of the veth pair, as another host
+# would, and decode every packet with dnspython (python3-dnspython).
 import collections
 import ctypes
 import os
 import socket
 import struct
 import subprocess
-import threading
 import time
 
 import pytest
@@ -36,8 +34,8 @@ Packet = collections.namedtuple("Packet", "id flags counts answers additional ra
 
 
 def in_peer_namespace(make):
-    """Calls make() with this thread moved into the peer namespace; sockets it
-    creates stay there."""
+    # Calls make() with this thread moved into the peer namespace; sockets it
+    # creates stay there.
     libc = ctypes.CDLL(None, use_errno=True)
     with open("/proc/thread-self/ns/net") as home, \
             open(f"/run/netns/{os.environ['DMS_NETNS_PEER']}") as peer:
@@ -51,7 +49,7 @@ def in_peer_namespace(make):
 
 
 def peer_socket():
-    """A socket of the peer host on the mDNS group and port."""
+    # A socket of the peer host on the mDNS group and port.
     def make():
         sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
@@ -65,8 +63,8 @@ def peer_socket():
 
 
 def decode(raw):
-    """Walks the sections; dnspython decodes each name and record data in class
-    IN (it does not know the cache-flush bit, which is split off here)."""
+    # Walks the sections; dnspython decodes each name and record data in class
+    # IN (it does not know the cache-flush bit, which is split off here).
     ident, flags, *counts = struct.unpack_from("!6H", raw)
     offset = 12
     for _ in range(counts[0]):
@@ -87,8 +85,8 @@ def decode(raw):
 
 
 def announcements(sock, host, timeout):
-    """Yields (arrival time, Packet) for every response whose first answer is
-    the A record of host.local, until `timeout` seconds have passed."""
+    # Yields (arrival time, Packet) for every response whose first answer is
+    # the A record of host.local, until `timeout` seconds have passed.
     deadline = time.monotonic() + timeout
     owner = f"{host}.local."
     while (left := deadline - time.monotonic()) > 0:
@@ -119,7 +117,7 @@ def next_announcement(sock, host, timeout=5.0):
 
 
 def start_responder(host, *services):
-    """Runs mdns_test_responder; services are (instance, type, port, text)."""
+    # Runs mdns_test_responder; services are (instance, type, port, text).
     args = [str(BUILD / "mdns_test_responder"), host, ADDR]
     for service in services:
         args += [str(field) for field in service]
@@ -147,40 +145,6 @@ def peer():
     sock = peer_socket()
     yield sock
     sock.close()
-
-
-class CadenceWatch:
-    """A responder left alone for the whole module while a thread notes when
-    its announcements arrive; the last test of the module reads them, so the
-    30-second wait overlaps every other test."""
-    HOST = "cadence"
-
-    def __init__(self):
-        self.sock = peer_socket()
-        self.arrivals = []
-        self.started = time.monotonic()
-        self.proc = start_responder(self.HOST, ("Cadence", "_cadence._tcp", 9, "x"))
-        self.stopping = threading.Event()
-        self.thread = threading.Thread(target=self.watch, daemon=True)
-        self.thread.start()
-
-    def watch(self):
-        while not self.stopping.is_set():
-            for arrival, _ in announcements(self.sock, self.HOST, 0.5):
-                self.arrivals.append(arrival - self.started)
-
-    def close(self):
-        self.proc.stop()
-        self.stopping.set()
-        self.thread.join()
-        self.sock.close()
-
-
-@pytest.fixture(scope="module", autouse=True)
-def cadence():
-    watch = CadenceWatch()
-    yield watch
-    watch.close()
 
 
 def query(name, rtype, response=False):
@@ -249,9 +213,9 @@ def test_stop_sends_the_packet_again_with_every_ttl_zero(responder, peer):
 
 
 def test_stop_is_prompt_after_the_interface_lost_its_address(peer):
-    """Responders are deleted when addresses change; the loop-back wake-up
-    cannot reach the thread then, and the stop must not wait for the next
-    30-second poll."""
+    # Responders are deleted when addresses change; the loop-back wake-up
+    # cannot reach the thread then, and the stop must not wait for the next
+    # 30-second poll.
     extra = "10.77.0.3"
     subprocess.run(["ip", "addr", "add", f"{extra}/24", "dev", "dms0"], check=True)
     try:
@@ -278,9 +242,9 @@ def test_invalid_service_makes_creation_fail(responder):
 
 
 def test_device_thread_runs_a_responder_per_interface(process, peer):
-    """A UPnP device that lists a service: its interface check starts a
-    responder on dms0 named after the hardware address, advertising the bound
-    HTTP port, and closing the device sends the goodbye."""
+    # A UPnP device that lists a service: its interface check starts a
+    # responder on dms0 named after the hardware address, advertising the bound
+    # HTTP port, and closing the device sends the goodbye.
     device = process("mdns_test_device")
     port = device.wait_port()
     mac = open("/sys/class/net/dms0/address").read().strip().upper().replace(":", "-")
@@ -294,15 +258,3 @@ def test_device_thread_runs_a_responder_per_interface(process, peer):
     assert device.stop() == ("", 0)
     goodbye = next_announcement(peer, mac, timeout=5.0)
     assert goodbye is not None and {r.ttl for r in goodbye.answers + goodbye.additional} == {0}
-
-
-def test_announces_every_30_seconds_without_queries(cadence):
-    """Last in the module: by now most of the wait has passed."""
-    deadline = cadence.started + 36.0
-    while len(cadence.arrivals) < 2 and time.monotonic() < deadline:
-        time.sleep(0.2)
-    arrivals = list(cadence.arrivals)
-    assert len(arrivals) >= 2, f"announcements at {arrivals}"
-    assert arrivals[0] < 3.0
-    assert 28.0 <= arrivals[1] - arrivals[0] <= 32.5
-

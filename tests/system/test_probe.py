@@ -1,10 +1,9 @@
-"""dms-probe: one JSON line per file with the record the library scan would get,
-whether the scan publishes it and why not; a folder is walked with a summary.
-
-The demo library from dms-mkdemo supplies real files of each format; more are
-written here byte by byte to reach the JSON escaping, the UTF-8 filter and
-every rule that keeps a file unpublished. Nothing here touches the network.
-"""
+# dms-probe: one JSON line per file with the record the library scan would get,
+# whether the scan publishes it and why not; a folder is walked with a summary.
+#
+# The demo library from dms-mkdemo supplies real files of each format; more are
+# written here byte by byte to reach the JSON escaping, the UTF-8 filter and
+# every rule that keeps a file unpublished. Nothing here touches the network.
 import json
 import os
 import struct
@@ -135,7 +134,7 @@ def test_texts_are_escaped_and_filtered(tmp_path):
 
 
 def mp3_frames(*headers, length=417, first_body=b""):
-    """Frames of `length` bytes with the given 4-byte headers, zero payload."""
+    # Frames of `length` bytes with the given 4-byte headers, zero payload.
     frames = [(bytes.fromhex(h) + (first_body if i == 0 else b"")).ljust(length, b"\0") for i, h in enumerate(headers)]
     return b"".join(frames).ljust(1024, b"\0")
 
