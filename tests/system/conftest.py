@@ -34,8 +34,7 @@ def listening_tcp_ports(pid):
             continue
         if target.startswith("socket:["):
             inodes.add(target[8:-1])
-    with open("/proc/net/tcp") as table:
-        rows = [line.split() for line in list(table)[1:]]
+    rows = [line.split() for line in Path("/proc/net/tcp").read_text().splitlines()[1:]]
     return sorted(int(row[1].split(":")[1], 16) for row in rows if row[3] == "0A" and row[9] in inodes)
 
 
@@ -43,8 +42,8 @@ class Process:
     # A program started for a test; stop() returns (stdout, exit status).
 
     def __init__(self, argv, cwd):
-        self.popen = subprocess.Popen(argv, cwd=cwd, stdout=subprocess.PIPE,
-                                      stderr=subprocess.PIPE, stdin=subprocess.DEVNULL)
+        self.popen = subprocess.Popen(argv, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                      stdin=subprocess.DEVNULL)
         self.result = None
 
     @property
@@ -57,8 +56,7 @@ class Process:
             if self.popen.poll() is not None:
                 raise RuntimeError(f"exited early with {self.popen.returncode}: "
                                    f"{self.popen.stderr.read().decode(errors='replace')}")
-            ports = listening_tcp_ports(self.pid)
-            if ports:
+            if ports := listening_tcp_ports(self.pid):
                 return ports[0]
             time.sleep(0.05)
         raise TimeoutError("no listening port")

@@ -74,13 +74,11 @@ class Client:
             reply.body = self.read_exact(int(reply.headers.get("content-length", "0")))
             return reply
         reply.sizes = []
-        while True:
-            size = int(self.read_line(), 16)
-            reply.sizes.append(size)
-            reply.body += self.read_exact(size)
+        while not reply.sizes or reply.sizes[-1]:
+            reply.sizes.append(int(self.read_line(), 16))
+            reply.body += self.read_exact(reply.sizes[-1])
             assert self.read_exact(2) == b"\r\n", "chunk not followed by CRLF"
-            if size == 0:
-                return reply
+        return reply
 
     def request(self, method, target, *headers, version="HTTP/1.1", host="Host: test"):
         # Sends a request (with `host` unless a Host header is given) and reads the reply.
