@@ -114,6 +114,18 @@ class Client:
         self.sock.close()
 
 
+def multicast_socket(group, port, address):
+    # A UDP socket on `port` in `group`, on the interface of `address`, that
+    # does not hear what it sends itself.
+    sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    sock.bind(("", port))
+    sock.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, socket.inet_aton(group) + socket.inet_aton(address))
+    sock.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(address))
+    sock.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_LOOP, 0)
+    return sock
+
+
 def get(port, path, *headers, method="GET", address="127.0.0.1", host="Host: test"):
     return Client(port, address).request(method, path, *headers, "Connection: close", host=host)
 

@@ -21,6 +21,7 @@ import dns.rdataclass
 import dns.rdatatype
 
 from conftest import BUILD, Process
+from dms_client import multicast_socket
 
 GROUP = "224.0.0.251"
 PORT = 5353
@@ -50,16 +51,7 @@ def in_peer_namespace(make):
 
 def peer_socket():
     # A socket of the peer host on the mDNS group and port.
-    def make():
-        sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        sock.bind(("", PORT))
-        sock.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
-                        socket.inet_aton(GROUP) + socket.inet_aton(PEER_ADDR))
-        sock.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(PEER_ADDR))
-        sock.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_LOOP, 0)
-        return sock
-    return in_peer_namespace(make)
+    return in_peer_namespace(lambda: multicast_socket(GROUP, PORT, PEER_ADDR))
 
 
 def decode(raw):
@@ -111,29 +103,20 @@ def announcements(sock, host, timeout):
 
 
 def next_announcement(sock, host, timeout=5.0):
-    for _, packet in announcements(sock, host, timeout):
-        return packet
-    return None
-
-
-def start_responder(host, *services):
-    # Runs mdns_test_responder; services are (instance, type, port, text).
-    args = [str(BUILD / "mdns_test_responder"), host, ADDR]
-    for service in services:
-        args += [str(field) for field in service]
-    proc = Process(args, cwd=BUILD)
-    assert proc.popen.stdout.readline() == b"ready\n", proc.stop()
-    return proc
+    return next((packet for _, packet in announcements(sock, host, timeout)), None)
 
 
 @pytest.fixture
 def responder():
+    # Runs mdns_test_responder: responder(host, *services, address=ADDR), each
+    # service (instance, type, port, text).
     started = []
 
-    def start(host, *services):
-        proc = start_responder(host, *services)
-        started.append(proc)
-        return proc
+    def start(host, *services, address=ADDR):
+        fields = [str(field) for service in services for field in service]
+        started.append(Process([str(BUILD / "mdns_test_responder"), host, address, *fields], cwd=BUILD))
+        assert started[-1].popen.stdout.readline() == b"ready\n", started[-1].stop()
+        return started[-1]
 
     yield start
     for proc in started:
@@ -142,9 +125,8 @@ def responder():
 
 @pytest.fixture
 def peer():
-    sock = peer_socket()
-    yield sock
-    sock.close()
+    with peer_socket() as sock:
+        yield sock
 
 
 def query(name, rtype, response=False):
@@ -196,32 +178,27 @@ def test_only_a_pointer_query_for_a_service_type_triggers_a_packet(responder, pe
         peer.sendto(wire, (GROUP, PORT))
         packet = next_announcement(peer, "quiet", timeout=3.0)
         assert packet is not None, "a matching PTR query went unanswered"
-        assert time.monotonic() - sent < 3.0
-        assert packet.answers[1].name == "_quiet._tcp.local."
+        assert time.monotonic() - sent < 3.0 and packet.answers[1].name == "_quiet._tcp.local."
 
 
 def test_stop_sends_the_packet_again_with_every_ttl_zero(responder, peer):
     proc = responder("bye", ("Bye", "_bye._tcp", 7000, "k=v"))
     hello = next_announcement(peer, "bye")
-    assert hello is not None
-    assert proc.stop() == ("", 0)
+    assert hello is not None and proc.stop() == ("", 0)
     goodbye = next_announcement(peer, "bye", timeout=5.0)
     assert goodbye is not None, "no goodbye packet"
     records = goodbye.answers + goodbye.additional
-    assert len(records) == 6 and all(record.ttl == 0 for record in records)
-    assert records == [record._replace(ttl=0) for record in hello.answers + hello.additional]
+    assert len(records) == 6 and records == [record._replace(ttl=0) for record in hello.answers + hello.additional]
 
 
-def test_stop_is_prompt_after_the_interface_lost_its_address(peer):
+def test_stop_is_prompt_after_the_interface_lost_its_address(responder, peer):
     # Responders are deleted when addresses change; the loop-back wake-up
     # cannot reach the thread then, and the stop must not wait for the next
     # 30-second poll.
     extra = "10.77.0.3"
     subprocess.run(["ip", "addr", "add", f"{extra}/24", "dev", "dms0"], check=True)
     try:
-        proc = Process([str(BUILD / "mdns_test_responder"), "gone", extra, "Gone", "_gone._tcp", "9", "x"],
-                       cwd=BUILD)
-        assert proc.popen.stdout.readline() == b"ready\n", proc.stop()
+        proc = responder("gone", ("Gone", "_gone._tcp", 9, "x"), address=extra)
         # Past the first announcement the thread waits 30 s for input.
         assert next_announcement(peer, "gone") is not None
     finally:
@@ -251,10 +228,8 @@ def test_device_thread_runs_a_responder_per_interface(process, peer):
     packet = next_announcement(peer, mac, timeout=15.0)
     assert packet is not None, "no announcement after the first interface check"
     a, ptr, srv, txt = packet.answers
-    assert (a.ttl, a.rdata.address) == (120, ADDR)
-    assert ptr.name == "_upnp-test._tcp.local."
-    assert (srv.rdata.port, srv.rdata.target.to_text()) == (port, f"{mac}.local.")
-    assert txt.rdata.strings == (b"path=/Device",)
+    assert (a.ttl, a.rdata.address, ptr.name, srv.rdata.port, srv.rdata.target.to_text(), txt.rdata.strings) == \
+        (120, ADDR, "_upnp-test._tcp.local.", port, f"{mac}.local.", (b"path=/Device",))
     assert device.stop() == ("", 0)
     goodbye = next_announcement(peer, mac, timeout=5.0)
     assert goodbye is not None and {r.ttl for r in goodbye.answers + goodbye.additional} == {0}

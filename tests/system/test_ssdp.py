@@ -58,18 +58,9 @@ def drain(sock, seconds):
     return [data for data, _ in received]
 
 
-def group_listener():
-    sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    sock.bind(("", SSDP_PORT))
-    membership = socket.inet_aton(GROUP) + socket.inet_aton(os.environ["DMS_NETNS_ADDR"])
-    sock.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, membership)
-    return sock
-
-
 class Discovery:
     def __init__(self, folder):
-        self.listener = group_listener()
+        self.listener = dms_client.multicast_socket(GROUP, SSDP_PORT, os.environ["DMS_NETNS_ADDR"])
         self.server = dms_client.start_server(folder)
         self.announced = []
         deadline = time.monotonic() + FIRST_ANNOUNCEMENT_TIMEOUT
