@@ -145,11 +145,14 @@ def action(port, name, service=CONTENT_DIRECTORY, arguments=(), method="POST", h
     return Client(port, host).send(soap(name, arguments, service, method)).reply(body=method != "HEAD")
 
 
+def browse_arguments(object_id, flag="BrowseDirectChildren", filt="*", start=0, count=0):
+    return [("ObjectID", object_id), ("BrowseFlag", flag), ("Filter", filt), ("StartingIndex", start),
+            ("RequestedCount", count), ("SortCriteria", "")]
+
+
 def browse_raw(port, object_id, flag="BrowseDirectChildren", filt="*", start=0, count=0, method="POST",
                arguments=None, host="127.0.0.1"):
-    if arguments is None:
-        arguments = [("ObjectID", object_id), ("BrowseFlag", flag), ("Filter", filt),
-                     ("StartingIndex", start), ("RequestedCount", count), ("SortCriteria", "")]
+    arguments = arguments or browse_arguments(object_id, flag, filt, start, count)
     return action(port, "Browse", arguments=arguments, method=method, host=host)
 
 

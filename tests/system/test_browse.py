@@ -144,8 +144,7 @@ def test_filter_length_boundary_met_by_a_long_client_filter(library, length, ans
 def test_head_gets_only_the_header(library):
     port, _ = library
     client = dms_client.Client(port)
-    arguments = [("ObjectID", "0"), ("BrowseFlag", "BrowseMetadata"), ("Filter", "*"), ("StartingIndex", 0),
-                 ("RequestedCount", 0), ("SortCriteria", "")]
+    arguments = dms_client.browse_arguments("0", "BrowseMetadata")
     reply = client.send(dms_client.soap("Browse", arguments, method="HEAD")).reply(body=False)
     headers = reply.headers
     assert (reply.status, headers["transfer-encoding"], headers["ext"]) == ("HTTP/1.1 200 OK", "chunked", "")
