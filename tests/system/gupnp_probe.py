@@ -108,6 +108,7 @@ def browse_page(proxy, object_id, start):
 
 def walk_tree(interface, seconds):
     loop, found = GLib.MainLoop(), []
+    # The context and control point stay alive while the proxy is used.
     _keep = control_point(loop, interface, seconds, CONTENT_DIRECTORY, "service-proxy-available",
                           lambda _control_point, proxy: (found.append(proxy), loop.quit()))
     if not found:
