@@ -1,11 +1,10 @@
-"""Fixtures for the black-box system tests.
-
-Every test here runs inside the private network namespace made by
-tools/netns-run; the fixtures refuse to start anything outside it. `dms`
-starts a copy of the real server in a temporary folder with a dmsConfig
-beside it, `process` starts any other helper executable; both find the TCP
-port the program listens on, and stop it on request or at the end.
-"""
+# Fixtures for the black-box system tests.
+#
+# Every test here runs inside the private network namespace made by
+# tools/netns-run; the fixtures refuse to start anything outside it. `dms`
+# starts a copy of the real server in a temporary folder with a dmsConfig
+# beside it, `process` starts any other helper executable; both find the TCP
+# port the program listens on, and stop it on request or at the end.
 import os
 import shutil
 import signal
@@ -26,7 +25,7 @@ def pytest_configure(config):
 
 
 def listening_tcp_ports(pid):
-    """The TCP ports on which process `pid` listens (IPv4)."""
+    # The TCP ports on which process `pid` listens (IPv4).
     inodes = set()
     for fd in Path(f"/proc/{pid}/fd").iterdir():
         try:
@@ -35,17 +34,16 @@ def listening_tcp_ports(pid):
             continue
         if target.startswith("socket:["):
             inodes.add(target[8:-1])
-    with open("/proc/net/tcp") as table:
-        rows = [line.split() for line in list(table)[1:]]
+    rows = [line.split() for line in Path("/proc/net/tcp").read_text().splitlines()[1:]]
     return sorted(int(row[1].split(":")[1], 16) for row in rows if row[3] == "0A" and row[9] in inodes)
 
 
 class Process:
-    """A program started for a test; stop() returns (stdout, exit status)."""
+    # A program started for a test; stop() returns (stdout, exit status).
 
     def __init__(self, argv, cwd):
-        self.popen = subprocess.Popen(argv, cwd=cwd, stdout=subprocess.PIPE,
-                                      stderr=subprocess.PIPE, stdin=subprocess.DEVNULL)
+        self.popen = subprocess.Popen(argv, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                      stdin=subprocess.DEVNULL)
         self.result = None
 
     @property
@@ -58,8 +56,7 @@ class Process:
             if self.popen.poll() is not None:
                 raise RuntimeError(f"exited early with {self.popen.returncode}: "
                                    f"{self.popen.stderr.read().decode(errors='replace')}")
-            ports = listening_tcp_ports(self.pid)
-            if ports:
+            if ports := listening_tcp_ports(self.pid):
                 return ports[0]
             time.sleep(0.05)
         raise TimeoutError("no listening port")
@@ -83,7 +80,7 @@ class Process:
 
 @pytest.fixture
 def process(tmp_path):
-    """Starts a build/<name> helper executable: process(name, *args)."""
+    # Starts a build/<name> helper executable: process(name, *args).
     started = []
 
     def start(name, *args):
@@ -98,7 +95,7 @@ def process(tmp_path):
 
 
 class Dms(Process):
-    """A copy of the server in its own folder, with `dmsConfig` beside it."""
+    # A copy of the server in its own folder, with `dmsConfig` beside it.
 
     def __init__(self, folder, config):
         folder.mkdir(parents=True, exist_ok=True)
@@ -117,7 +114,7 @@ class Dms(Process):
 
 @pytest.fixture
 def dms(tmp_path):
-    """Starts the server: dms(config_text or None); config None writes no file."""
+    # Starts the server: dms(config_text or None); config None writes no file.
     started = []
 
     def start(config=None, folder=None):

@@ -1,6 +1,6 @@
-"""The system tests' one HTTP client and control point: raw requests on a
-connection, replies framed by Content-Length or chunks, SOAP actions and
-Browse results parsed into dicts, and the server's test configuration."""
+# The system tests' one HTTP client and control point: raw requests on a
+# connection, replies framed by Content-Length or chunks, SOAP actions and
+# Browse results parsed into dicts, and the server's test configuration.
 import os
 import socket
 import xml.etree.ElementTree as ET
@@ -20,8 +20,8 @@ CONFIG_VALUES = {"deviceName": "Test DMS & Co", "manufacturer": "ACME <Labs>", "
 
 
 class Reply:
-    """One HTTP message: first line, headers (lower-case names; `order` keeps
-    the names as sent), body and, for chunked bodies, the chunk sizes."""
+    # One HTTP message: first line, headers (lower-case names; `order` keeps
+    # the names as sent), body and, for chunked bodies, the chunk sizes.
 
     def __init__(self, head):
         lines = head.decode().split("\r\n")
@@ -34,7 +34,7 @@ class Reply:
 
 
 class Client:
-    """One connection (made, or accepted by a test's own listener)."""
+    # One connection (made, or accepted by a test's own listener).
 
     def __init__(self, port=None, host="127.0.0.1", timeout=10.0, sock=None):
         self.sock = sock or socket.create_connection((host, port), timeout=timeout)
@@ -74,16 +74,14 @@ class Client:
             reply.body = self.read_exact(int(reply.headers.get("content-length", "0")))
             return reply
         reply.sizes = []
-        while True:
-            size = int(self.read_line(), 16)
-            reply.sizes.append(size)
-            reply.body += self.read_exact(size)
+        while not reply.sizes or reply.sizes[-1]:
+            reply.sizes.append(int(self.read_line(), 16))
+            reply.body += self.read_exact(reply.sizes[-1])
             assert self.read_exact(2) == b"\r\n", "chunk not followed by CRLF"
-            if size == 0:
-                return reply
+        return reply
 
     def request(self, method, target, *headers, version="HTTP/1.1", host="Host: test"):
-        """Sends a request (with `host` unless a Host header is given) and reads the reply."""
+        # Sends a request (with `host` unless a Host header is given) and reads the reply.
         named = host and not any(h.lower().startswith("host:") for h in headers)
         lines = [f"{method} {target} {version}", *([host] if named else []), *headers]
         return self.send(("\r\n".join(lines) + "\r\n\r\n").encode()).reply(body=method != "HEAD")
@@ -92,7 +90,7 @@ class Client:
         return self.request(method, target, *headers, version=version)
 
     def replies(self):
-        """Every reply until the server closes the connection."""
+        # Every reply until the server closes the connection.
         found = []
         try:
             while True:
@@ -101,7 +99,7 @@ class Client:
             return found
 
     def closed(self, timeout=3.0):
-        """True when the server ends the connection, sending nothing more, within `timeout`."""
+        # True when the server ends the connection, sending nothing more, within `timeout`.
         self.sock.settimeout(timeout)
         try:
             data = self.sock.recv(1 << 16)
@@ -114,6 +112,18 @@ class Client:
 
     def close(self):
         self.sock.close()
+
+
+def multicast_socket(group, port, address):
+    # A UDP socket on `port` in `group`, on the interface of `address`, that
+    # does not hear what it sends itself.
+    sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    sock.bind(("", port))
+    sock.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, socket.inet_aton(group) + socket.inet_aton(address))
+    sock.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(address))
+    sock.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_LOOP, 0)
+    return sock
 
 
 def get(port, path, *headers, method="GET", address="127.0.0.1", host="Host: test"):
@@ -135,16 +145,19 @@ def action(port, name, service=CONTENT_DIRECTORY, arguments=(), method="POST", h
     return Client(port, host).send(soap(name, arguments, service, method)).reply(body=method != "HEAD")
 
 
+def browse_arguments(object_id, flag="BrowseDirectChildren", filt="*", start=0, count=0):
+    return [("ObjectID", object_id), ("BrowseFlag", flag), ("Filter", filt), ("StartingIndex", start),
+            ("RequestedCount", count), ("SortCriteria", "")]
+
+
 def browse_raw(port, object_id, flag="BrowseDirectChildren", filt="*", start=0, count=0, method="POST",
                arguments=None, host="127.0.0.1"):
-    if arguments is None:
-        arguments = [("ObjectID", object_id), ("BrowseFlag", flag), ("Filter", filt),
-                     ("StartingIndex", start), ("RequestedCount", count), ("SortCriteria", "")]
+    arguments = arguments or browse_arguments(object_id, flag, filt, start, count)
     return action(port, "Browse", arguments=arguments, method=method, host=host)
 
 
 def browse(port, object_id, **kwargs):
-    """Browse result: (didl text, objects, NumberReturned, TotalMatches, UpdateID, chunk sizes)."""
+    # Browse result: (didl text, objects, NumberReturned, TotalMatches, UpdateID, chunk sizes).
     reply = browse_raw(port, object_id, **kwargs)
     assert reply.status == "HTTP/1.1 200 OK", (reply.status, reply.body)
     response = ET.fromstring(reply.body).find(".//{%s}BrowseResponse" % CONTENT_DIRECTORY)
@@ -177,7 +190,7 @@ def config_text(media_path):
 
 
 def start_server(folder):
-    """A server in `folder` with the test configuration and an empty library."""
+    # A server in `folder` with the test configuration and an empty library.
     media = folder / "media"
     media.mkdir(parents=True, exist_ok=True)
     server = Dms(folder / "server", config_text(media))
@@ -186,7 +199,7 @@ def start_server(folder):
 
 
 def udn():
-    """"DMS", three zero bytes, 0x10 0 0x80 0, then the MAC of the first interface."""
+    # "DMS", three zero bytes, 0x10 0 0x80 0, then the MAC of the first interface.
     mac = Path("/sys/class/net/dms0/address").read_text().strip().replace(":", "").upper()
     return f"444D5300-0000-1000-8000-{mac}"
 

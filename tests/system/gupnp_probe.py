@@ -1,18 +1,17 @@
-"""A third-party control point for the system tests, built on GSSDP and GUPnP.
-
-`gupnp_probe.py ssdp IFACE SECONDS` prints, as JSON, every resource that a
-GSSDP browser for ssdp:all saw on IFACE (USN and locations).
-`gupnp_probe.py device IFACE SECONDS` waits for a MediaServer device proxy,
-introspects every service it lists and prints its fields, action names and
-state variable names. Exits 1 when nothing was found in time.
-`gupnp_probe.py browse IFACE SECONDS` waits for a ContentDirectory service
-proxy, walks the whole tree from "0" through its Browse action, parses every
-Result with GUPnP-AV's DIDL-Lite parser and prints what that parser saw.
-`gupnp_probe.py events IFACE SECONDS PORT COUNT` subscribes to the
-ContentDirectory of the MediaServer whose description is served on PORT and
-prints one JSON line per SystemUpdateID value GUPnP delivers; it exits 0
-after COUNT values.
-"""
+# A third-party control point for the system tests, built on GSSDP and GUPnP.
+#
+# `gupnp_probe.py ssdp IFACE SECONDS` prints, as JSON, every resource that a
+# GSSDP browser for ssdp:all saw on IFACE (USN and locations).
+# `gupnp_probe.py device IFACE SECONDS` waits for a MediaServer device proxy,
+# introspects every service it lists and prints its fields, action names and
+# state variable names. Exits 1 when nothing was found in time.
+# `gupnp_probe.py browse IFACE SECONDS` waits for a ContentDirectory service
+# proxy, walks the whole tree from "0" through its Browse action, parses every
+# Result with GUPnP-AV's DIDL-Lite parser and prints what that parser saw.
+# `gupnp_probe.py events IFACE SECONDS PORT COUNT` subscribes to the
+# ContentDirectory of the MediaServer whose description is served on PORT and
+# prints one JSON line per SystemUpdateID value GUPnP delivers; it exits 0
+# after COUNT values.
 import json
 import sys
 
@@ -28,36 +27,36 @@ CONTENT_DIRECTORY = "urn:schemas-upnp-org:service:ContentDirectory:1"
 MAX_BROWSES = 1000  # bounds the walk should a container ever list itself
 
 
-def browse_ssdp(interface, seconds):
-    loop = GLib.MainLoop()
-    client = GSSDP.Client.new_full(interface, None, 0, GSSDP.UDAVersion.VERSION_1_0)
-    browser = GSSDP.ResourceBrowser.new(client, "ssdp:all")
-    seen = {}
-
-    def available(_browser, usn, locations):
-        seen[usn] = list(locations)
-
-    browser.connect("resource-available", available)
-    browser.set_active(True)
+def run_loop(loop, seconds, source, signal, handler):
+    # Connects `handler` to `source`, activates it and runs `loop` for at most `seconds`.
+    source.connect(signal, handler)
+    source.set_active(True)
     GLib.timeout_add_seconds(seconds, loop.quit)
     loop.run()
+    return source
+
+
+def control_point(loop, interface, seconds, target, signal, handler):
+    context = GUPnP.Context.new_full(interface, None, 0, GSSDP.UDAVersion.VERSION_1_0)
+    return context, run_loop(loop, seconds, GUPnP.ControlPoint.new(context, target), signal, handler)
+
+
+def browse_ssdp(interface, seconds):
+    seen = {}
+    client = GSSDP.Client.new_full(interface, None, 0, GSSDP.UDAVersion.VERSION_1_0)
+    run_loop(GLib.MainLoop(), seconds, GSSDP.ResourceBrowser.new(client, "ssdp:all"), "resource-available",
+             lambda _browser, usn, locations: seen.__setitem__(usn, list(locations)))
     print(json.dumps(seen))
     return 0 if seen else 1
 
 
 def introspect_device(interface, seconds):
-    loop = GLib.MainLoop()
-    context = GUPnP.Context.new_full(interface, None, 0, GSSDP.UDAVersion.VERSION_1_0)
-    control_point = GUPnP.ControlPoint.new(context, MEDIA_SERVER)
-    result = {"services": {}}
-    pending = []
+    loop, result, pending = GLib.MainLoop(), {"services": {}}, []
 
     def introspected(proxy, outcome, service_type):
         introspection = proxy.introspect_finish(outcome)
-        result["services"][service_type] = {
-            "actions": sorted(introspection.list_action_names()),
-            "variables": sorted(introspection.list_state_variable_names()),
-        }
+        result["services"][service_type] = {"actions": sorted(introspection.list_action_names()),
+                                            "variables": sorted(introspection.list_state_variable_names())}
         pending.remove(service_type)
         if not pending:
             loop.quit()
@@ -69,33 +68,12 @@ def introspect_device(interface, seconds):
                       modelName=device.get_model_name(), modelNumber=device.get_model_number(),
                       location=device.get_location())
         for service in device.list_services():
-            service_type = service.get_service_type()
-            pending.append(service_type)
-            service.introspect_async(None, introspected, service_type)
+            pending.append(service.get_service_type())
+            service.introspect_async(None, introspected, pending[-1])
 
-    control_point.connect("device-proxy-available", available)
-    control_point.set_active(True)
-    GLib.timeout_add_seconds(seconds, loop.quit)
-    loop.run()
+    control_point(loop, interface, seconds, MEDIA_SERVER, "device-proxy-available", available)
     print(json.dumps(result))
     return 0 if result.get("udn") and not pending else 1
-
-
-def find_content_directory(interface, seconds):
-    loop = GLib.MainLoop()
-    context = GUPnP.Context.new_full(interface, None, 0, GSSDP.UDAVersion.VERSION_1_0)
-    control_point = GUPnP.ControlPoint.new(context, CONTENT_DIRECTORY)
-    found = []
-
-    def available(_control_point, proxy):
-        found.append(proxy)
-        loop.quit()
-
-    control_point.connect("service-proxy-available", available)
-    control_point.set_active(True)
-    GLib.timeout_add_seconds(seconds, loop.quit)
-    loop.run()
-    return (found[0], context, control_point) if found else (None, context, control_point)
 
 
 def parsed_object(didl_object):
@@ -129,9 +107,13 @@ def browse_page(proxy, object_id, start):
 
 
 def walk_tree(interface, seconds):
-    proxy, *_keep = find_content_directory(interface, seconds)
-    if proxy is None:
+    loop, found = GLib.MainLoop(), []
+    # The context and control point stay alive while the proxy is used.
+    _keep = control_point(loop, interface, seconds, CONTENT_DIRECTORY, "service-proxy-available",
+                          lambda _control_point, proxy: (found.append(proxy), loop.quit()))
+    if not found:
         return 1
+    proxy = found[0]
     browses, pending = {}, ["0"]
     while pending and len(browses) < MAX_BROWSES:
         object_id = pending.pop(0)
@@ -148,10 +130,7 @@ def walk_tree(interface, seconds):
 
 
 def watch_events(interface, seconds, port, count):
-    loop = GLib.MainLoop()
-    context = GUPnP.Context.new_full(interface, None, 0, GSSDP.UDAVersion.VERSION_1_0)
-    control_point = GUPnP.ControlPoint.new(context, MEDIA_SERVER)
-    state = {"proxy": None, "values": 0}
+    loop, state = GLib.MainLoop(), {"proxy": None, "values": 0}
 
     def notified(_proxy, variable, value):
         print(json.dumps({variable: value}), flush=True)
@@ -166,10 +145,7 @@ def watch_events(interface, seconds, port, count):
         state["proxy"].add_notify("SystemUpdateID", GObject.TYPE_UINT, notified)
         state["proxy"].set_subscribed(True)
 
-    control_point.connect("device-proxy-available", available)
-    control_point.set_active(True)
-    GLib.timeout_add_seconds(seconds, loop.quit)
-    loop.run()
+    control_point(loop, interface, seconds, MEDIA_SERVER, "device-proxy-available", available)
     return 0 if state["values"] >= int(count) else 1
 
 

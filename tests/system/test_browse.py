@@ -1,7 +1,7 @@
-"""Browse and media transfer through the running server, on the demo library
-plus a folder large enough to need several DIDL-Lite pages and a picture of
-more than two 4 MiB pieces; the HTTP rules (ranges, keep-alive, bodies,
-limits and idle timeouts) as a control point meets them."""
+# Browse and media transfer through the running server, on the demo library
+# plus a folder large enough to need several DIDL-Lite pages and a picture of
+# more than two 4 MiB pieces; the HTTP rules (ranges, keep-alive, bodies,
+# limits and idle timeouts) as a control point meets them.
 import json
 import os
 import shutil
@@ -59,8 +59,7 @@ def test_fixed_tree_exact_didl_with_full_and_empty_filters(library):
                   ("0.2", "Pictures", "object.container"), ("0.1", "Volume", "object.container.storageVolume")]
     expected = "".join(f'<container id="{i}" parentID="0"  restricted="0" ><upnp:class>{c}</upnp:class>'
                        f"<dc:title>{t}</dc:title></container>" for i, t, c in containers)
-    assert didl == head + expected + "</DIDL-Lite>"
-    assert (returned, total) == (4, 4)
+    assert (didl, returned, total) == (head + expected + "</DIDL-Lite>", 4, 4)
 
     views = [(o["id"], o["parentID"], o["dc:title"], o["upnp:class"], o["childCount"]) for o in browse(port, "0.4")[1]]
     assert views == [("0.10", "0.4", "All Music", "object.container", "5"),
@@ -72,32 +71,29 @@ def test_fixed_tree_exact_didl_with_full_and_empty_filters(library):
 def test_metadata_versus_children_and_items(library):
     port, _ = library
     _, objects, returned, total, update, _ = browse(port, "0", flag="BrowseMetadata")
-    assert (returned, total) == (1, 1)
-    assert objects[0]["id"] == "0" and objects[0]["parentID"] == "-1" and objects[0]["childCount"] == "4"
+    root = objects[0]
+    assert (returned, total, root["id"], root["parentID"], root["childCount"]) == (1, 1, "0", "-1", "4")
 
     song = child(port, "0.10", "Night Drive")
     assert song["refID"] and song["parentID"] == "0.10"
     for flag in ("BrowseMetadata", "BrowseDirectChildren"):
         _, objects, returned, total, *_ = browse(port, song["id"], flag=flag)
-        assert (returned, total) == (1, 1)
-        assert objects[0]["id"] == song["id"]
+        assert (returned, total, objects[0]["id"]) == (1, 1, song["id"])
 
 
 def test_paging_over_several_chunks(library):
     port, _ = library
     folder = child(port, "0.1", "Many")["id"]
     didl, objects, returned, total, _, sizes = browse(port, folder)
-    assert returned == total == MANY
-    assert len(sizes) >= 5  # head, at least two pages, tail, last chunk
-    assert max(sizes) <= 8200
+    # Head, at least two pages, tail and last chunk.
+    assert returned == total == MANY and len(sizes) >= 5 and max(sizes) <= 8200
     assert [o["dc:title"] for o in objects] == sorted(o["dc:title"] for o in objects)
     assert all(o["res"][0]["resolution"] == "32x24" for o in objects)
 
-    _, window, returned, total, *_ = browse(port, folder, start=100, count=30)
-    assert (returned, total) == (30, MANY)
-    assert [o["id"] for o in window] == [o["id"] for o in objects[100:130]]
-    _, tail, returned, _, *_ = browse(port, folder, start=140, count=0)
-    assert returned == 10 and [o["id"] for o in tail] == [o["id"] for o in objects[140:]]
+    for start, count, end in ((100, 30, 130), (140, 0, MANY)):
+        _, window, returned, total, *_ = browse(port, folder, start=start, count=count)
+        assert (returned, total, [o["id"] for o in window]) == \
+            (end - start, MANY, [o["id"] for o in objects[start:end]])
 
 
 def test_unknown_object_is_an_empty_success(library):
@@ -118,8 +114,8 @@ def test_unknown_object_is_an_empty_success(library):
 def test_bad_arguments_give_fault_720(library, arguments):
     port, _ = library
     reply = browse_raw(port, arguments.pop("object_id", "0"), **arguments)
-    assert reply.status == "HTTP/1.1 500 Internal Server Error"
-    assert b"<errorCode>720</errorCode>" in reply.body and b"Cannot Process the Request" in reply.body
+    assert reply.status == "HTTP/1.1 500 Internal Server Error" and b"<errorCode>720</errorCode>" in reply.body
+    assert b"Cannot Process the Request" in reply.body
 
 
 # A real client's Filter: 37 properties, 545 characters. Filters up to 255
@@ -148,13 +144,11 @@ def test_filter_length_boundary_met_by_a_long_client_filter(library, length, ans
 def test_head_gets_only_the_header(library):
     port, _ = library
     client = dms_client.Client(port)
-    arguments = [("ObjectID", "0"), ("BrowseFlag", "BrowseMetadata"), ("Filter", "*"), ("StartingIndex", 0),
-                 ("RequestedCount", 0), ("SortCriteria", "")]
+    arguments = dms_client.browse_arguments("0", "BrowseMetadata")
     reply = client.send(dms_client.soap("Browse", arguments, method="HEAD")).reply(body=False)
-    assert reply.status == "HTTP/1.1 200 OK"
-    assert reply.headers["transfer-encoding"] == "chunked" and "ext" in reply.headers
-    assert reply.headers["server"].endswith("UPnP/1.0 Model/7")
-    assert client.buffer == b"" and client.closed()
+    headers = reply.headers
+    assert (reply.status, headers["transfer-encoding"], headers["ext"]) == ("HTTP/1.1 200 OK", "chunked", "")
+    assert headers["server"].endswith("UPnP/1.0 Model/7") and client.buffer == b"" and client.closed()
 
 
 def test_categorised_views(library):
@@ -172,7 +166,7 @@ def test_categorised_views(library):
 
 
 def media_item(port, title, view="0.10"):
-    """The item behind a reference, with its DIDL fields."""
+    # The item behind a reference, with its DIDL fields.
     return browse(port, child(port, view, title)["refID"], flag="BrowseMetadata")[1][0]
 
 
@@ -180,8 +174,7 @@ def test_item_rendering_and_thumbnail_of_an_mp3(library):
     port, media = library
     mp3 = [o for o in browse(port, "0.10")[1] if o["res"][0]["protocolInfo"].startswith("http-get:*:audio/mpeg")][0]
     item = browse(port, mp3["refID"], flag="BrowseMetadata")[1][0]
-    assert item["upnp:artist"] == "Demo Artist" and item["upnp:album"] == "Demo Album"
-    assert item["upnp:genre"] == "Rock"
+    assert (item["upnp:artist"], item["upnp:album"], item["upnp:genre"]) == ("Demo Artist", "Demo Album", "Rock")
     media_res, thumb_res = item["res"]
     assert media_res["duration"].startswith("0:00:00.")
     assert media_res["url"] == f"http://127.0.0.1:{port}/mediaitem/{item['id']}"
@@ -234,7 +227,7 @@ def test_media_transfer_rules(library):
 
 
 def cover_bytes(media, relative):
-    """The embedded picture of a demo file, located by dms-probe."""
+    # The embedded picture of a demo file, located by dms-probe.
     path = media / relative
     probe = json.loads(subprocess.run([str(BUILD / "dms-probe"), str(path)], check=True, capture_output=True,
                                       text=True).stdout)
@@ -244,9 +237,8 @@ def cover_bytes(media, relative):
 def test_photo_and_video_metadata_in_didl(library):
     port, _ = library
     photo = media_item(port, "Harbour at dawn", "0.30")
-    assert photo["upnp:artist"] == "Demo Photographer"
-    assert photo["dc:date"] == "2021-08-14"
-    assert photo["res"][0]["resolution"] == "64x48"
+    assert (photo["upnp:artist"], photo["dc:date"], photo["res"][0]["resolution"]) == \
+        ("Demo Photographer", "2021-08-14", "64x48")
 
     mkv = [v for v in browse(port, "0.20")[1] if "x-matroska" in v["res"][0]["protocolInfo"]][0]
     assert (mkv["upnp:class"], mkv["res"][0]["duration"]) == ("object.item.videoItem", "0:00:12.500000")
@@ -331,7 +323,7 @@ def test_keep_alive_continue_and_header_limit(library):
 
 
 def test_idle_connections_are_dropped(library):
-    """Waits run in parallel; each result is the time until the server closed."""
+    # Waits run in parallel; each result is the time until the server closed.
     port, results = library[0], {}
 
     def wait_after(name, target=None):
@@ -361,7 +353,7 @@ def test_idle_connections_are_dropped(library):
 
 
 def protocol_fields(protocol_info):
-    """The parts of a protocolInfo value a DLNA parser exposes, from our text."""
+    # The parts of a protocolInfo value a DLNA parser exposes, from our text.
     protocol, network, mime, extra = protocol_info.split(":", 3)
     params = dict(p.split("=", 1) for p in extra.split(";")) if extra != "*" else {}
     return {"protocol": protocol, "network": network, "mime": mime, "profile": params.get("DLNA.ORG_PN"),
@@ -371,7 +363,7 @@ def protocol_fields(protocol_info):
 
 
 def our_walk(port, host):
-    """Every container from "0" down, browsed by our client, in the probe's shape."""
+    # Every container from "0" down, browsed by our client, in the probe's shape.
     browses, pending = {}, ["0"]
     while pending:
         object_id = pending.pop(0)
@@ -390,8 +382,8 @@ def our_walk(port, host):
 
 
 def test_gupnp_av_parses_every_browse_result_like_our_client(library):
-    """A real control-point library reads our Browse output: GUPnP walks the
-    whole tree and GUPnP-AV's DIDL-Lite parser sees what our client sees."""
+    # A real control-point library reads our Browse output: GUPnP walks the
+    # whole tree and GUPnP-AV's DIDL-Lite parser sees what our client sees.
     port, host = library[0], os.environ["DMS_NETNS_ADDR"]
     result = subprocess.run(["/usr/bin/python3", str(PROBE), "browse", "dms0", "10"], capture_output=True, timeout=40)
     assert result.returncode == 0, result.stderr.decode(errors="replace")

@@ -1,14 +1,14 @@
-"""Eventing and the small actions against running servers: SUBSCRIBE,
-renewal and UNSUBSCRIBE replies, the exact NOTIFY requests received by
-callback servers of our own, the change event after a file is added, GUPnP
-as a subscribing control point, subscribers that never answer, and the exact
-envelopes of the six small actions.
-
-One server serves the module. Its media folder is empty when it starts, so
-the first scan is over before anyone subscribes; a file is copied in right
-after the first subscriptions, and the refresh pass that follows (about 40 s
-after start) reports it. The change tests run last and wait only for what is
-left of that time."""
+# Eventing and the small actions against running servers: SUBSCRIBE,
+# renewal and UNSUBSCRIBE replies, the exact NOTIFY requests received by
+# callback servers of our own, the change event after a file is added, GUPnP
+# as a subscribing control point, subscribers that never answer, and the exact
+# envelopes of the six small actions.
+#
+# One server serves the module. Its media folder is empty when it starts, so
+# the first scan is over before anyone subscribes; a file is copied in right
+# after the first subscriptions, and the refresh pass that follows (about 40 s
+# after start) reports it. The change tests run last and wait only for what is
+# left of that time.
 import json
 import os
 import re
@@ -44,15 +44,14 @@ def address():
     return os.environ["DMS_NETNS_ADDR"]
 
 
-class Listener:
-    """A TCP listener on the namespace address that hands every connection to
-    `_connected` on its own accept thread."""
+class NotifySink:
+    # A callback server on the namespace address that records every request
+    # and answers 200; a silent one accepts connections and never reads them.
 
-    def __init__(self, port=0):
-        self.sock = socket.socket()
-        self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self.sock.bind((address(), port))
-        self.sock.listen(16)
+    def __init__(self, port=0, silent=False):
+        self.events, self.connections, self.silent = [], [], silent
+        self.changed, self.accepted = threading.Condition(), threading.Event()
+        self.sock = socket.create_server((address(), port), backlog=16)
         self.port = self.sock.getsockname()[1]
         threading.Thread(target=self._accept, daemon=True).start()
 
@@ -62,19 +61,10 @@ class Listener:
                 conn, _ = self.sock.accept()
             except OSError:
                 return
-            self._connected(conn)
-
-
-class NotifySink(Listener):
-    """A callback server that records every request it gets and answers 200."""
-
-    def __init__(self, port=0):
-        self.events = []
-        self.changed = threading.Condition()
-        super().__init__(port)
-
-    def _connected(self, conn):
-        threading.Thread(target=self._serve, args=(conn,), daemon=True).start()
+            self.connections.append(conn)
+            self.accepted.set()
+            if not self.silent:
+                threading.Thread(target=self._serve, args=(conn,), daemon=True).start()
 
     def _serve(self, conn):
         try:
@@ -89,31 +79,10 @@ class NotifySink(Listener):
             self.changed.notify_all()
 
     def wait(self, sid, count, timeout=EVENT_WAIT):
-        """The events for `sid` once there are `count` of them (or the time is up)."""
-        deadline = time.monotonic() + timeout
+        found = lambda: [e for e in self.events if e.headers.get("sid") == "uuid:" + sid]  # noqa: E731
         with self.changed:
-            while True:
-                found = [e for e in self.events if e.headers.get("sid") == "uuid:" + sid]
-                left = deadline - time.monotonic()
-                if len(found) >= count or left <= 0:
-                    return found
-                self.changed.wait(left)
-
-    def close(self):
-        self.sock.close()
-
-
-class SilentListener(Listener):
-    """Accepts connections and never reads from or answers them."""
-
-    def __init__(self):
-        self.connections = []
-        self.accepted = threading.Event()
-        super().__init__()
-
-    def _connected(self, conn):
-        self.connections.append(conn)
-        self.accepted.set()
+            self.changed.wait_for(lambda: len(found()) >= count, timeout)
+            return found()
 
     def close(self):
         for conn in self.connections:
@@ -127,7 +96,7 @@ def event_request(port, method, path, *headers):
 
 
 def subscribe(port, path, callback):
-    """A new subscription; returns its SID without "uuid:"."""
+    # A new subscription; returns its SID without "uuid:".
     status, headers, _ = event_request(port, "SUBSCRIBE", path, f"CALLBACK: <{callback}>", "NT: upnp:event",
                                        "TIMEOUT: Second-1800")
     assert status == "HTTP/1.1 200 OK"
@@ -166,14 +135,12 @@ def envelope(name, service, outputs):
 
 
 def system_update_id(port):
-    reply = action(port, "GetSystemUpdateID")
-    assert reply.status == "HTTP/1.1 200 OK"
-    return re.search(rb"<Id>(\d+)</Id>", reply.body).group(1).decode()
+    return re.search(rb"<Id>(\d+)</Id>", action(port, "GetSystemUpdateID").body).group(1).decode()
 
 
 class Eventing:
-    """The module's server, its callback server, two watching subscribers and
-    a GUPnP subscriber, all in place before the file arrives."""
+    # The module's server, its callback server, two watching subscribers and
+    # a GUPnP subscriber, all in place before the file arrives.
 
     def __init__(self, folder):
         self.demo = folder / "demo"
@@ -201,8 +168,7 @@ class Eventing:
         return max(0.0, self.started + CHANGE_DEADLINE - time.monotonic())
 
     def close(self):
-        if self.probe.poll() is None:
-            self.probe.kill()
+        self.probe.kill()
         self.probe.communicate()
         self.server.stop()
         self.sink.close()
@@ -210,8 +176,7 @@ class Eventing:
 
 @pytest.fixture(scope="module")
 def eventing(tmp_path_factory):
-    found = Eventing(tmp_path_factory.mktemp("gena"))
-    yield found
+    yield (found := Eventing(tmp_path_factory.mktemp("gena")))
     found.close()
 
 
@@ -320,7 +285,7 @@ def test_unanswering_subscribers_do_not_hold_up_browse_and_transfers(dms, tmp_pa
         time.sleep(0.1)
     item_path = "/" + items[0]["res"][0]["url"].split("/", 3)[3]
 
-    silent = SilentListener()
+    silent = NotifySink(silent=True)
     sink = NotifySink()
     try:
         # The first blackholed subscriber keeps a delivery pass busy for a
@@ -351,8 +316,7 @@ def test_unanswering_subscribers_do_not_hold_up_browse_and_transfers(dms, tmp_pa
             assert (reply.status, reply.body) == ("HTTP/1.1 200 OK", (media / "Stripes.gif").read_bytes())
         assert waiting.is_alive() and not late
         waiting.join(6)
-        assert len(late) == 1
-        assert len(sink.wait(late[0], 1)) == 1
+        assert len(late) == 1 and len(sink.wait(late[0], 1)) == 1
     finally:
         silent.close()
         sink.close()
@@ -362,9 +326,8 @@ def test_change_event_after_a_file_is_added(eventing):
     port, sink = eventing.port, eventing.sink
     events = sink.wait(eventing.watchers["cd"], 2, timeout=eventing.left())
     assert len(events) == 2, "no change event"
-    update_id = system_update_id(port)
+    change = content_directory_event(update_id := system_update_id(port))
     assert int(update_id) > int(eventing.initial_update_id)
-    change = content_directory_event(update_id)
     assert (events[1].head, events[1].body) == \
         (notify_head("/watch/cd?x=1", sink.port, change, eventing.watchers["cd"], 1), change)
     assert [o["dc:title"] for o in browse(port, "0.1")[1]] == ["Added"]

@@ -1,7 +1,7 @@
-"""Start and stop of the real server: the configuration file beside the
-executable, read once, the running and stopped lines, and prompt, clean
-exits on signals, also in the middle of replies. The lookup's quirks are
-unit-tested."""
+# Start and stop of the real server: the configuration file beside the
+# executable, read once, the running and stopped lines, and prompt, clean
+# exits on signals, also in the middle of replies. The lookup's quirks are
+# unit-tested.
 import shutil
 import signal
 import socket
@@ -11,7 +11,7 @@ import time
 import pytest
 
 from conftest import BUILD
-from dms_client import Client, browse, soap
+from dms_client import Client, browse, browse_arguments, soap
 
 
 @pytest.mark.parametrize("config, sig, label", [
@@ -34,9 +34,8 @@ def test_signal_stops_promptly_with_both_lines(dms, tmp_path, config, sig, label
 
 
 def test_stop_in_the_middle_of_browse_replies_and_downloads(dms, tmp_path):
-    media_dir = tmp_path / "media"
+    media_dir, demo = tmp_path / "media", tmp_path / "demo"
     media_dir.mkdir()
-    demo = tmp_path / "demo"
     subprocess.run([str(BUILD / "dms-mkdemo"), str(demo)], check=True, stdout=subprocess.DEVNULL)
     for index in range(300):  # a Browse reply of some 200 KB
         shutil.copy(demo / "Pictures" / "Stripes.gif", media_dir / f"picture {index:03d} with a long name.gif")
@@ -50,11 +49,9 @@ def test_stop_in_the_middle_of_browse_replies_and_downloads(dms, tmp_path):
         time.sleep(0.2)
     item = [o["id"] for o in browse(port, "0.1")[1] if o["res"][0].get("size") == str(64 << 20)][0]
 
-    arguments = [("ObjectID", "0.1"), ("BrowseFlag", "BrowseDirectChildren"), ("Filter", "*"),
-                 ("StartingIndex", 0), ("RequestedCount", 0), ("SortCriteria", "")]
     download = f"GET /mediaitem/{item} HTTP/1.1\r\nHost: test\r\n\r\n".encode()
     readers = []
-    for raw in [soap("Browse", arguments)] * 3 + [download] * 3:
+    for raw in [soap("Browse", browse_arguments("0.1"))] * 3 + [download] * 3:
         # The slowest of readers: a small receive buffer, and only the reply's start is read.
         reader = socket.socket()
         reader.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
@@ -63,8 +60,7 @@ def test_stop_in_the_middle_of_browse_replies_and_downloads(dms, tmp_path):
         assert reader.recv(1024).startswith(b"HTTP/1.1 200 OK")
         readers.append(reader)
     started = time.monotonic()
-    out, status = server.stop()  # also fails on any sanitizer report
-    assert status == 0 and out == "\n[Shelf] running\n\n\n[Shelf] stopped\n\n"
-    assert time.monotonic() - started < 2.5  # the replies under way do not hold the stop up
+    # The replies under way do not hold the stop up; stop() also fails on any sanitizer report.
+    assert server.stop() == ("\n[Shelf] running\n\n\n[Shelf] stopped\n\n", 0) and time.monotonic() - started < 2.5
     for reader in readers:
         reader.close()

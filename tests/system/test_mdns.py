@@ -1,16 +1,14 @@
-"""The mDNS responder on the wire, seen from the peer namespace.
-
-A test-only executable runs one responder on the namespace's interface; the
-tests listen and query from the other end of the veth pair, as another host
-would, and decode every packet with dnspython (python3-dnspython).
-"""
+# The mDNS responder on the wire, seen from the peer namespace.
+#
+# A test-only executable runs one responder on the namespace's interface; the
+# tests listen and query from the other end of the veth pair, as another host
+# would, and decode every packet with dnspython (python3-dnspython).
 import collections
 import ctypes
 import os
 import socket
 import struct
 import subprocess
-import threading
 import time
 
 import pytest
@@ -23,6 +21,7 @@ import dns.rdataclass
 import dns.rdatatype
 
 from conftest import BUILD, Process
+from dms_client import multicast_socket
 
 GROUP = "224.0.0.251"
 PORT = 5353
@@ -36,8 +35,8 @@ Packet = collections.namedtuple("Packet", "id flags counts answers additional ra
 
 
 def in_peer_namespace(make):
-    """Calls make() with this thread moved into the peer namespace; sockets it
-    creates stay there."""
+    # Calls make() with this thread moved into the peer namespace; sockets it
+    # creates stay there.
     libc = ctypes.CDLL(None, use_errno=True)
     with open("/proc/thread-self/ns/net") as home, \
             open(f"/run/netns/{os.environ['DMS_NETNS_PEER']}") as peer:
@@ -51,22 +50,13 @@ def in_peer_namespace(make):
 
 
 def peer_socket():
-    """A socket of the peer host on the mDNS group and port."""
-    def make():
-        sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        sock.bind(("", PORT))
-        sock.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
-                        socket.inet_aton(GROUP) + socket.inet_aton(PEER_ADDR))
-        sock.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(PEER_ADDR))
-        sock.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_LOOP, 0)
-        return sock
-    return in_peer_namespace(make)
+    # A socket of the peer host on the mDNS group and port.
+    return in_peer_namespace(lambda: multicast_socket(GROUP, PORT, PEER_ADDR))
 
 
 def decode(raw):
-    """Walks the sections; dnspython decodes each name and record data in class
-    IN (it does not know the cache-flush bit, which is split off here)."""
+    # Walks the sections; dnspython decodes each name and record data in class
+    # IN (it does not know the cache-flush bit, which is split off here).
     ident, flags, *counts = struct.unpack_from("!6H", raw)
     offset = 12
     for _ in range(counts[0]):
@@ -87,8 +77,8 @@ def decode(raw):
 
 
 def announcements(sock, host, timeout):
-    """Yields (arrival time, Packet) for every response whose first answer is
-    the A record of host.local, until `timeout` seconds have passed."""
+    # Yields (arrival time, Packet) for every response whose first answer is
+    # the A record of host.local, until `timeout` seconds have passed.
     deadline = time.monotonic() + timeout
     owner = f"{host}.local."
     while (left := deadline - time.monotonic()) > 0:
@@ -113,29 +103,20 @@ def announcements(sock, host, timeout):
 
 
 def next_announcement(sock, host, timeout=5.0):
-    for _, packet in announcements(sock, host, timeout):
-        return packet
-    return None
-
-
-def start_responder(host, *services):
-    """Runs mdns_test_responder; services are (instance, type, port, text)."""
-    args = [str(BUILD / "mdns_test_responder"), host, ADDR]
-    for service in services:
-        args += [str(field) for field in service]
-    proc = Process(args, cwd=BUILD)
-    assert proc.popen.stdout.readline() == b"ready\n", proc.stop()
-    return proc
+    return next((packet for _, packet in announcements(sock, host, timeout)), None)
 
 
 @pytest.fixture
 def responder():
+    # Runs mdns_test_responder: responder(host, *services, address=ADDR), each
+    # service (instance, type, port, text).
     started = []
 
-    def start(host, *services):
-        proc = start_responder(host, *services)
-        started.append(proc)
-        return proc
+    def start(host, *services, address=ADDR):
+        fields = [str(field) for service in services for field in service]
+        started.append(Process([str(BUILD / "mdns_test_responder"), host, address, *fields], cwd=BUILD))
+        assert started[-1].popen.stdout.readline() == b"ready\n", started[-1].stop()
+        return started[-1]
 
     yield start
     for proc in started:
@@ -144,43 +125,8 @@ def responder():
 
 @pytest.fixture
 def peer():
-    sock = peer_socket()
-    yield sock
-    sock.close()
-
-
-class CadenceWatch:
-    """A responder left alone for the whole module while a thread notes when
-    its announcements arrive; the last test of the module reads them, so the
-    30-second wait overlaps every other test."""
-    HOST = "cadence"
-
-    def __init__(self):
-        self.sock = peer_socket()
-        self.arrivals = []
-        self.started = time.monotonic()
-        self.proc = start_responder(self.HOST, ("Cadence", "_cadence._tcp", 9, "x"))
-        self.stopping = threading.Event()
-        self.thread = threading.Thread(target=self.watch, daemon=True)
-        self.thread.start()
-
-    def watch(self):
-        while not self.stopping.is_set():
-            for arrival, _ in announcements(self.sock, self.HOST, 0.5):
-                self.arrivals.append(arrival - self.started)
-
-    def close(self):
-        self.proc.stop()
-        self.stopping.set()
-        self.thread.join()
-        self.sock.close()
-
-
-@pytest.fixture(scope="module", autouse=True)
-def cadence():
-    watch = CadenceWatch()
-    yield watch
-    watch.close()
+    with peer_socket() as sock:
+        yield sock
 
 
 def query(name, rtype, response=False):
@@ -232,32 +178,27 @@ def test_only_a_pointer_query_for_a_service_type_triggers_a_packet(responder, pe
         peer.sendto(wire, (GROUP, PORT))
         packet = next_announcement(peer, "quiet", timeout=3.0)
         assert packet is not None, "a matching PTR query went unanswered"
-        assert time.monotonic() - sent < 3.0
-        assert packet.answers[1].name == "_quiet._tcp.local."
+        assert time.monotonic() - sent < 3.0 and packet.answers[1].name == "_quiet._tcp.local."
 
 
 def test_stop_sends_the_packet_again_with_every_ttl_zero(responder, peer):
     proc = responder("bye", ("Bye", "_bye._tcp", 7000, "k=v"))
     hello = next_announcement(peer, "bye")
-    assert hello is not None
-    assert proc.stop() == ("", 0)
+    assert hello is not None and proc.stop() == ("", 0)
     goodbye = next_announcement(peer, "bye", timeout=5.0)
     assert goodbye is not None, "no goodbye packet"
     records = goodbye.answers + goodbye.additional
-    assert len(records) == 6 and all(record.ttl == 0 for record in records)
-    assert records == [record._replace(ttl=0) for record in hello.answers + hello.additional]
+    assert len(records) == 6 and records == [record._replace(ttl=0) for record in hello.answers + hello.additional]
 
 
-def test_stop_is_prompt_after_the_interface_lost_its_address(peer):
-    """Responders are deleted when addresses change; the loop-back wake-up
-    cannot reach the thread then, and the stop must not wait for the next
-    30-second poll."""
+def test_stop_is_prompt_after_the_interface_lost_its_address(responder, peer):
+    # Responders are deleted when addresses change; the loop-back wake-up
+    # cannot reach the thread then, and the stop must not wait for the next
+    # 30-second poll.
     extra = "10.77.0.3"
     subprocess.run(["ip", "addr", "add", f"{extra}/24", "dev", "dms0"], check=True)
     try:
-        proc = Process([str(BUILD / "mdns_test_responder"), "gone", extra, "Gone", "_gone._tcp", "9", "x"],
-                       cwd=BUILD)
-        assert proc.popen.stdout.readline() == b"ready\n", proc.stop()
+        proc = responder("gone", ("Gone", "_gone._tcp", 9, "x"), address=extra)
         # Past the first announcement the thread waits 30 s for input.
         assert next_announcement(peer, "gone") is not None
     finally:
@@ -278,31 +219,17 @@ def test_invalid_service_makes_creation_fail(responder):
 
 
 def test_device_thread_runs_a_responder_per_interface(process, peer):
-    """A UPnP device that lists a service: its interface check starts a
-    responder on dms0 named after the hardware address, advertising the bound
-    HTTP port, and closing the device sends the goodbye."""
+    # A UPnP device that lists a service: its interface check starts a
+    # responder on dms0 named after the hardware address, advertising the bound
+    # HTTP port, and closing the device sends the goodbye.
     device = process("mdns_test_device")
     port = device.wait_port()
     mac = open("/sys/class/net/dms0/address").read().strip().upper().replace(":", "-")
     packet = next_announcement(peer, mac, timeout=15.0)
     assert packet is not None, "no announcement after the first interface check"
     a, ptr, srv, txt = packet.answers
-    assert (a.ttl, a.rdata.address) == (120, ADDR)
-    assert ptr.name == "_upnp-test._tcp.local."
-    assert (srv.rdata.port, srv.rdata.target.to_text()) == (port, f"{mac}.local.")
-    assert txt.rdata.strings == (b"path=/Device",)
+    assert (a.ttl, a.rdata.address, ptr.name, srv.rdata.port, srv.rdata.target.to_text(), txt.rdata.strings) == \
+        (120, ADDR, "_upnp-test._tcp.local.", port, f"{mac}.local.", (b"path=/Device",))
     assert device.stop() == ("", 0)
     goodbye = next_announcement(peer, mac, timeout=5.0)
     assert goodbye is not None and {r.ttl for r in goodbye.answers + goodbye.additional} == {0}
-
-
-def test_announces_every_30_seconds_without_queries(cadence):
-    """Last in the module: by now most of the wait has passed."""
-    deadline = cadence.started + 36.0
-    while len(cadence.arrivals) < 2 and time.monotonic() < deadline:
-        time.sleep(0.2)
-    arrivals = list(cadence.arrivals)
-    assert len(arrivals) >= 2, f"announcements at {arrivals}"
-    assert arrivals[0] < 3.0
-    assert 28.0 <= arrivals[1] - arrivals[0] <= 32.5
-

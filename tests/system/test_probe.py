@@ -1,10 +1,9 @@
-"""dms-probe: one JSON line per file with the record the library scan would get,
-whether the scan publishes it and why not; a folder is walked with a summary.
-
-The demo library from dms-mkdemo supplies real files of each format; more are
-written here byte by byte to reach the JSON escaping, the UTF-8 filter and
-every rule that keeps a file unpublished. Nothing here touches the network.
-"""
+# dms-probe: one JSON line per file with the record the library scan would get,
+# whether the scan publishes it and why not; a folder is walked with a summary.
+#
+# The demo library from dms-mkdemo supplies real files of each format; more are
+# written here byte by byte to reach the JSON escaping, the UTF-8 filter and
+# every rule that keeps a file unpublished. Nothing here touches the network.
 import json
 import os
 import struct
@@ -91,51 +90,39 @@ def test_demo_files_of_each_format(demo):
 
 
 def test_unrecognised_and_missing_files(tmp_path, demo):
-    text = tmp_path / "notes.mp3"
+    text, empty, missing = tmp_path / "notes.mp3", tmp_path / "empty.flac", tmp_path / "missing.flac"
     text.write_bytes(b"just some words, no media here\n" * 10)
-    empty = tmp_path / "empty.flac"
     empty.write_bytes(b"")
-    missing = tmp_path / "missing.flac"
 
     status, records, errors = probe(text, missing, empty, demo / "Pictures/Stripes.gif")
     assert status == 1
     unrecognised = {"published": False, "reason": "no parser recognises the content", "recognised": False, "notes": []}
     assert records[:2] == [{"file": str(text), **unrecognised}, {"file": str(empty), **unrecognised}]
-    assert records[2]["mimeType"] == "image/gif"  # later files are still probed
-    assert str(missing) in errors
+    assert records[2]["mimeType"] == "image/gif" and str(missing) in errors  # later files are still probed
 
     os.mkfifo(tmp_path / "pipe.mp3")
     status, records, errors = probe(tmp_path / "pipe.mp3")
-    assert (status, records) == (1, [])
-    assert "not a regular file" in errors
+    assert (status, records) == (1, []) and "not a regular file" in errors
 
     status, records, _ = probe(text)
     assert (status, records) == (0, [{"file": str(text), **unrecognised}])
 
 
 def test_texts_are_escaped_and_filtered(tmp_path):
-    tricky = tmp_path / "tricky.png"
-    tricky.write_bytes(png_with_title(b'say "hi"\\ \x01\x1f\ttab\nnew \xe2\x82\xac'))
-    latin1 = tmp_path / "latin1.png"
-    latin1.write_bytes(png_with_title(b"caf\xe9"))
-    utf8 = tmp_path / "utf8.png"
-    utf8.write_bytes(png_with_title("\u00e9t\u00e9 a\x7fb".encode()))
-    odd_name = tmp_path / os.fsdecode(b"odd\xffname.png")
-    odd_name.write_bytes(png_with_title(b"named"))
-
-    status, records, _ = probe(tricky, latin1, utf8, odd_name)
-    assert status == 0
-    assert records[0]["title"] == 'say "hi"\\ \x01\x1f\ttab\nnew \u20ac'
-    assert records[1]["title"] is None
+    files = {"tricky.png": b'say "hi"\\ \x01\x1f\ttab\nnew \xe2\x82\xac', "latin1.png": b"caf\xe9",
+             "utf8.png": "\u00e9t\u00e9 a\x7fb".encode(), os.fsdecode(b"odd\xffname.png"): b"named"}
+    for name, title in files.items():
+        (tmp_path / name).write_bytes(png_with_title(title))
+    status, records, _ = probe(*(tmp_path / name for name in files))
+    assert status == 0 and [r["title"] for r in records] == ['say "hi"\\ \x01\x1f\ttab\nnew \u20ac', None,
+                                                              "\u00e9t\u00e9 a\x7fb", "named"]
     assert records[1]["notes"] == ["tags: the title is not UTF-8 (Latin-1?) and is dropped"]
     assert records[1]["streams"][0]["bitsPerPixel"] == 32
-    assert records[2]["title"] == "\u00e9t\u00e9 a\x7fb"
     assert records[3]["file"] == str(tmp_path) + "/odd\ufffdname.png"
-    assert records[3]["title"] == "named"
 
 
 def mp3_frames(*headers, length=417, first_body=b""):
-    """Frames of `length` bytes with the given 4-byte headers, zero payload."""
+    # Frames of `length` bytes with the given 4-byte headers, zero payload.
     frames = [(bytes.fromhex(h) + (first_body if i == 0 else b"")).ljust(length, b"\0") for i, h in enumerate(headers)]
     return b"".join(frames).ljust(1024, b"\0")
 
@@ -207,13 +194,11 @@ UNPUBLISHED = [
 
 
 def test_each_rule_that_keeps_a_file_unpublished_is_named(tmp_path):
-    paths = []
-    for index, (extension, content, _) in enumerate(UNPUBLISHED):
-        paths.append(tmp_path / f"case{index:02}.{extension}")
-        paths[-1].write_bytes(content)
+    paths = [tmp_path / f"case{index:02}.{extension}" for index, (extension, _, _) in enumerate(UNPUBLISHED)]
+    for path, (_, content, _) in zip(paths, UNPUBLISHED):
+        path.write_bytes(content)
     status, records, _ = probe(*paths)
-    assert status == 0
-    assert [(r["published"], r["reason"]) for r in records] == [(False, reason) for _, _, reason in UNPUBLISHED]
+    assert status == 0 and [(r["published"], r["reason"]) for r in records] == [(False, r) for *_, r in UNPUBLISHED]
 
 
 def test_folder_walk_explains_every_entry_and_sums_up(tmp_path):
@@ -231,9 +216,8 @@ def test_folder_walk_explains_every_entry_and_sums_up(tmp_path):
     (tmp_path / "Empty\x02Folder").mkdir()  # holds nothing published, so it is never listed
     (tmp_path / os.fsdecode(b"caf\xe9.mp3")).write_bytes(song)
 
-    status, records, _ = probe(tmp_path)
+    status, (*entries, summary), _ = probe(tmp_path)
     assert status == 0
-    *entries, summary = records
     verdicts = {os.path.relpath(r["file"], tmp_path): r.get("reason") for r in entries}
     assert verdicts == {
         "song.mp3": None, "Bad\x01Folder/inner.mp3": None, "caf\ufffd.mp3": None,

@@ -1,9 +1,9 @@
-"""SSDP discovery of the running server from inside the namespace: alive
-announcements and M-SEARCH answers, each datagram compared whole, the rules
-that suppress answers, goodbyes on stop, and a third-party control point
-(GSSDP and GUPnP) that finds the device and reads its description and both
-SCPDs. One server serves the whole module; the goodbye test stops it and
-therefore runs last."""
+# SSDP discovery of the running server from inside the namespace: alive
+# announcements and M-SEARCH answers, each datagram compared whole, the rules
+# that suppress answers, goodbyes on stop, and a third-party control point
+# (GSSDP and GUPnP) that finds the device and reads its description and both
+# SCPDs. One server serves the whole module; the goodbye test stops it and
+# therefore runs last.
 import json
 import os
 import socket
@@ -46,7 +46,7 @@ def answer(st, port):
 
 
 def drain(sock, seconds):
-    """Every datagram that arrives on `sock` within `seconds`."""
+    # Every datagram that arrives on `sock` within `seconds`.
     received = []
     deadline = time.monotonic() + seconds
     while (left := deadline - time.monotonic()) > 0:
@@ -58,18 +58,9 @@ def drain(sock, seconds):
     return [data for data, _ in received]
 
 
-def group_listener():
-    sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    sock.bind(("", SSDP_PORT))
-    membership = socket.inet_aton(GROUP) + socket.inet_aton(os.environ["DMS_NETNS_ADDR"])
-    sock.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, membership)
-    return sock
-
-
 class Discovery:
     def __init__(self, folder):
-        self.listener = group_listener()
+        self.listener = dms_client.multicast_socket(GROUP, SSDP_PORT, os.environ["DMS_NETNS_ADDR"])
         self.server = dms_client.start_server(folder)
         self.announced = []
         deadline = time.monotonic() + FIRST_ANNOUNCEMENT_TIMEOUT
@@ -78,7 +69,7 @@ class Discovery:
         self.announced += drain(self.listener, 0.3)
 
     def search(self, st, source_port=0, wait=0.6):
-        """Sends one M-SEARCH (no ST header when `st` is None); returns the answers."""
+        # Sends one M-SEARCH (no ST header when `st` is None); returns the answers.
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
             client.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
             client.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF,
@@ -107,7 +98,7 @@ def sweep(nts, port):
 
 
 def test_announcements_after_start(discovery):
-    """One goodbye sweep before the first announcement, then the alive sweep twice."""
+    # One goodbye sweep before the first announcement, then the alive sweep twice.
     port = discovery.server.port
     assert discovery.announced == sweep("ssdp:byebye", port) + sweep("ssdp:alive", port) * 2
 

@@ -1,6 +1,6 @@
-"""The device's HTTP side: the description document, exact-path dispatch,
-request bodies (limits and chunking) and SOAP faults, all against one
-running server. GUPnP reads both SCPDs in the SSDP tests."""
+# The device's HTTP side: the description document, exact-path dispatch,
+# request bodies (limits and chunking) and SOAP faults, all against one
+# running server. GUPnP reads both SCPDs in the SSDP tests.
 import os
 import xml.etree.ElementTree as ET
 

@@ -2,19 +2,19 @@
 // these are the quirks existing files depend on.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "app/Config.h"
 
 namespace {
 
 TEST(Config, FirstOccurrenceOfTheBareKeyWins) {
   const std::string text =
-      "dmsModelName = \"Box\"\nmodelNumber = \"7\"\n"
-      "modelDescription = \"my xpath tool\"\npath = \"/media\"\n";
-  EXPECT_EQ(DMSInfo_Lookup(text, "dmsModelName"), "Box");
-  EXPECT_EQ(DMSInfo_Lookup(text, "modelNumber"), "7");
+      "dmsModelName = \"Box\"\nmodelNumber = \"7\"\nmodelDescription = \"my xpath tool\"\npath = \"/media\"\n";
   // "path" first occurs inside the description's value: the next quoted text wins.
-  EXPECT_EQ(DMSInfo_Lookup(text, "path"), "\npath = ");
-  EXPECT_EQ(DMSInfo_Lookup(text, "deviceName"), std::nullopt);
+  EXPECT_EQ(std::tuple(DMSInfo_Lookup(text, "dmsModelName"), DMSInfo_Lookup(text, "modelNumber"),
+                       DMSInfo_Lookup(text, "path"), DMSInfo_Lookup(text, "deviceName")),
+            std::tuple("Box", "7", "\npath = ", std::nullopt));
 }
 
 TEST(Config, QuotesAreNotTiedToTheKey) {

@@ -3,6 +3,9 @@
 // browsed on the wire).
 #include <gtest/gtest.h>
 
+#include <tuple>
+#include <vector>
+
 #include "dms/DmsObject.h"
 
 namespace {
@@ -20,14 +23,11 @@ TEST_F(ContentTree, IdTableSeparatesIdsSharingABucket) {
   DmsObject* first = DmsObject_New({0, 5}, "five", cls(DmsClass_Item), DmsKind_Item, root, nullptr);
   DmsObject* second = DmsObject_New({0, 256}, "256", cls(DmsClass_Item), DmsKind_Item, root, nullptr);
   DmsObject* third = DmsObject_New({7, 5}, "7.5", cls(DmsClass_Item), DmsKind_Item, root, nullptr);
-  EXPECT_EQ(DmsObject_Find({0, 5}), first);
-  EXPECT_EQ(DmsObject_Find({0, 256}), second);
-  EXPECT_EQ(DmsObject_Find({7, 5}), third);
-  EXPECT_EQ(DmsObject_Find({7, 256}), nullptr);
+  auto found = [] { return std::vector{DmsObject_Find({0, 5}), DmsObject_Find({0, 256}), DmsObject_Find({7, 5}),
+                                       DmsObject_Find({7, 256})}; };
+  EXPECT_EQ(found(), (std::vector<DmsObject*>{first, second, third, nullptr}));
   DmsObject_Free({0, 256});
-  EXPECT_EQ(DmsObject_Find({0, 256}), nullptr);
-  EXPECT_EQ(DmsObject_Find({0, 5}), first);
-  EXPECT_EQ(DmsObject_Find({7, 5}), third);
+  EXPECT_EQ(found(), (std::vector<DmsObject*>{first, nullptr, third, nullptr}));
 }
 
 TEST_F(ContentTree, RecursiveRemovalTakesReferencesAlong) {
@@ -40,17 +40,12 @@ TEST_F(ContentTree, RecursiveRemovalTakesReferencesAlong) {
   item->references = reference;
   EXPECT_EQ(DmsObject_GetPath(item), "/media/sub/song.mp3");
 
-  const uint32_t viewUpdate = view->updateId;
-  const uint32_t folderUpdate = folder->updateId;
+  const uint32_t viewUpdate = view->updateId, folderUpdate = folder->updateId;
   DmsObject_Free(sub->id);
-  EXPECT_EQ(DmsObject_Find({3, 9}), nullptr);
-  EXPECT_EQ(DmsObject_Find({3, 10}), nullptr);
-  EXPECT_EQ(DmsObject_Find({3 | (2ull << 32), 10}), nullptr);
-  EXPECT_EQ(view->firstChild, nullptr);
-  EXPECT_EQ(view->childCount, 0);
-  EXPECT_EQ(view->updateId, viewUpdate + 1);
-  EXPECT_EQ(folder->childCount, 0);
-  EXPECT_EQ(folder->updateId, folderUpdate + 1);
+  for (DmsObjectId gone : {DmsObjectId{3, 9}, DmsObjectId{3, 10}, DmsObjectId{3 | (2ull << 32), 10}})
+    EXPECT_EQ(DmsObject_Find(gone), nullptr);
+  EXPECT_EQ(std::tuple(view->firstChild, view->childCount, view->updateId, folder->childCount, folder->updateId),
+            std::tuple(nullptr, 0, viewUpdate + 1, 0, folderUpdate + 1));
 }
 
 TEST(DmsObjectId, TextForms) {
@@ -60,9 +55,7 @@ TEST(DmsObjectId, TextForms) {
   DmsObjectId id;
   ASSERT_TRUE(DmsObjectId_Parse("2049.131", id));
   EXPECT_EQ(id, (DmsObjectId{2049, 131}));
-  EXPECT_FALSE(DmsObjectId_Parse("2049", id));
-  EXPECT_FALSE(DmsObjectId_Parse("1.2x", id));
-  EXPECT_FALSE(DmsObjectId_Parse("", id));
+  for (const char* text : {"2049", "1.2x", ""}) EXPECT_FALSE(DmsObjectId_Parse(text, id)) << text;
 }
 
 }  // namespace

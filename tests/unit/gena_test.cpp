@@ -8,6 +8,7 @@
 #include <climits>
 #include <ctime>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "http/HTTPRequest.h"
@@ -124,9 +125,7 @@ TEST_F(GenaDelivery, ExpiredSubscribersLeave) {
   GENASubscriber* edge = Subscribe();
   edge->expires = std::time(nullptr) + 60;
   GENA_DeliverEvents(&device);
-  EXPECT_EQ(services[0].subscribers, edge);
-  EXPECT_EQ(edge->next, keep);
-  EXPECT_EQ(keep->next, nullptr);
+  EXPECT_EQ(std::tuple(services[0].subscribers, edge->next, keep->next), std::tuple(edge, keep, nullptr));
   // Without both callbacks nothing is due and keys stay put.
   device.makeEventBody = nullptr;
   GENASubscriber* fresh = Subscribe();

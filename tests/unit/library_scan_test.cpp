@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "dms/DmsLibrary.h"
@@ -22,9 +23,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::vector<uint8_t> song(const std::string& title) {
-  return Mp4Fixture_Song(title, "", "", "");
-}
+std::vector<uint8_t> song(const std::string& title) { return Mp4Fixture_Song(title, "", "", ""); }
 
 std::vector<std::string> titles(const DmsObject* container) {
   std::vector<std::string> out;
@@ -49,7 +48,6 @@ class LibraryScan : public ::testing::Test {
     dir = name;
     ASSERT_TRUE(DmsServer_BuildTree("root", dir.c_str()));
     volume = DmsObject_Find(DmsId_MediaDirectory);
-    music = DmsObject_Find(DmsId_Music);
     allMusic = DmsObject_Find({0, 10});
     moments = DmsObject_Find({0, 31});
   }
@@ -69,10 +67,7 @@ class LibraryScan : public ::testing::Test {
   }
 
   std::string dir;
-  DmsObject* volume = nullptr;
-  DmsObject* music = nullptr;
-  DmsObject* allMusic = nullptr;
-  DmsObject* moments = nullptr;
+  DmsObject *volume = nullptr, *allMusic = nullptr, *moments = nullptr;
 };
 
 TEST_F(LibraryScan, MirrorsFoldersInOrderAndSkipsWhatIsNotMedia) {
@@ -92,22 +87,20 @@ TEST_F(LibraryScan, MirrorsFoldersInOrderAndSkipsWhatIsNotMedia) {
   EXPECT_EQ(titles(volume), (std::vector<std::string>{"A song.M4A", "b song.m4a", "Sub"}));
   const DmsObject* sub = childTitled(volume, "Sub");
   ASSERT_NE(sub, nullptr);
-  EXPECT_EQ(sub->upnpClass(), dlnaMediaClasses[DmsClass_StorageFolder]);
-  EXPECT_EQ(titles(sub), (std::vector<std::string>{"c.m4a"}));
+  EXPECT_EQ(std::tuple(sub->upnpClass(), titles(sub)),
+            std::tuple(dlnaMediaClasses[DmsClass_StorageFolder], std::vector<std::string>{"c.m4a"}));
 
   struct stat info {};
   ASSERT_EQ(::stat((dir + "/Sub/c.m4a").c_str(), &info), 0);
   const DmsObject* item = DmsObject_Find({static_cast<uint64_t>(info.st_dev) + 1, info.st_ino});
   ASSERT_NE(item, nullptr);
-  EXPECT_EQ(item->parent, sub);
-  EXPECT_STREQ(item->mimeType, "audio/mp4");
-  EXPECT_EQ(item->upnpClass(), dlnaMediaClasses[DmsClass_AudioItem]);
-  EXPECT_EQ(DmsContent_SystemUpdateId(), before + 2);  // one per folder that changed
+  // One update id per folder that changed.
+  EXPECT_EQ(std::tuple(item->parent, std::string(item->mimeType), item->upnpClass(), DmsContent_SystemUpdateId()),
+            std::tuple(sub, "audio/mp4", dlnaMediaClasses[DmsClass_AudioItem], before + 2));
 
   // Nothing changed on disk: a new pass keeps every object and raises nothing.
   EXPECT_EQ(scan(1), 1);
-  EXPECT_EQ(DmsObject_Find(item->id), item);
-  EXPECT_EQ(DmsContent_SystemUpdateId(), before + 2);
+  EXPECT_EQ(std::tuple(DmsObject_Find(item->id), DmsContent_SystemUpdateId()), std::tuple(item, before + 2));
 }
 
 TEST_F(LibraryScan, RenameInPlaceRecreatesWithTheSameId) {
@@ -117,18 +110,15 @@ TEST_F(LibraryScan, RenameInPlaceRecreatesWithTheSameId) {
   fs::rename(dir + "/old.m4a", dir + "/new.m4a");
   ASSERT_EQ(scan(1), 1);
   ASSERT_NE(volume->firstChild, nullptr);
-  EXPECT_EQ(volume->firstChild->title(), "new.m4a");
-  EXPECT_EQ(volume->firstChild->id, id);
-  EXPECT_EQ(volume->firstChild->nextSibling, nullptr);
-  EXPECT_EQ(titles(allMusic), (std::vector<std::string>{"new.m4a"}));
+  EXPECT_EQ(std::tuple(volume->firstChild->title(), volume->firstChild->id, titles(volume), titles(allMusic)),
+            std::tuple("new.m4a", id, std::vector<std::string>{"new.m4a"}, std::vector<std::string>{"new.m4a"}));
 }
 
 TEST_F(LibraryScan, StepStopsAtItsBudgetAndTheNextResumes) {
   write("A/a.m4a", song("a"));
   write("B/b.m4a", song("b"));
   int64_t spent = DmsLibrary_StepBudget + 1;
-  EXPECT_EQ(DmsLibrary_Scan(volume, 0, &spent), 0);  // nothing read at all
-  EXPECT_EQ(volume->firstChild, nullptr);
+  EXPECT_EQ((std::tuple{DmsLibrary_Scan(volume, 0, &spent), volume->firstChild}), std::tuple(0, nullptr));  // none read
 
   // Reading the volume uses up what is left: its sub-folders wait for the next step.
   spent = DmsLibrary_StepBudget;
@@ -136,8 +126,8 @@ TEST_F(LibraryScan, StepStopsAtItsBudgetAndTheNextResumes) {
   EXPECT_EQ(titles(volume), (std::vector<std::string>{"A", "B"}));
   EXPECT_EQ(volume->firstChild->firstChild, nullptr);
   EXPECT_EQ(scan(0), 1);
-  EXPECT_EQ(titles(volume->firstChild), (std::vector<std::string>{"a.m4a"}));
-  EXPECT_EQ(titles(volume->firstChild->nextSibling), (std::vector<std::string>{"b.m4a"}));
+  EXPECT_EQ(std::tuple(titles(volume->firstChild), titles(volume->firstChild->nextSibling)),
+            std::tuple(std::vector<std::string>{"a.m4a"}, std::vector<std::string>{"b.m4a"}));
 }
 
 TEST_F(LibraryScan, HardLinkStaysWhereFirstSeen) {
@@ -147,14 +137,10 @@ TEST_F(LibraryScan, HardLinkStaysWhereFirstSeen) {
   ASSERT_EQ(scan(0), 1);
   const DmsObject* a = childTitled(volume, "A");
   ASSERT_NE(a, nullptr);
-  EXPECT_EQ(titles(a), (std::vector<std::string>{"song.m4a"}));
-  EXPECT_EQ(childTitled(volume, "B"), nullptr);  // its only entry was the second name
-  EXPECT_EQ(titles(allMusic).size(), 1u);
+  // B's only entry was the second name.
+  EXPECT_EQ(std::tuple(titles(a), childTitled(volume, "B"), titles(allMusic).size()),
+            std::tuple(std::vector<std::string>{"song.m4a"}, nullptr, size_t(1)));
 }
-
-}  // namespace
-
-namespace {
 
 TEST_F(LibraryScan, MomentsByUtcDayNewestFirstWithModificationTimeFallback) {
   write("dated.jpg", JpegFixture_Photo({.dateOriginal = "2020:02:29 23:59:59"}));

@@ -6,13 +6,9 @@
 
 namespace {
 
-const std::vector<std::string> kTypes = {
-    "uuid:",
-    "upnp:rootdevice",
-    "urn:schemas-upnp-org:device:MediaServer:1",
-    "urn:schemas-upnp-org:service:ConnectionManager:1",
-    "urn:schemas-upnp-org:service:ContentDirectory:1",
-};
+const std::vector<std::string> kTypes = {"uuid:", "upnp:rootdevice", "urn:schemas-upnp-org:device:MediaServer:1",
+                                         "urn:schemas-upnp-org:service:ConnectionManager:1",
+                                         "urn:schemas-upnp-org:service:ContentDirectory:1"};
 const char* kUdn = "444D5300-0000-1000-8000-0A1B2C3D4E5F";
 
 std::optional<SSDPSearch> Search(const std::string& st) {
@@ -29,9 +25,7 @@ TEST(SsdpSearch, TargetSpellings) {
       {"uuid:444d5300-0000-1000-8000-0a1b2c3d4e5f", "uuid:"},
       // The answer names the version and the spelling that were asked for.
       {"URN:schemas-upnp-org:device:MEDIASERVER:1", "URN:schemas-upnp-org:device:MEDIASERVER:1"},
-      {"ssdp:allx", std::nullopt},
-      {"", std::nullopt},
-      {"uuid:", std::nullopt},
+      {"ssdp:allx", std::nullopt}, {"", std::nullopt}, {"uuid:", std::nullopt},
       {"urn:schemas-upnp-org:service:ContentDirectory:", std::nullopt},
       {"urn:schemas-upnp-org:service:ContentDirectory:99999999999999999999", std::nullopt},
   };
@@ -44,12 +38,13 @@ TEST(SsdpSearch, TargetSpellings) {
 }
 
 TEST(SsdpSearch, RejectsMalformedDatagrams) {
-  EXPECT_FALSE(SSDP_ParseSearch("NOTIFY * HTTP/1.1\r\nST: ssdp:all\r\n\r\n", kTypes, kUdn));
-  EXPECT_FALSE(SSDP_ParseSearch("M-SEARCH * HTTP/1.1\r\nMX: 1\r\n\r\n", kTypes, kUdn));
-  // The ST line must end with CR LF.
-  EXPECT_FALSE(SSDP_ParseSearch("M-SEARCH * HTTP/1.1\r\nST: ssdp:all", kTypes, kUdn));
-  // The text ends at the first zero byte, as a received datagram does.
-  EXPECT_FALSE(SSDP_ParseSearch(std::string_view("M-SEARCH\0\r\nST: ssdp:all\r\n", 26), kTypes, kUdn));
+  // Not a search, no ST, an ST line without CR LF; the text ends at the first
+  // zero byte, as a received datagram does.
+  for (std::string_view datagram : {std::string_view("NOTIFY * HTTP/1.1\r\nST: ssdp:all\r\n\r\n"),
+                                    std::string_view("M-SEARCH * HTTP/1.1\r\nMX: 1\r\n\r\n"),
+                                    std::string_view("M-SEARCH * HTTP/1.1\r\nST: ssdp:all"),
+                                    std::string_view("M-SEARCH\0\r\nST: ssdp:all\r\n", 26)})
+    EXPECT_FALSE(SSDP_ParseSearch(datagram, kTypes, kUdn)) << datagram;
   EXPECT_TRUE(SSDP_ParseSearch("m-search\r\nst: ssdp:all\r\n", kTypes, kUdn));
 }
 
