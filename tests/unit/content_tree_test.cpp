@@ -18,8 +18,8 @@ class ContentTree : public ::testing::Test {
   DmsObject* root = DmsObject_New({0, 0}, "Root", cls(DmsClass_Container), DmsKind_Container, nullptr, nullptr);
 };
 
-TEST_F(ContentTree, IdTableSeparatesIdsSharingABucket) {
-  // 5 and 256 fall into the same of 251 buckets; 7.5 differs only in the high part.
+TEST_F(ContentTree, IdTableKeepsIdsApart) {
+  // 7.5 shares its low part with 0.5 and differs from it only in the high part.
   DmsObject* first = DmsObject_New({0, 5}, "five", cls(DmsClass_Item), DmsKind_Item, root, nullptr);
   DmsObject* second = DmsObject_New({0, 256}, "256", cls(DmsClass_Item), DmsKind_Item, root, nullptr);
   DmsObject* third = DmsObject_New({7, 5}, "7.5", cls(DmsClass_Item), DmsKind_Item, root, nullptr);
