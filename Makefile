@@ -99,11 +99,12 @@ bench:
 	done
 
 # Coverage-guided fuzzing with libFuzzer (clang): FUZZ_SECONDS per harness,
-# FUZZ_JOBS harnesses at a time; each corpus grows, then is minimised.
+# FUZZ_JOBS harnesses at a time; each corpus grows, then is minimised. The
+# harnesses talk over socket pairs only; the private namespace makes sure.
 FUZZ_SECONDS ?= 60
 FUZZ_JOBS    ?= 2
 fuzz:
-	FUZZ_JOBS=$(FUZZ_JOBS) tools/fuzz-all $(FUZZ_SECONDS)
+	FUZZ_JOBS=$(FUZZ_JOBS) tools/netns-run tools/fuzz-all $(FUZZ_SECONDS)
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(COV_BUILD) build-fuzz $(CROSS_ARCHES:%=build-%) $(PACKAGE_ARCHES:%=build-release-%) dist
