@@ -4,7 +4,7 @@ BUILD      := build
 ASAN_BUILD := build-asan
 COV_BUILD  := build-coverage
 # The product as coverage counts it: everything but tests, tools, fuzz and bench.
-COV_DIRS   := app http upnp ssdp dms media mdns
+COV_DIRS   := app base http upnp ssdp dms media mdns
 JOBS       ?= $(shell nproc)
 CROSS_ARCHES   := i386 armhf
 PACKAGE_ARCHES := amd64 $(CROSS_ARCHES)

@@ -10,7 +10,7 @@
 
 #include "app/Config.h"
 #include "dms/DmsServer.h"
-#include "http/Text.h"
+#include "base/Text.h"
 
 namespace {
 

@@ -18,7 +18,7 @@
 #include "dms/DmsServerState.h"
 #include "http/HTTPRequest.h"
 #include "upnp/UPnPDevice.h"
-#include "http/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 const char* const dlnaBrowseFlags[2] = {"BrowseDirectChildren", "BrowseMetadata"};
 

@@ -18,8 +18,8 @@
 #include <string_view>
 #include <vector>
 
-#include "http/Text.h"
-#include "http/UniqueFd.h"
+#include "base/Text.h"
+#include "base/UniqueFd.h"
 #include "media/MediaStream.h"
 
 namespace {

@@ -25,8 +25,8 @@
 #include <new>
 #include <string_view>
 
-#include "http/Text.h"
-#include "http/UniqueFd.h"
+#include "base/Text.h"
+#include "base/UniqueFd.h"
 
 namespace {
 

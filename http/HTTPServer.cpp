@@ -20,7 +20,7 @@
 #include <system_error>
 #include <vector>
 
-#include "http/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 // One open connection: its request record and its place in the server's list.
 struct HTTPConnection {

@@ -11,7 +11,7 @@
 #include <new>
 #include <vector>
 
-#include "http/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 // may not grow beyond the wire limit of 255 bytes.
 #include "mdns/DNSMessage.h"
 
-#include "http/ByteOrder.h"
+#include "base/ByteOrder.h"
 
 namespace {
 

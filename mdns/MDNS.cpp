@@ -22,8 +22,8 @@
 #include <thread>
 #include <utility>
 
-#include "http/Multicast.h"
-#include "http/UniqueFd.h"
+#include "base/Multicast.h"
+#include "base/UniqueFd.h"
 #include "mdns/DNSMessage.h"
 
 namespace {

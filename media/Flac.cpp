@@ -11,7 +11,7 @@
 #include <memory>
 #include <string_view>
 
-#include "http/Text.h"
+#include "base/Text.h"
 #include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
 

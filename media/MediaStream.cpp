@@ -15,7 +15,7 @@
 #include <memory>
 #include <new>
 
-#include "http/Text.h"
+#include "base/Text.h"
 #include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
 

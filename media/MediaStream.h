@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-#include "http/ByteOrder.h"
+#include "base/ByteOrder.h"
 
 // Files larger than 2 GiB and dates after 2038 work on every target, the
 // 32-bit board included: the build asks the C library for 64-bit offsets and times.

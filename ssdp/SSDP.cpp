@@ -17,8 +17,8 @@
 #include <new>
 #include <thread>
 
-#include "http/Multicast.h"
-#include "http/Text.h"
+#include "base/Multicast.h"
+#include "base/Text.h"
 
 namespace {
 

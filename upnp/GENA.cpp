@@ -23,8 +23,8 @@
 #include <optional>
 
 #include "http/HTTPRequest.h"
-#include "http/Text.h"
-#include "http/UniqueFd.h"
+#include "base/Text.h"
+#include "base/UniqueFd.h"
 #include "upnp/UPnPTypes.h"
 
 namespace {

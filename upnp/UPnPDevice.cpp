@@ -18,7 +18,7 @@
 
 #include "http/HTTPServer.h"
 #include "http/NetworkInterface.h"
-#include "http/Text.h"
+#include "base/Text.h"
 #include "mdns/MDNS.h"
 #include "ssdp/SSDP.h"
 #include "upnp/GENA.h"

@@ -1,7 +1,7 @@
 // The shared text helpers: one case-insensitive comparison under every
 // search, equality and prefix test, the hexadecimal digit and the
 // saturating decimal reader.
-#include "http/Text.h"
+#include "base/Text.h"
 
 #include <algorithm>
 #include <cctype>

@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-#include "http/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 // The IPv4 socket address of `group` (dotted text) and `port`.
 sockaddr_in Multicast_Address(const char* group, uint16_t port);

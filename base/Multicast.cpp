@@ -1,6 +1,6 @@
 // Opens the multicast sockets of the discovery protocols; every option is
 // set before the bind, and any refused option gives up the socket.
-#include "http/Multicast.h"
+#include "base/Multicast.h"
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
