@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "media/MediaStream.h"
+#include "media/MediaRecord.h"
 #include "ssdp/SSDP.h"
 
 namespace fuzz {

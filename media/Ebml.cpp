@@ -10,7 +10,8 @@
 #include <cstdio>
 #include <utility>
 
-#include "media/MediaStream.h"
+#include "base/ByteOrder.h"
+#include "media/MediaRead.h"
 
 namespace {
 

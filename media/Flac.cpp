@@ -11,9 +11,11 @@
 #include <memory>
 #include <string_view>
 
+#include "base/ByteOrder.h"
 #include "base/Text.h"
 #include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
+#include "media/MediaRead.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "media/MediaStream.h"
+#include "media/MediaRecord.h"
 
 struct FlacSeekPoint {
   uint64_t sampleNumber = 0;  // first sample of the target frame

@@ -3,8 +3,10 @@
 #include <cstdio>
 #include <string_view>
 
+#include "base/ByteOrder.h"
 #include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
+#include "media/MediaRead.h"
 
 namespace {
 

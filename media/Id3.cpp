@@ -10,8 +10,10 @@
 #include <string>
 #include <string_view>
 
+#include "base/ByteOrder.h"
 #include "media/Genres.h"
 #include "media/MediaNotes.h"
+#include "media/MediaRead.h"
 
 namespace {
 

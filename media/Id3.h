@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "media/MediaStream.h"
+#include "media/MediaRecord.h"
 
 // Looks for an ID3v2 tag at `start` within `length` bytes of data and fills
 // the record's texts, date and cover location from its frames. True when a

@@ -7,6 +7,7 @@
 
 #include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
+#include "media/MediaRead.h"
 #include "media/TiffDirectory.h"
 
 namespace {

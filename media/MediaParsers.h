@@ -1,8 +1,8 @@
 // The format parsers that MediaStream_new tries, in its fixed order. Each has
-// the MediaParser signature of MediaStream.h.
+// the MediaParser signature of MediaRecord.h.
 #pragma once
 
-#include "media/MediaStream.h"
+#include "media/MediaRecord.h"
 
 bool MediaParse_Riff(int fd, int64_t offset, int64_t length, MediaStream& stream, bool metadataOnly);
 bool MediaParse_Png(int fd, int64_t offset, int64_t length, MediaStream& stream, bool metadataOnly);

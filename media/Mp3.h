@@ -6,7 +6,7 @@
 #include <array>
 #include <cstdint>
 
-#include "media/MediaStream.h"
+#include "media/MediaRecord.h"
 
 struct Mp3SeekInfo final : MediaSeekInfo {
   int64_t firstFrameOffset = 0;    // from the start of the file

@@ -15,9 +15,11 @@
 #include <optional>
 #include <string>
 
+#include "base/ByteOrder.h"
 #include "media/Genres.h"
 #include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
+#include "media/MediaRead.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "media/MediaStream.h"
+#include "media/MediaRecord.h"
 
 // A box payload inside the file; length 0 when the box was absent.
 struct Mp4Span {

@@ -11,6 +11,7 @@
 
 #include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
+#include "media/MediaRead.h"
 
 namespace {
 

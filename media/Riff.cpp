@@ -8,9 +8,11 @@
 #include <string>
 #include <string_view>
 
+#include "base/ByteOrder.h"
 #include "media/Id3.h"
 #include "media/MediaNotes.h"
 #include "media/MediaParsers.h"
+#include "media/MediaRead.h"
 
 namespace {
 

@@ -9,7 +9,9 @@
 #include <array>
 #include <cstring>
 
-#include "media/MediaStream.h"
+#include "base/ByteOrder.h"
+#include "media/MediaRead.h"
+#include "media/MediaRecord.h"
 
 namespace {
 

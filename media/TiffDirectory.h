@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "media/MediaStream.h"
+#include "media/MediaRecord.h"
 
 // Where a TIFF structure lies in a file and in which byte order its numbers are stored.
 struct TiffSource {
