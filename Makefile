@@ -13,7 +13,7 @@ I386_NATIVE := $(shell /lib/ld-linux.so.2 --version >/dev/null 2>&1 && echo yes)
 I386_RUN    := $(if $(I386_NATIVE),,qemu-i386)
 PACKAGE_ARCHES := amd64 $(CROSS_ARCHES)
 
-.PHONY: all build asan run check coverage deps fuzz bench clean cross package \
+.PHONY: all build asan run check coverage deps build-deps fuzz bench clean cross package \
         $(CROSS_ARCHES:%=cross-%) $(PACKAGE_ARCHES:%=package-%)
 
 all: build
@@ -26,9 +26,11 @@ asan:
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DDMS_SANITIZE=ON >/dev/null
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 
-# Builds, writes a demo library and a dmsConfig on first use, and runs the
-# server in the foreground inside a private network namespace until Ctrl-C.
-run: build
+# Installs the build tools when missing, builds, writes a demo library and a
+# dmsConfig on first use, and runs the server in the foreground inside a
+# private network namespace until Ctrl-C.
+run: build-deps
+	$(MAKE) build
 	@if [ ! -f $(BUILD)/dmsConfig ]; then \
 	  $(BUILD)/dms-mkdemo $(CURDIR)/$(BUILD)/demo && \
 	  printf 'deviceName = "DMS demo"\npath = "%s"\nrefreshInterval = "30"\nmodelDescription = "DMS demo library"\n' \
@@ -39,21 +41,24 @@ run: build
 deps:
 	tools/install-deps
 
+build-deps:
+	tools/install-deps build
+
 check: deps build asan cross
 	cmake --build $(BUILD) -j $(JOBS) --target bench
 	cd $(BUILD) && ctest --output-on-failure -j 2
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j 2
+ifeq ($(I386_NATIVE),yes)
 	cd build-i386 && ctest --output-on-failure -L system
+else
+	@echo "-- i386 system tests skipped: this kernel cannot start 32-bit x86 programs"
+endif
 
 # 32-bit builds for the board, build-i386/ and build-armhf/: every unit test
 # and fuzz-corpus replay runs in both, the i386 build natively, the armhf
 # build under qemu-user. (`make check` adds the system tests on i386.)
-ifeq ($(I386_NATIVE),yes)
 cross: deps $(CROSS_ARCHES:%=cross-%)
-else
-	@echo "-- i386 system tests skipped: this kernel cannot start 32-bit x86 programs"
-endif
 
 $(CROSS_ARCHES:%=cross-%): cross-%:
 	cmake -S . -B build-$* -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-$*.cmake \
@@ -100,7 +105,7 @@ bench:
 	  name=$$(basename $$src .cpp); \
 	  $(BUILD)/$$name $(BENCH_DIR) || exit 1; \
 	  echo "-- the same, i386 build (the board's memory figures)"; \
-	  build-i386/$$name $(BENCH_DIR) || exit 1; \
+	  $(I386_RUN) build-i386/$$name $(BENCH_DIR) || exit 1; \
 	done
 	@for script in bench/*_bench.py; do \
 	  DMS_BUILD_DIR=$(CURDIR)/$(BUILD) tools/netns-run /usr/bin/python3 $$script || exit 1; \
