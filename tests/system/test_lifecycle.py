@@ -14,6 +14,17 @@ from conftest import BUILD
 from dms_client import Client, browse, browse_arguments, soap
 
 
+def catches_signal(pid, sig, timeout=10.0):
+    # Waits until the process has installed its handler for `sig`.
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        status = open(f"/proc/{pid}/status").read()
+        if int(status.split("SigCgt:")[1].split()[0], 16) >> (sig - 1) & 1:
+            return
+        time.sleep(0.05)
+    raise TimeoutError(f"no handler for signal {sig}")
+
+
 @pytest.mark.parametrize("config, sig, label", [
     ('path = "{media}"\nmodelDescription = "Shelf"\n', signal.SIGTERM, "Shelf"),
     ('modelDescription = Plain\nmanufacturer = "Acme"\n', signal.SIGINT, "Acme"),  # the next quotes win
@@ -23,7 +34,7 @@ def test_signal_stops_promptly_with_both_lines(dms, tmp_path, config, sig, label
     server = dms(config and config.replace("{media}", str(tmp_path)))
     # With a library the server listens; a connection still open does not hold the stop up.
     idle = Client(server.wait_ready()) if label == "Shelf" else None
-    time.sleep(0.3)
+    catches_signal(server.pid, sig)
     if config:
         (server.folder / "dmsConfig").write_text('modelDescription = "Second"\n')  # read once, at start
     started = time.monotonic()
