@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 
+#include <cassert>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -13,12 +14,12 @@
 #include <optional>
 #include <string>
 
+#include "base/UniqueFd.h"
 #include "dms/DmsDidl.h"
 #include "dms/DmsObject.h"
 #include "dms/DmsServerState.h"
 #include "http/HTTPRequest.h"
 #include "upnp/UPnPDevice.h"
-#include "base/UniqueFd.h"
 
 const char* const dlnaBrowseFlags[2] = {"BrowseDirectChildren", "BrowseMetadata"};
 
@@ -202,6 +203,7 @@ void sendChildren(ChunkStream& chunks, BrowseRequest& browse, const char* host, 
       more = child != nullptr;
       if (more) resume = child->id;
     }
+    assert(page.size() <= kPageSpace);
     if (page.empty() || !chunks.add(page)) return;
   }
 }

@@ -7,12 +7,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <charconv>
 #include <cstdio>
 #include <ctime>
 #include <optional>
 
 #include "dms/DmsObject.h"
+#include "dms/DmsServerState.h"
 #include "media/MediaStream.h"
 #include "upnp/UPnPDevice.h"
 
@@ -229,6 +231,7 @@ std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint
 
 void DmsDidl_AppendObject(std::string& out, const DmsObject* object, const char* host, uint16_t port,
                           uint32_t filter, int folderFd) {
+  assert(DmsContent_Guarded());
   if (!object) return;
   const bool container = object->kind == DmsKind_Container;
   const char* element = container ? "container" : "item";

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <chrono>
 #include <ctime>
 #include <string>
@@ -20,6 +21,7 @@
 
 #include "base/Text.h"
 #include "base/UniqueFd.h"
+#include "dms/DmsServerState.h"
 #include "media/MediaStream.h"
 
 namespace {
@@ -346,6 +348,7 @@ int scanFolder(DmsObject* folder, int32_t pass, int64_t* spent) {
     }
     child = next;
   }
+  assert(DmsObject_ChildrenConsistent(folder));
   if (changed) DmsContent_RaiseSystemUpdateId();
   return result;
 }
@@ -353,6 +356,7 @@ int scanFolder(DmsObject* folder, int32_t pass, int64_t* spent) {
 }  // namespace
 
 int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent) {
+  assert(DmsContent_Guarded());
   const int result = scanFolder(folder, pass, spent);
   flushPlacements();
   std::vector<Placement>().swap(pendingPlacements);
@@ -382,6 +386,7 @@ const char* DmsLibrary_ItemClass(const MediaStream* stream) {
 }
 
 void DmsLibrary_Categorise(DmsObject* item, const MediaStream& metadata) {
+  assert(DmsContent_Guarded());
   std::vector<Placement> placements;
   placeItem(item, metadata, placements);
   linkPlacements(placements);

@@ -4,6 +4,7 @@
 #include "dms/DmsObject.h"
 
 #include <atomic>
+#include <cassert>
 #include <charconv>
 #include <cinttypes>
 #include <cstdio>
@@ -12,6 +13,8 @@
 #include <memory>
 #include <new>
 #include <vector>
+
+#include "dms/DmsServerState.h"
 
 const std::array<const char*, DmsClass_Count> dlnaMediaClasses = {
     "",
@@ -135,6 +138,7 @@ class IdTable {
         return;
       }
     }
+    assert(!"an object missing from the id table");
   }
 
  private:
@@ -189,14 +193,15 @@ uint8_t classIndex(const char* upnpClass) {
 size_t blockSize(const char* title) { return sizeof(DmsObject) + (title && title[0] ? std::strlen(title) + 1 : 0); }
 
 // Unlinks `target` from the singly linked list that starts at `head` and
-// continues through `link`.
-void unlinkFrom(DmsObject*& head, DmsObject* target, DmsObject* DmsObject::*link) {
+// continues through `link`; false when it was not in the list.
+bool unlinkFrom(DmsObject*& head, DmsObject* target, DmsObject* DmsObject::*link) {
   for (DmsObject** at = &head; *at; at = &((*at)->*link)) {
     if (*at == target) {
       *at = target->*link;
-      return;
+      return true;
     }
   }
+  return false;
 }
 
 void freeObject(DmsObject* object) {
@@ -205,11 +210,13 @@ void freeObject(DmsObject* object) {
   } else if (object->kind == DmsKind_Item) {
     while (object->references) freeObject(object->references);
   } else if (object->item) {
-    unlinkFrom(object->item->references, object, &DmsObject::nextReference);
+    [[maybe_unused]] const bool listed = unlinkFrom(object->item->references, object, &DmsObject::nextReference);
+    assert(listed);
   }
   idTable.remove(object);
   if (DmsObject* parent = object->parent) {
-    unlinkFrom(parent->firstChild, object, &DmsObject::nextSibling);
+    [[maybe_unused]] const bool listed = unlinkFrom(parent->firstChild, object, &DmsObject::nextSibling);
+    assert(listed && parent->childCount > 0);
     parent->childCount -= 1;
     parent->updateId += 1;
   }
@@ -246,6 +253,8 @@ bool DmsObject_IsFolder(const DmsObject* object) {
 
 DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClass, DmsObjectKind kind,
                          DmsObject* parent, DmsObject* after) {
+  assert(DmsContent_Guarded());
+  assert(!after || after->parent == parent);
   const size_t bytes = blockSize(title);
   void* block = pool.allocate(bytes);
   if (!block) return nullptr;
@@ -281,11 +290,21 @@ DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClas
   return object;
 }
 
+bool DmsObject_ChildrenConsistent(const DmsObject* container) {
+  int32_t count = 0;
+  for (const DmsObject* child = container->firstChild; child; child = child->nextSibling, ++count) {
+    if (child->parent != container) return false;
+  }
+  return count == (container->childCount < 0 ? 0 : container->childCount);
+}
+
 void DmsObject_Free(DmsObjectId id) {
+  assert(DmsContent_Guarded());
   if (DmsObject* object = DmsObject_Find(id)) freeObject(object);
 }
 
 DmsObject* DmsObject_Find(DmsObjectId id) {
+  assert(DmsContent_Guarded());
   for (DmsObject* object = idTable.bucketOf(id); object; object = object->nextInBucket) {
     if (object->id == id) return object;
   }
@@ -293,6 +312,7 @@ DmsObject* DmsObject_Find(DmsObjectId id) {
 }
 
 std::string DmsObject_GetPath(const DmsObject* object) {
+  assert(DmsContent_Guarded());
   // Measured first, then filled from the end: one allocation per path.
   size_t length = 0;
   for (const DmsObject* step = object; step && step->parent; step = step->parent) {

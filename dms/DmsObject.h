@@ -106,6 +106,9 @@ DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClas
 // True for an object that stands for a folder of the media directory: a
 // storage folder, or the storage volume that is the directory itself.
 bool DmsObject_IsFolder(const DmsObject* object);
+// True when the container's child list and its count agree and every child
+// names the container as its parent (for asserts).
+bool DmsObject_ChildrenConsistent(const DmsObject* container);
 // Removes the object with `id`, everything below it and every reference to it.
 void DmsObject_Free(DmsObjectId id);
 DmsObject* DmsObject_Find(DmsObjectId id);

@@ -6,6 +6,7 @@
 #include <sys/utsname.h>
 
 #include <algorithm>
+#include <cassert>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -106,8 +107,10 @@ std::string makeUdn() {
   return text;
 }
 
-// Called with the content mutex held.
-void freeTree() { DmsObject_Free(DmsId_Root); }
+void freeTree() {
+  assert(DmsContent_Guarded());
+  DmsObject_Free(DmsId_Root);
+}
 
 }  // namespace
 
@@ -194,12 +197,14 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
   DmsDevice_Fill(stored);
   s.open = true;
 
+  DmsServer_SetShared(true);
   try {
     s.refreshThread = std::thread(refreshLoop);
   } catch (const std::system_error&) {
     std::lock_guard lock(DmsServer_ContentMutex());
     freeTree();
     s.open = false;
+    DmsServer_SetShared(false);
     return 0;
   }
   // Bit 0 of the flags switches the SSDP announcements on; this server runs
@@ -223,4 +228,5 @@ void DMS_Close() {
   s.wake.notify_all();
   UPnPDevice_Close(&dmsDevice);
   if (s.refreshThread.joinable()) s.refreshThread.join();
+  DmsServer_SetShared(false);
 }

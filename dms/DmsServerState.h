@@ -4,12 +4,36 @@
 // tables, so that the handlers need not include start-up.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <thread>
+
+// A mutex that also knows which thread holds it, so that the code walking or
+// changing the content tree can assert that it does.
+class DmsContentMutex {
+ public:
+  void lock();
+  bool try_lock();
+  void unlock();
+  bool heldByCaller() const { return owner_.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
+
+ private:
+  std::mutex mutex_;
+  std::atomic<std::thread::id> owner_{};
+};
 
 // Guards the content tree, its id table and the group-id counter.
-std::mutex& DmsServer_ContentMutex();
+DmsContentMutex& DmsServer_ContentMutex();
+
+// True where the content tree may be walked or changed: on the thread that
+// holds the content mutex, or on any thread while no server runs (the tools
+// and tests that build a tree of their own have no other thread).
+bool DmsContent_Guarded();
+// Start-up marks the tree shared before it starts the first thread that
+// reads it; shutdown clears the mark once they have all ended.
+void DmsServer_SetShared(bool shared);
 
 // The device's descriptive fields as stored at start-up (cut to their limits).
 struct DmsServerInfo {

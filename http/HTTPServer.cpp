@@ -12,6 +12,7 @@
 #include <pthread.h>
 #include <sys/socket.h>
 
+#include <cassert>
 #include <climits>
 #include <cstring>
 #include <memory>
@@ -116,6 +117,7 @@ ssize_t ReadHeaderBlock(int socket, std::vector<char>& buffer) {
     ssize_t peeked = recv(socket, buffer.data(), capacity, MSG_PEEK);
     if (peeked < 1) return peeked;
     size_t got = static_cast<size_t>(peeked);
+    assert(length <= got && got <= capacity);
     buffer[got] = '\0';
     std::string_view text(buffer.data(), std::strlen(buffer.data()));
     size_t end = text.find(kHeaderEnd);

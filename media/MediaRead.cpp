@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -66,6 +67,7 @@ bool windowRead(ReadWindow& window, unsigned char* out, size_t count) {
     const int64_t end = window.start + static_cast<int64_t>(window.filled);
     if (at >= window.start && at < end) {
       const size_t n = std::min(count - done, static_cast<size_t>(end - at));
+      assert(at - window.start + static_cast<int64_t>(n) <= static_cast<int64_t>(window.filled));
       std::memcpy(out + done, window.data.data() + (at - window.start), n);
       done += n;
       window.position += static_cast<int64_t>(n);
@@ -80,6 +82,7 @@ bool windowRead(ReadWindow& window, unsigned char* out, size_t count) {
       done += static_cast<size_t>(n);
       window.position += n;
     } else {
+      assert(static_cast<size_t>(n) <= kReadWindowSize);
       window.start = at;
       window.filled = static_cast<size_t>(n);
     }

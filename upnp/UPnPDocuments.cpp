@@ -1,6 +1,7 @@
 // The device description and service description (SCPD) documents, built
 // straight from the device tables. Both have a fixed size: a longer document
 // is cut silently, which keeps the cost of serving them bounded.
+#include <cassert>
 #include <cstdio>
 #include <new>
 #include <string_view>
@@ -21,6 +22,7 @@ class BoundedText {
 
   BoundedText& operator<<(std::string_view piece) {
     text_.append(piece.substr(0, limit_ - text_.size()));
+    assert(text_.size() <= limit_);
     return *this;
   }
   BoundedText& operator<<(const char* piece) { return *this << std::string_view(piece ? piece : ""); }
