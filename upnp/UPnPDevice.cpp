@@ -8,8 +8,9 @@
 #include <netdb.h>
 #include <sys/socket.h>
 #include <sys/utsname.h>
-#include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <mutex>
 #include <new>
@@ -31,7 +32,7 @@ constexpr int64_t kChunkSizeLimit = 2147483631;
 constexpr size_t kOsTokenLimit = 127;
 constexpr size_t kAddressTextSize = 16;
 constexpr size_t kHardwareTextSize = 18;  // six pairs joined by "-"
-constexpr useconds_t kTickUs = 200000;
+constexpr std::chrono::milliseconds kTick{200};
 constexpr unsigned kTickMask = 255;
 constexpr unsigned kInterfaceCheckEvery = 20;
 constexpr unsigned kInterfaceCheckTick = 19;
@@ -168,19 +169,25 @@ void ReleaseInterfaces(UPnPDevice* device) {
   device->interfaceCount = 0;
 }
 
-bool SameAddresses(const NetworkInterface* current, const NetworkInterface* fresh) {
+// The same addresses in the same order, each on the same interface. An
+// interface removed and made again between two checks (an adapter plugged
+// back in) comes back with a new index; the engines' sockets lost their group
+// membership with the old one, so that counts as a change too.
+bool SameInterfaces(const NetworkInterface* current, const NetworkInterface* fresh) {
   for (; current && fresh; current = current->next, fresh = fresh->next) {
-    if (current->address.sin_addr.s_addr != fresh->address.sin_addr.s_addr) return false;
+    if (current->index != fresh->index || current->address.sin_addr.s_addr != fresh->address.sin_addr.s_addr) {
+      return false;
+    }
   }
   return !current && !fresh;
 }
 
-// Recreates the SSDP engines and mDNS responders when the interface addresses
-// changed since the previous check. A responder announces the interface's
+// Recreates the SSDP engines and mDNS responders when the interfaces or their
+// addresses changed since the previous check. A responder announces the interface's
 // hardware address as its host name.
 void CheckInterfaces(UPnPDevice* device) {
   NetworkInterface* fresh = NetworkInterface_new();
-  if (SameAddresses(device->interfaces, fresh)) {
+  if (SameInterfaces(device->interfaces, fresh)) {
     NetworkInterface_delete(fresh);
     return;
   }
@@ -212,11 +219,17 @@ void CheckInterfaces(UPnPDevice* device) {
 }
 
 // Every 200 ms tick; the interface checks fall on ticks 19, 39, ... 239 of a
-// counter that wraps at 256, so they are 4 s apart with one 7.2 s gap.
+// counter that wraps at 256, so they are 4 s apart with one 7.2 s gap. Ticks
+// are kept on a fixed schedule, so that the time a tick's work takes (engines
+// replaced, events sent) does not shift the later ones; a stall longer than
+// a tick is not made up in a burst.
 void DeviceThread(UPnPDevice* device) {
   unsigned counter = 0;
+  auto tick = std::chrono::steady_clock::now();
   while (device->running) {
-    usleep(kTickUs);
+    tick += kTick;
+    std::this_thread::sleep_until(tick);
+    tick = std::max(tick, std::chrono::steady_clock::now() - kTick);
     counter = (counter + 1) & kTickMask;
     GENA_DeliverEvents(device);
     if (counter % kInterfaceCheckEvery == kInterfaceCheckTick) CheckInterfaces(device);
