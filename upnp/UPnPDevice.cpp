@@ -183,8 +183,8 @@ bool SameInterfaces(const NetworkInterface* current, const NetworkInterface* fre
 }
 
 // Recreates the SSDP engines and mDNS responders when the interfaces or their
-// addresses changed since the previous check. A responder announces the interface's
-// hardware address as its host name.
+// addresses changed since the previous check. A responder announces the
+// interface's hardware address as its host name.
 void CheckInterfaces(UPnPDevice* device) {
   NetworkInterface* fresh = NetworkInterface_new();
   if (SameInterfaces(device->interfaces, fresh)) {
