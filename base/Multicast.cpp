@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <array>
 
@@ -60,7 +61,19 @@ MulticastChannel Multicast_Open(const char* group, uint16_t port, const char* in
 
 bool Multicast_Wait(const MulticastChannel& channel, int timeoutMs) {
   std::array<pollfd, 2> input{{{channel.socket.get(), POLLIN, 0}, {channel.wake.get(), POLLIN, 0}}};
-  return poll(input.data(), input.size(), timeoutMs) >= 0;
+  if (poll(input.data(), input.size(), timeoutMs) < 0) return false;
+  eventfd_t wakeUps = 0;
+  if (input[1].revents & POLLIN) eventfd_read(channel.wake.get(), &wakeUps);
+  return true;
+}
+
+bool Multicast_Renew(const MulticastChannel& channel, const char* interfaceAddress) {
+  UniqueFd fresh = OpenSocket(channel.group, ntohs(channel.group.sin_port), interfaceAddress);
+  // dup2 swaps the socket behind the number in one step, so the channel's
+  // thread never sees a closed or foreign descriptor.
+  if (!fresh.valid() || dup2(fresh.get(), channel.socket.get()) < 0) return false;
+  eventfd_write(channel.wake.get(), 1);
+  return true;
 }
 
 void Multicast_Wake(const MulticastChannel& channel) {

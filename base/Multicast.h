@@ -30,9 +30,17 @@ struct MulticastChannel {
 // Invalid on any failure, with nothing left open.
 MulticastChannel Multicast_Open(const char* group, uint16_t port, const char* interfaceAddress);
 
-// Waits up to `timeoutMs` for a datagram or a wake-up; false when the wait
-// itself failed.
+// Waits up to `timeoutMs` for a datagram or a wake-up (which it takes, so
+// that the next wait waits again); false when the wait itself failed.
 bool Multicast_Wait(const MulticastChannel& channel, int timeoutMs);
+
+// Replaces the channel's socket by a fresh one under the same descriptor
+// number and wakes the channel's thread, whose next wait is on the new one:
+// an interface removed and made again under the same address (an adapter
+// plugged back in) leaves the old socket outside the group and sending to an
+// interface that is gone. False, with the old socket kept, when no new one
+// could be made.
+bool Multicast_Renew(const MulticastChannel& channel, const char* interfaceAddress);
 
 // Ends the channel thread's wait: one zero byte goes to the group from the
 // channel's own socket (it loops back to it; every receiver ignores it), and

@@ -304,3 +304,7 @@ void MDNS_delete(MDNSResponder* responder) {
   if (responder->thread.joinable()) responder->thread.join();
   delete responder;
 }
+
+void MDNS_Renew(MDNSResponder* responder) {
+  if (responder) Multicast_Renew(responder->channel, responder->records.interfaceAddress.c_str());
+}

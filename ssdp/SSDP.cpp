@@ -208,3 +208,7 @@ void SSDP_delete(SSDP* engine) {
   if (engine->thread.joinable()) engine->thread.join();
   delete engine;
 }
+
+void SSDP_Renew(SSDP* engine) {
+  if (engine) Multicast_Renew(engine->channel, engine->fields.address.c_str());
+}

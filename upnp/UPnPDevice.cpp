@@ -169,26 +169,35 @@ void ReleaseInterfaces(UPnPDevice* device) {
   device->interfaceCount = 0;
 }
 
-// The same addresses in the same order, each on the same interface. An
-// interface removed and made again between two checks (an adapter plugged
-// back in) comes back with a new index; the engines' sockets lost their group
-// membership with the old one, so that counts as a change too.
-bool SameInterfaces(const NetworkInterface* current, const NetworkInterface* fresh) {
+bool SameAddresses(const NetworkInterface* current, const NetworkInterface* fresh) {
   for (; current && fresh; current = current->next, fresh = fresh->next) {
-    if (current->index != fresh->index || current->address.sin_addr.s_addr != fresh->address.sin_addr.s_addr) {
-      return false;
-    }
+    if (current->address.sin_addr.s_addr != fresh->address.sin_addr.s_addr) return false;
   }
   return !current && !fresh;
 }
 
-// Recreates the SSDP engines and mDNS responders when the interfaces or their
-// addresses changed since the previous check. A responder announces the
-// interface's hardware address as its host name.
+// With the same addresses, an interface whose index changed was removed and
+// made again between two checks (an adapter plugged back in): its engines
+// keep running, on fresh sockets, as the old ones lost the interface.
+void RenewRecreated(UPnPDevice* device, NetworkInterface* fresh) {
+  size_t slot = 0;
+  for (const NetworkInterface *old = device->interfaces, *now = fresh; old && now;
+       old = old->next, now = now->next, ++slot) {
+    if (old->index == now->index) continue;
+    if (slot < device->ssdpEngines.size()) SSDP_Renew(device->ssdpEngines[slot]);
+    if (slot < device->mdnsResponders.size()) MDNS_Renew(device->mdnsResponders[slot]);
+  }
+  NetworkInterface_delete(device->interfaces);
+  device->interfaces = fresh;
+}
+
+// Recreates the SSDP engines and mDNS responders when the interface addresses
+// changed since the previous check. A responder announces the interface's
+// hardware address as its host name.
 void CheckInterfaces(UPnPDevice* device) {
   NetworkInterface* fresh = NetworkInterface_new();
-  if (SameInterfaces(device->interfaces, fresh)) {
-    NetworkInterface_delete(fresh);
+  if (SameAddresses(device->interfaces, fresh)) {
+    RenewRecreated(device, fresh);
     return;
   }
   ReleaseInterfaces(device);
