@@ -7,8 +7,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -23,7 +21,6 @@
 #include <utility>
 
 #include "base/Multicast.h"
-#include "base/UniqueFd.h"
 #include "mdns/DNSMessage.h"
 
 namespace {
@@ -136,15 +133,10 @@ std::string MDNSLabelForm(std::string_view dotted) {
   return name;
 }
 
-sockaddr_in MDNSGroupAddress() { return Multicast_Address(mdnsGroup, mdnsPort); }
-
 }  // namespace
 
 struct MDNSResponder {
-  UniqueFd socket;
-  // The wake-up byte cannot leave once the interface lost its address, which
-  // is exactly when responders are deleted; this event wakes the thread then.
-  UniqueFd stop;
+  MulticastChannel channel;
   std::thread thread;
   std::atomic<bool> running{false};
   MDNSRecords records;
@@ -155,9 +147,10 @@ namespace {
 void MDNSSend(MDNSResponder& responder) {
   std::array<uint8_t, mdnsPacketSize> packet{};
   size_t length = MDNS_MakeAnnouncement(responder.records, packet);
-  sockaddr_in group = MDNSGroupAddress();
+  const MulticastChannel& channel = responder.channel;
   // A lost announcement is made good by the next one.
-  sendto(responder.socket.get(), packet.data(), length, 0, reinterpret_cast<const sockaddr*>(&group), sizeof group);
+  sendto(channel.socket.get(), packet.data(), length, 0, reinterpret_cast<const sockaddr*>(&channel.group),
+         sizeof channel.group);
 }
 
 // Announces on start (lastAnnouncement 0 makes the first wait one second),
@@ -170,13 +163,12 @@ void MDNSReceive(MDNSResponder& responder) {
   time_t lastAnnouncement = 0;
   while (responder.running.load()) {
     time_t wait = std::clamp<time_t>(interval + lastAnnouncement - time(nullptr), 1, interval);
-    std::array<pollfd, 2> input{{{responder.socket.get(), POLLIN, 0}, {responder.stop.get(), POLLIN, 0}}};
-    if (poll(input.data(), input.size(), static_cast<int>(wait) * 1000) < 0) continue;
+    if (!Multicast_Wait(responder.channel, static_cast<int>(wait) * 1000)) continue;
     time_t now = time(nullptr);
     bool announce = true;
     if (now >= lastAnnouncement && now - lastAnnouncement < interval) {
       std::array<uint8_t, mdnsReceiveSize> datagram;
-      ssize_t received = recv(responder.socket.get(), datagram.data(), datagram.size(), 0);
+      ssize_t received = recv(responder.channel.socket.get(), datagram.data(), datagram.size(), 0);
       announce = received > 0 &&
                  MDNS_WantsAnnouncement(responder.records,
                                         std::span<const uint8_t>(datagram.data(), static_cast<size_t>(received)));
@@ -293,9 +285,8 @@ MDNSResponder* MDNS_new(const char* hostName, const char* interfaceAddress, cons
   try {
     auto responder = std::make_unique<MDNSResponder>();
     if (!MDNS_MakeRecords(hostName, interfaceAddress, services, serviceCount, responder->records)) return nullptr;
-    responder->socket = Multicast_Open(mdnsGroup, mdnsPort, responder->records.interfaceAddress.c_str());
-    responder->stop = UniqueFd(eventfd(0, EFD_CLOEXEC));
-    if (responder->socket.get() < 0 || responder->stop.get() < 0) return nullptr;
+    responder->channel = Multicast_Open(mdnsGroup, mdnsPort, responder->records.interfaceAddress.c_str());
+    if (!responder->channel.valid()) return nullptr;
     responder->running = true;
     responder->thread = std::thread(MDNSReceive, std::ref(*responder));
     return responder.release();
@@ -308,14 +299,12 @@ MDNSResponder* MDNS_new(const char* hostName, const char* interfaceAddress, cons
 void MDNS_delete(MDNSResponder* responder) {
   if (responder == nullptr) return;
   responder->running = false;
-  // The byte loops back to our own socket and wakes the receive thread,
-  // which then sends the goodbye and ends; the event does the same when the
-  // byte cannot leave any more.
-  const uint8_t wakeUp = 0;
-  sockaddr_in group = MDNSGroupAddress();
-  sendto(responder->socket.get(), &wakeUp, sizeof wakeUp, 0, reinterpret_cast<const sockaddr*>(&group),
-         sizeof group);
-  eventfd_write(responder->stop.get(), 1);
+  // The woken receive thread sends the goodbye and ends.
+  Multicast_Wake(responder->channel);
   if (responder->thread.joinable()) responder->thread.join();
   delete responder;
+}
+
+void MDNS_Renew(MDNSResponder* responder) {
+  if (responder) Multicast_Renew(responder->channel, responder->records.interfaceAddress.c_str());
 }

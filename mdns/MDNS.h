@@ -40,6 +40,9 @@ MDNSResponder* MDNS_new(const char* hostName, const char* interfaceAddress, cons
 
 // Stops the responder after its goodbye packet and frees it; null is ignored.
 void MDNS_delete(MDNSResponder* responder);
+// Gives the responder a fresh socket on its interface, which was removed and
+// made again under the same address; it goes on with nothing resent.
+void MDNS_Renew(MDNSResponder* responder);
 
 // The packet side of a responder, free of sockets so that tests can drive it.
 // Names are kept in label form: labels separated by line feeds.

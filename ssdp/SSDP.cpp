@@ -2,10 +2,11 @@
 // and a thread that sends alive sweeps every quarter of max-age, answers
 // searches after a fixed 10 ms pause and sends goodbye sweeps at both ends of
 // its life. Every datagram comes from the one message template below.
+// Deleting an engine wakes its thread through the channel's own event, so it
+// never waits on a network that went away.
 #include "ssdp/SSDP.h"
 
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -47,24 +48,21 @@ std::optional<SSDPSearch> MatchUrn(std::string_view target, const std::vector<st
   return std::nullopt;
 }
 
-sockaddr_in GroupAddress() { return Multicast_Address(kGroupAddress, kSsdpPort); }
-
 }  // namespace
 
 struct SSDP {
-  UniqueFd socket;
+  MulticastChannel channel;
   std::thread thread;
   std::atomic<bool> running{false};
   std::vector<std::string> types;
   SSDPMessageFields fields;
 
   void SendTo(const std::string& message, const sockaddr_in& to) const {
-    sendto(socket.get(), message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    sendto(channel.socket.get(), message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
   }
 
   void Sweep(const char* nts) const {
-    sockaddr_in group = GroupAddress();
-    for (const std::string& type : types) SendTo(SSDP_MakeMessage(fields, type, nts), group);
+    for (const std::string& type : types) SendTo(SSDP_MakeMessage(fields, type, nts), channel.group);
   }
 
   void ReceiveOne() const {
@@ -72,7 +70,7 @@ struct SSDP {
     sockaddr_in from{};
     socklen_t fromLength = sizeof from;
     ssize_t received =
-        recvfrom(socket.get(), buffer, kDatagramSize - 1, 0, reinterpret_cast<sockaddr*>(&from), &fromLength);
+        recvfrom(channel.socket.get(), buffer, kDatagramSize - 1, 0, reinterpret_cast<sockaddr*>(&from), &fromLength);
     if (received <= 0) return;
     std::optional<std::vector<std::string>> answers =
         SSDP_Answers(types, fields, std::string_view(buffer, static_cast<size_t>(received)), from, fromLength);
@@ -88,8 +86,7 @@ struct SSDP {
     while (running) {
       time_t now = time(nullptr);
       time_t waitSeconds = std::max<time_t>(interval - (now - lastAnnouncement), 1);
-      pollfd input{socket.get(), POLLIN, 0};
-      if (poll(&input, 1, static_cast<int>(std::min<time_t>(waitSeconds, INT_MAX / 1000) * 1000)) < 0) continue;
+      if (!Multicast_Wait(channel, static_cast<int>(std::min<time_t>(waitSeconds, INT_MAX / 1000) * 1000))) continue;
       now = time(nullptr);
       if (now - lastAnnouncement >= interval) {
         Sweep("ssdp:alive");
@@ -188,8 +185,8 @@ SSDP* SSDP_new(const char* const* types, int count, const char* udn, const char*
     engine->fields.product = product;
     engine->fields.udn = udn;
     engine->fields.extra = extra ? extra : "";
-    engine->socket = Multicast_Open(kGroupAddress, kSsdpPort, engine->fields.address.c_str());
-    if (!engine->socket.valid()) {
+    engine->channel = Multicast_Open(kGroupAddress, kSsdpPort, engine->fields.address.c_str());
+    if (!engine->channel.valid()) {
       delete engine;
       return nullptr;
     }
@@ -205,11 +202,13 @@ SSDP* SSDP_new(const char* const* types, int count, const char* udn, const char*
 void SSDP_delete(SSDP* engine) {
   if (!engine) return;
   engine->running = false;
-  // The wake-up byte loops back to this socket from port 1900, which the
-  // receive path ignores; it only ends the thread's poll early.
-  const char wake = 0;
-  sockaddr_in group = GroupAddress();
-  sendto(engine->socket.get(), &wake, 1, 0, reinterpret_cast<const sockaddr*>(&group), sizeof group);
+  // The wake-up byte comes back from port 1900, which the receive path
+  // ignores; it, or the event when it cannot leave, only ends the wait.
+  Multicast_Wake(engine->channel);
   if (engine->thread.joinable()) engine->thread.join();
   delete engine;
+}
+
+void SSDP_Renew(SSDP* engine) {
+  if (engine) Multicast_Renew(engine->channel, engine->fields.address.c_str());
 }

@@ -25,6 +25,9 @@ SSDP* SSDP_new(const char* const* types, int count, const char* udn, const char*
 
 // Stops the engine (two goodbye sweeps) and frees it; null is ignored.
 void SSDP_delete(SSDP* engine);
+// Gives the engine a fresh socket on its interface, which was removed and
+// made again under the same address; it goes on with nothing resent.
+void SSDP_Renew(SSDP* engine);
 
 // What an M-SEARCH asked for: every notification type, or one target text.
 struct SSDPSearch {

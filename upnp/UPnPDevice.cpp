@@ -8,8 +8,9 @@
 #include <netdb.h>
 #include <sys/socket.h>
 #include <sys/utsname.h>
-#include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <mutex>
 #include <new>
@@ -31,7 +32,7 @@ constexpr int64_t kChunkSizeLimit = 2147483631;
 constexpr size_t kOsTokenLimit = 127;
 constexpr size_t kAddressTextSize = 16;
 constexpr size_t kHardwareTextSize = 18;  // six pairs joined by "-"
-constexpr useconds_t kTickUs = 200000;
+constexpr std::chrono::milliseconds kTick{200};
 constexpr unsigned kTickMask = 255;
 constexpr unsigned kInterfaceCheckEvery = 20;
 constexpr unsigned kInterfaceCheckTick = 19;
@@ -175,13 +176,28 @@ bool SameAddresses(const NetworkInterface* current, const NetworkInterface* fres
   return !current && !fresh;
 }
 
+// With the same addresses, an interface whose index changed was removed and
+// made again between two checks (an adapter plugged back in): its engines
+// keep running, on fresh sockets, as the old ones lost the interface.
+void RenewRecreated(UPnPDevice* device, NetworkInterface* fresh) {
+  size_t slot = 0;
+  for (const NetworkInterface *old = device->interfaces, *now = fresh; old && now;
+       old = old->next, now = now->next, ++slot) {
+    if (old->index == now->index) continue;
+    if (slot < device->ssdpEngines.size()) SSDP_Renew(device->ssdpEngines[slot]);
+    if (slot < device->mdnsResponders.size()) MDNS_Renew(device->mdnsResponders[slot]);
+  }
+  NetworkInterface_delete(device->interfaces);
+  device->interfaces = fresh;
+}
+
 // Recreates the SSDP engines and mDNS responders when the interface addresses
 // changed since the previous check. A responder announces the interface's
 // hardware address as its host name.
 void CheckInterfaces(UPnPDevice* device) {
   NetworkInterface* fresh = NetworkInterface_new();
   if (SameAddresses(device->interfaces, fresh)) {
-    NetworkInterface_delete(fresh);
+    RenewRecreated(device, fresh);
     return;
   }
   ReleaseInterfaces(device);
@@ -212,11 +228,17 @@ void CheckInterfaces(UPnPDevice* device) {
 }
 
 // Every 200 ms tick; the interface checks fall on ticks 19, 39, ... 239 of a
-// counter that wraps at 256, so they are 4 s apart with one 7.2 s gap.
+// counter that wraps at 256, so they are 4 s apart with one 7.2 s gap. Ticks
+// are kept on a fixed schedule, so that the time a tick's work takes (engines
+// replaced, events sent) does not shift the later ones; a stall longer than
+// a tick is not made up in a burst.
 void DeviceThread(UPnPDevice* device) {
   unsigned counter = 0;
+  auto tick = std::chrono::steady_clock::now();
   while (device->running) {
-    usleep(kTickUs);
+    tick += kTick;
+    std::this_thread::sleep_until(tick);
+    tick = std::max(tick, std::chrono::steady_clock::now() - kTick);
     counter = (counter + 1) & kTickMask;
     GENA_DeliverEvents(device);
     if (counter % kInterfaceCheckEvery == kInterfaceCheckTick) CheckInterfaces(device);

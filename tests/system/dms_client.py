@@ -1,8 +1,10 @@
 # The system tests' one HTTP client and control point: raw requests on a
 # connection, replies framed by Content-Length or chunks, SOAP actions and
 # Browse results parsed into dicts, and the server's test configuration.
+import ctypes
 import os
 import socket
+import time
 import xml.etree.ElementTree as ET
 from pathlib import Path
 
@@ -15,6 +17,8 @@ XML_TYPE = 'text/xml; charset="utf-8"'
 DIDL = "{urn:schemas-upnp-org:metadata-1-0/DIDL-Lite/}"
 DC = "{http://purl.org/dc/elements/1.1/}"
 UPNP = "{urn:schemas-upnp-org:metadata-1-0/upnp/}"
+CLONE_NEWNET = 0x40000000
+SSDP_GROUP, SSDP_PORT = "239.255.255.250", 1900
 CONFIG_VALUES = {"deviceName": "Test DMS & Co", "manufacturer": "ACME <Labs>", "dmsModelName": "DMSModel",
                  "modelNumber": "1.5", "modelDescription": "Unit 'test' > demo"}
 
@@ -124,6 +128,49 @@ def multicast_socket(group, port, address):
     sock.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(address))
     sock.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_LOOP, 0)
     return sock
+
+
+def drain(sock, seconds):
+    # Every datagram that arrives on `sock` within `seconds`.
+    received = []
+    deadline = time.monotonic() + seconds
+    while (left := deadline - time.monotonic()) > 0:
+        sock.settimeout(left)
+        try:
+            received.append(sock.recvfrom(2048))
+        except socket.timeout:
+            break
+    return [data for data, _ in received]
+
+
+def ssdp_search(st, interface, source_port=0, wait=0.6):
+    # Sends one M-SEARCH (no ST header when `st` is None) on the interface with
+    # the address `interface`; returns the answers.
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
+        client.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        client.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(interface))
+        client.bind(("", source_port))
+        lines = ["M-SEARCH * HTTP/1.1", f"HOST: {SSDP_GROUP}:{SSDP_PORT}", 'MAN: "ssdp:discover"', "MX: 1"]
+        if st is not None:
+            lines.append(f"ST: {st}")
+        client.sendto(("\r\n".join(lines) + "\r\n\r\n").encode(), (SSDP_GROUP, SSDP_PORT))
+        # A client on the SSDP port also hears the group's own traffic.
+        return [data for data in drain(client, wait) if data.startswith(b"HTTP/1.1")]
+
+
+def in_peer_namespace(make):
+    # Calls make() with this thread moved into the peer namespace; sockets it
+    # creates stay there.
+    libc = ctypes.CDLL(None, use_errno=True)
+    with open("/proc/thread-self/ns/net") as home, \
+            open(f"/run/netns/{os.environ['DMS_NETNS_PEER']}") as peer:
+        if libc.setns(peer.fileno(), CLONE_NEWNET) != 0:
+            raise OSError(ctypes.get_errno(), "setns to the peer namespace")
+        try:
+            return make()
+        finally:
+            if libc.setns(home.fileno(), CLONE_NEWNET) != 0:
+                raise OSError(ctypes.get_errno(), "setns back")
 
 
 def get(port, path, *headers, method="GET", address="127.0.0.1", host="Host: test"):

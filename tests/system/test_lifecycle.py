@@ -1,7 +1,9 @@
 # Start and stop of the real server: the configuration file beside the
 # executable, read once, the running and stopped lines, and prompt, clean
-# exits on signals, also in the middle of replies. The lookup's quirks are
-# unit-tested.
+# exits on signals, also in the middle of replies and with the network gone;
+# the server back on a network that went away and came back. The lookup's
+# quirks are unit-tested.
+import os
 import shutil
 import signal
 import socket
@@ -10,8 +12,11 @@ import time
 
 import pytest
 
-from conftest import BUILD
-from dms_client import Client, browse, browse_arguments, soap
+from conftest import BUILD, REPO
+from dms_client import Client, browse, browse_arguments, in_peer_namespace, soap, ssdp_search
+
+ADDRESS, PEER_ADDRESS = os.environ["DMS_NETNS_ADDR"], os.environ["DMS_NETNS_PEER_ADDR"]
+UNLINK, LINK = "tools/netns-run --unlink", "tools/netns-run --link"
 
 
 def catches_signal(pid, sig, timeout=10.0):
@@ -75,3 +80,47 @@ def test_stop_in_the_middle_of_browse_replies_and_downloads(dms, tmp_path):
     assert server.stop() == ("\n[Shelf] running\n\n\n[Shelf] stopped\n\n", 0) and time.monotonic() - started < 2.5
     for reader in readers:
         reader.close()
+
+
+def change_link(script):
+    # Runs a bash script of tools/netns-run calls that change the veth pair.
+    subprocess.run(["bash", "-ec", script], check=True, cwd=REPO)
+
+
+def answered(port, address, within):
+    # True once a search from the peer host is answered with the description at `address`.
+    location = f"Location: http://{address}:{port}/DMS/Device\r\n".encode()
+    deadline = time.monotonic() + within
+    while time.monotonic() < deadline:
+        if any(location in answer for answer in in_peer_namespace(lambda: ssdp_search("ssdp:all", PEER_ADDRESS))):
+            return True
+    return False
+
+
+def census(pid):
+    return [len(os.listdir(f"/proc/{pid}/{kind}")) for kind in ("task", "fd")]
+
+
+@pytest.fixture
+def network():
+    yield
+    change_link(f"{UNLINK}; {LINK}")  # as it was, for the tests that follow
+
+
+@pytest.mark.parametrize("script, address", [
+    pytest.param(f"{UNLINK}; sleep 8; {LINK}", ADDRESS, id="back after 8 s"),
+    pytest.param("tools/netns-run --address 10.77.0.5", "10.77.0.5", id="new address"),
+    pytest.param(f"{UNLINK}; sleep 1.5; {LINK}; for flap in $(seq 19); do sleep 1.5; {UNLINK}; sleep 1.5; {LINK}; done",
+                 ADDRESS, id="20 flaps 3 s apart"),
+    pytest.param(UNLINK, None, id="gone for good, then SIGTERM"),
+])
+def test_network_goes_and_comes_back(dms, tmp_path, network, script, address):
+    server = dms(f'path = "{tmp_path}"\nmodelDescription = "Shelf"\n')
+    assert answered(server.wait_ready(), ADDRESS, within=10)  # after the first interface check
+    before = census(server.pid)
+    change_link(script)
+    if address:
+        assert answered(server.port, address, within=12) and census(server.pid) == before
+        return
+    started = time.monotonic()
+    assert server.stop() == ("\n[Shelf] running\n\n\n[Shelf] stopped\n\n", 0) and time.monotonic() - started < 2

@@ -4,7 +4,6 @@
 # tests listen and query from the other end of the veth pair, as another host
 # would, and decode every packet with dnspython (python3-dnspython).
 import collections
-import ctypes
 import os
 import socket
 import struct
@@ -21,32 +20,16 @@ import dns.rdataclass
 import dns.rdatatype
 
 from conftest import BUILD, Process
-from dms_client import multicast_socket
+from dms_client import in_peer_namespace, multicast_socket
 
 GROUP = "224.0.0.251"
 PORT = 5353
 ADDR = os.environ.get("DMS_NETNS_ADDR", "10.77.0.1")
 PEER_ADDR = os.environ.get("DMS_NETNS_PEER_ADDR", "10.77.0.2")
-CLONE_NEWNET = 0x40000000
 CACHE_FLUSH = 0x8000
 
 Record = collections.namedtuple("Record", "name type cache_flush ttl rdata")
 Packet = collections.namedtuple("Packet", "id flags counts answers additional raw")
-
-
-def in_peer_namespace(make):
-    # Calls make() with this thread moved into the peer namespace; sockets it
-    # creates stay there.
-    libc = ctypes.CDLL(None, use_errno=True)
-    with open("/proc/thread-self/ns/net") as home, \
-            open(f"/run/netns/{os.environ['DMS_NETNS_PEER']}") as peer:
-        if libc.setns(peer.fileno(), CLONE_NEWNET) != 0:
-            raise OSError(ctypes.get_errno(), "setns to the peer namespace")
-        try:
-            return make()
-        finally:
-            if libc.setns(home.fileno(), CLONE_NEWNET) != 0:
-                raise OSError(ctypes.get_errno(), "setns back")
 
 
 def peer_socket():

@@ -6,7 +6,6 @@
 # therefore runs last.
 import json
 import os
-import socket
 import subprocess
 import time
 from pathlib import Path
@@ -14,10 +13,8 @@ from pathlib import Path
 import pytest
 
 import dms_client
-from dms_client import CONNECTION_MANAGER, CONTENT_DIRECTORY, MEDIA_SERVER
+from dms_client import CONNECTION_MANAGER, CONTENT_DIRECTORY, MEDIA_SERVER, SSDP_GROUP, SSDP_PORT, drain, ssdp_search
 
-GROUP = "239.255.255.250"
-SSDP_PORT = 1900
 PROBE = Path(__file__).with_name("gupnp_probe.py")
 FIRST_ANNOUNCEMENT_TIMEOUT = 15.0
 
@@ -35,7 +32,7 @@ def location(port):
 
 
 def notify(nt, nts, port):
-    return (f"NOTIFY * HTTP/1.1\r\nHost: {GROUP}:{SSDP_PORT}\r\nCache-Control: max-age=1800\r\n"
+    return (f"NOTIFY * HTTP/1.1\r\nHost: {SSDP_GROUP}:{SSDP_PORT}\r\nCache-Control: max-age=1800\r\n"
             f"Location: {location(port)}\r\nNT: {nt}\r\nNTS: {nts}\r\nServer: {dms_client.server_token()}\r\n"
             f"USN: {usn(nt)}\r\n\r\n").encode()
 
@@ -45,22 +42,9 @@ def answer(st, port):
             f"EXT:\r\nServer: {dms_client.server_token()}\r\nUSN: {usn(st)}\r\n\r\n").encode()
 
 
-def drain(sock, seconds):
-    # Every datagram that arrives on `sock` within `seconds`.
-    received = []
-    deadline = time.monotonic() + seconds
-    while (left := deadline - time.monotonic()) > 0:
-        sock.settimeout(left)
-        try:
-            received.append(sock.recvfrom(2048))
-        except socket.timeout:
-            break
-    return [data for data, _ in received]
-
-
 class Discovery:
     def __init__(self, folder):
-        self.listener = dms_client.multicast_socket(GROUP, SSDP_PORT, os.environ["DMS_NETNS_ADDR"])
+        self.listener = dms_client.multicast_socket(SSDP_GROUP, SSDP_PORT, os.environ["DMS_NETNS_ADDR"])
         self.server = dms_client.start_server(folder)
         self.announced = []
         deadline = time.monotonic() + FIRST_ANNOUNCEMENT_TIMEOUT
@@ -69,18 +53,7 @@ class Discovery:
         self.announced += drain(self.listener, 0.3)
 
     def search(self, st, source_port=0, wait=0.6):
-        # Sends one M-SEARCH (no ST header when `st` is None); returns the answers.
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
-            client.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-            client.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF,
-                              socket.inet_aton(os.environ["DMS_NETNS_ADDR"]))
-            client.bind(("", source_port))
-            lines = ["M-SEARCH * HTTP/1.1", f"HOST: {GROUP}:{SSDP_PORT}", 'MAN: "ssdp:discover"', "MX: 1"]
-            if st is not None:
-                lines.append(f"ST: {st}")
-            client.sendto(("\r\n".join(lines) + "\r\n\r\n").encode(), (GROUP, SSDP_PORT))
-            # A client on the SSDP port also hears the group's own traffic.
-            answers = [data for data in drain(client, wait) if data.startswith(b"HTTP/1.1")]
+        answers = ssdp_search(st, os.environ["DMS_NETNS_ADDR"], source_port, wait)
         # An answer to a port shared with the listener may land there instead.
         return answers + [data for data in drain(self.listener, 0.05) if data.startswith(b"HTTP/1.1")]
 
