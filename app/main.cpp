@@ -35,6 +35,8 @@ int main() {
   // A missing value counts as 0, which the server raises to its minimum.
   const auto interval = getDMSInfo("refreshInterval");
   const auto refreshInterval = static_cast<uint16_t>(Text_ReadInt(interval ? *interval : std::string_view()));
+  // Only "on" exactly: anything else leaves the server as designed.
+  const bool clientCompatibility = getDMSInfo("clientCompatibility") == "on";
 
   std::printf("\n[%s] running\n\n", label(modelDescription));
   std::fflush(stdout);
@@ -45,9 +47,9 @@ int main() {
   std::signal(SIGTERM, onStopSignal);
 
   constexpr uint16_t kAnyPort = 0;
-  constexpr uint32_t kFlags = 1;
+  const uint32_t flags = kDmsFlagSsdp | (clientCompatibility ? kDmsFlagClientCompatibility : 0);
   if (DMS_Open(textOrNull(deviceName), textOrNull(manufacturer), textOrNull(modelName), textOrNull(modelNumber),
-               textOrNull(modelDescription), textOrNull(path), refreshInterval, kAnyPort, kFlags)) {
+               textOrNull(modelDescription), textOrNull(path), refreshInterval, kAnyPort, flags)) {
     while (running) ::sleep(1);
   }
   DMS_Close();

@@ -56,8 +56,10 @@ bool parseArguments(const UPnPArgValue* args, int32_t count, BrowseRequest& brow
   if (count != kArgumentCount || !args) return false;
   const UPnPArgValue &objectId = args[0], &flag = args[1], &filter = args[2], &start = args[3],
                      &requested = args[4];
-  if (objectId.length > kMaxObjectIdLength || filter.length > kMaxFilterLength ||
-      start.length > kMaxNumberLength || requested.length > kMaxNumberLength) {
+  // Clients that ask for dozens of properties by name need a longer Filter.
+  const bool filterTooLong = filter.length > kMaxFilterLength && !DmsServer_Info().clientCompatibility;
+  if (objectId.length > kMaxObjectIdLength || filterTooLong || start.length > kMaxNumberLength ||
+      requested.length > kMaxNumberLength) {
     return false;
   }
   // The flag is compared over the length that was sent.

@@ -138,6 +138,7 @@ void DmsDevice_Fill(const DmsServerInfo& info) {
   dmsDevice.modelNumber = info.modelNumber.c_str();
   dmsDevice.modelDescription = info.modelDescription.c_str();
   dmsDevice.udn = info.udn.c_str();
+  dmsDevice.argumentsInAnyOrder = info.clientCompatibility;
   dmsDevice.deviceType = dlnaDeviceTypes[0];
   dmsServices[kDmsServiceContentDirectory].serviceType = dlnaServiceTypes[kDlnaContentDirectoryRow];
   dmsServices[kDmsServiceContentDirectory].serviceId = dlnaServiceIDs[kDlnaContentDirectoryRow];

@@ -35,6 +35,6 @@ constexpr int kDmsSsdpTargetCount = 5;
 extern UPnPDevice dmsDevice;
 
 // Points the device record at the descriptive texts and UDN of `info`
-// (which must outlive the open device) and writes the device type and the
-// service types and ids from their table rows.
+// (which must outlive the open device), takes its argument order rule, and
+// writes the device type and the service types and ids from their table rows.
 void DmsDevice_Fill(const DmsServerInfo& info);

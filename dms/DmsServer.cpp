@@ -183,6 +183,7 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
   info.udn = makeUdn();
   info.startTime = static_cast<int64_t>(::time(nullptr));
   info.refreshInterval = refreshInterval < kMinimumRefreshInterval ? kMinimumRefreshInterval : refreshInterval;
+  info.clientCompatibility = (flags & kDmsFlagClientCompatibility) != 0;
   DmsServer_SetInfo(std::move(info));
   const DmsServerInfo& stored = DmsServer_Info();
 
@@ -207,9 +208,8 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
     DmsServer_SetShared(false);
     return 0;
   }
-  // Bit 0 of the flags switches the SSDP announcements on; this server runs
-  // no mDNS services.
-  dmsDevice.ssdpTargetCount = (flags & 1) ? kDmsSsdpTargetCount : 0;
+  // This server runs no mDNS services.
+  dmsDevice.ssdpTargetCount = (flags & kDmsFlagSsdp) ? kDmsSsdpTargetCount : 0;
   dmsDevice.mdnsServiceCount = 0;
   if (!UPnPDevice_Open(&dmsDevice, httpPort)) {
     DMS_Close();

@@ -5,6 +5,12 @@
 
 #include <cstdint>
 
+// Bits of DMS_Open's flags.
+constexpr uint32_t kDmsFlagSsdp = 1;  // announce the device by SSDP
+// Take control requests' arguments in any order and a Browse Filter of any
+// length, for clients that need it (the setting clientCompatibility).
+constexpr uint32_t kDmsFlagClientCompatibility = 2;
+
 // Non-zero on success (also when already open or when `flags` is 0). Each
 // text may be null. Port 0 lets the system choose a free HTTP port.
 int DMS_Open(const char* friendlyName, const char* manufacturer, const char* modelName, const char* modelNumber,

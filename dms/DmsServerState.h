@@ -45,6 +45,7 @@ struct DmsServerInfo {
   std::string udn;               // 36-character upper-case UUID text
   int64_t startTime = 0;
   uint16_t refreshInterval = 0;  // seconds, never below 30
+  bool clientCompatibility = false;  // kDmsFlagClientCompatibility
 };
 const DmsServerInfo& DmsServer_Info();
 // Replaces the stored fields; only start-up calls it, while the server is closed.

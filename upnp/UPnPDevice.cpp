@@ -133,7 +133,8 @@ bool Dispatch(UPnPDevice* device, HTTPRequest* request, const char* path, const 
   }
   for (UPnPService* service = device->services; service && service->serviceType; ++service) {
     if (service->controlPath && requested == service->controlPath) {
-      UPnP_HandleControl(request, service, body.empty() ? nullptr : body.c_str(), response);
+      UPnP_HandleControl(request, service, body.empty() ? nullptr : body.c_str(), response,
+                         device->argumentsInAnyOrder);
       return true;
     }
     if (service->eventPath && requested == service->eventPath) {

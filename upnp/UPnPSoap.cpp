@@ -1,7 +1,8 @@
 // SOAP control. The action and its arguments are found by a small text scan
 // rather than an XML parser: control points send simple, regular envelopes,
 // and the scan accepts exactly the shapes they send (a prefixed action element
-// carrying its namespace, arguments in declaration order).
+// carrying its namespace, arguments in declaration order, or, for a device
+// that asks for it, arguments in any order).
 #include "upnp/UPnPSoap.h"
 
 #include <algorithm>
@@ -20,34 +21,88 @@ bool IsWhitespace(char c) {
   return std::strchr(kWhitespace, c) != nullptr && c != '\0';
 }
 
+// Reads the value of the argument element whose start tag ends at `tagEnd`:
+// empty for a self-closed element, else up to the next closing tag with the
+// whitespace around it cut. Returns the position after the element, or npos
+// (and leaves `value` alone) when no closing tag follows.
+size_t ReadValue(std::string_view body, size_t tagEnd, const char* name, UPnPArgValue& value) {
+  if (tagEnd > 0 && body[tagEnd - 1] == '/') {
+    value = {name, body.data() + tagEnd + 1, 0};
+    return tagEnd + 1;
+  }
+  size_t start = tagEnd + 1;
+  while (start < body.size() && IsWhitespace(body[start])) ++start;
+  size_t close = body.find("</", start);
+  if (close == std::string_view::npos) return std::string_view::npos;
+  size_t end = close;
+  while (end > start && IsWhitespace(body[end - 1])) --end;
+  value = {name, body.data() + start, static_cast<uint32_t>(end - start)};
+  size_t closeEnd = body.find('>', close);
+  return closeEnd == std::string_view::npos ? body.size() : closeEnd + 1;
+}
+
+size_t CountArguments(const UPnPAction& action) {
+  size_t count = 0;
+  for (const UPnPArgument* arg = action.inArgs; arg && arg->name; ++arg) ++count;
+  return count;
+}
+
 // The input arguments found after the action element, in table order; a
 // missing argument ends the collection.
 std::vector<UPnPArgValue> ScanArguments(const UPnPAction& action, std::string_view body, size_t position) {
   std::vector<UPnPArgValue> values;
-  size_t count = 0;
-  for (const UPnPArgument* arg = action.inArgs; arg && arg->name; ++arg) ++count;
   // Handlers always get a valid array, even when it holds no value.
-  values.reserve(count > 0 ? count : 1);
+  values.reserve(std::max<size_t>(CountArguments(action), 1));
   for (const UPnPArgument* arg = action.inArgs; arg && arg->name; ++arg) {
     size_t found = body.find(arg->name, position);
     if (found == std::string_view::npos) break;
     size_t tagEnd = body.find('>', found);
     if (tagEnd == std::string_view::npos) break;
-    if (tagEnd > 0 && body[tagEnd - 1] == '/') {
-      values.push_back({arg->name, body.data() + tagEnd + 1, 0});
-      position = tagEnd + 1;
+    UPnPArgValue value;
+    position = ReadValue(body, tagEnd, arg->name, value);
+    if (position == std::string_view::npos) break;
+    values.push_back(value);
+  }
+  return values;
+}
+
+// The name of the element whose tag opens at `open`, without its prefix; a
+// closing tag's name when `closing`.
+std::string_view LocalName(std::string_view body, size_t open, bool closing) {
+  const size_t start = open + 1 + closing;
+  size_t end = start;
+  while (end < body.size() && !IsWhitespace(body[end]) && body[end] != '>' && body[end] != '/') ++end;
+  const std::string_view name = body.substr(start, end - start);
+  const size_t colon = name.rfind(':');
+  return colon == std::string_view::npos ? name : name.substr(colon + 1);
+}
+
+// The input arguments wherever they stand inside the action element, each
+// an element of exactly its name (any prefix, any attributes); the first one
+// of a name wins. Handlers take the values by table row, so they are handed
+// over in table order up to the first argument missing.
+std::vector<UPnPArgValue> ScanArgumentsAnyOrder(const UPnPAction& action, std::string_view body, size_t position) {
+  const size_t count = CountArguments(action);
+  std::vector<UPnPArgValue> values(std::max<size_t>(count, 1), UPnPArgValue{nullptr, nullptr, 0});
+  for (size_t open = body.find('<', position); open != std::string_view::npos; open = body.find('<', position)) {
+    position = open + 1;
+    const bool closing = position < body.size() && body[position] == '/';
+    const std::string_view name = LocalName(body, open, closing);
+    if (closing) {
+      if (name == action.name) break;
       continue;
     }
-    size_t start = tagEnd + 1;
-    while (start < body.size() && IsWhitespace(body[start])) ++start;
-    size_t close = body.find("</", start);
-    if (close == std::string_view::npos) break;
-    size_t end = close;
-    while (end > start && IsWhitespace(body[end - 1])) --end;
-    values.push_back({arg->name, body.data() + start, static_cast<uint32_t>(end - start)});
-    size_t closeEnd = body.find('>', close);
-    position = closeEnd == std::string_view::npos ? body.size() : closeEnd + 1;
+    size_t row = 0;
+    while (row < count && (values[row].name || name != action.inArgs[row].name)) ++row;
+    if (row == count) continue;
+    const size_t tagEnd = body.find('>', open);
+    if (tagEnd == std::string_view::npos) break;
+    position = ReadValue(body, tagEnd, action.inArgs[row].name, values[row]);
+    if (position == std::string_view::npos) break;
   }
+  size_t found = 0;
+  while (found < count && values[found].name) ++found;
+  values.resize(found);
   return values;
 }
 
@@ -88,7 +143,8 @@ const UPnPError dlnaErrors[kDlnaErrorCount] = {
     {"702", "Invalid InstanceID"},
 };
 
-std::optional<UPnPControlCall> UPnP_ParseControl(const UPnPService& service, std::string_view body) {
+std::optional<UPnPControlCall> UPnP_ParseControl(const UPnPService& service, std::string_view body,
+                                                 bool anyOrder) {
   size_t envelope = body.find(":Envelope");
   if (envelope == std::string_view::npos) return std::nullopt;
   size_t position = body.find('>', envelope);
@@ -106,15 +162,17 @@ std::optional<UPnPControlCall> UPnP_ParseControl(const UPnPService& service, std
     if (found == std::string_view::npos) continue;
     size_t tagEnd = body.find('>', found);
     if (tagEnd == std::string_view::npos) return std::nullopt;
-    return UPnPControlCall{action, ScanArguments(*action, body, tagEnd + 1)};
+    return UPnPControlCall{action, anyOrder ? ScanArgumentsAnyOrder(*action, body, tagEnd + 1)
+                                            : ScanArguments(*action, body, tagEnd + 1)};
   }
   return std::nullopt;
 }
 
-int UPnP_HandleControl(HTTPRequest* request, UPnPService* service, const char* body, HTTPResponse* response) {
+int UPnP_HandleControl(HTTPRequest* request, UPnPService* service, const char* body, HTTPResponse* response,
+                       bool anyOrder) {
   std::optional<UPnPControlCall> call;
   try {
-    if (service && body) call = UPnP_ParseControl(*service, body);
+    if (service && body) call = UPnP_ParseControl(*service, body, anyOrder);
   } catch (const std::bad_alloc&) {
     call.reset();
   }

@@ -18,13 +18,17 @@ struct UPnPControlCall {
   std::vector<UPnPArgValue> args;
 };
 
-// Scans a SOAP body for one of the service's actions. Empty when the body is
-// not an envelope or names none of the actions.
-std::optional<UPnPControlCall> UPnP_ParseControl(const UPnPService& service, std::string_view body);
+// Scans a SOAP body for one of the service's actions. Its input arguments are
+// looked for in table order, each after the one before; with `anyOrder`, as
+// elements of their names anywhere inside the action element. Empty when the
+// body is not an envelope or names none of the actions.
+std::optional<UPnPControlCall> UPnP_ParseControl(const UPnPService& service, std::string_view body,
+                                                 bool anyOrder);
 
 // Dispatches a control request: 1 when a handler was called, 0 when the
 // fault 602 was put in the response.
-int UPnP_HandleControl(HTTPRequest* request, UPnPService* service, const char* body, HTTPResponse* response);
+int UPnP_HandleControl(HTTPRequest* request, UPnPService* service, const char* body, HTTPResponse* response,
+                       bool anyOrder);
 
 // The success envelope for `outputs` (null or ended by a null name). Empty
 // when memory runs out.

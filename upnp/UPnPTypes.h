@@ -105,6 +105,8 @@ struct UPnPDevice {
   UPnPHttpHook httpHook = nullptr;
   UPnPMakeEventBody makeEventBody = nullptr;
   UPnPStateChanged stateChanged = nullptr;
+  // Control requests' input arguments are found in any order (UPnP_ParseControl).
+  bool argumentsInAnyOrder = false;
 
   std::atomic<bool> running{false};
   std::thread thread{};

@@ -19,6 +19,20 @@ DC = "{http://purl.org/dc/elements/1.1/}"
 UPNP = "{urn:schemas-upnp-org:metadata-1-0/upnp/}"
 CLONE_NEWNET = 0x40000000
 SSDP_GROUP, SSDP_PORT = "239.255.255.250", 1900
+# Real clients' Filters, from public property names: Kodi's 37 properties
+# (545 characters), and one as long as a Sony Blu-ray player's (527).
+KODI_FILTER = ("dc:title,dc:creator,dc:date,dc:description,dc:publisher,upnp:userAnnotation,dc:rights,"
+    "res@sampleFrequency,upnp:class,upnp:artist,upnp:album,upnp:genre,upnp:albumArtURI,upnp:originalTrackNumber,"
+    "upnp:longDescription,upnp:rating,upnp:actor,upnp:director,upnp:producer,upnp:author,upnp:episodeNumber,"
+    "upnp:episodeCount,upnp:episodeSeason,upnp:programTitle,upnp:seriesTitle,upnp:lastPlaybackTime,"
+    "upnp:lastPlaybackPosition,upnp:playbackCount,upnp:storageMedium,@refID,res,res@duration,res@size,res@resolution,"
+    "res@bitrate,res@nrAudioChannels,@childCount")
+SONY_FILTER = ("@id,@parentID,@restricted,@searchable,@childCount,@refID,dc:title,dc:creator,dc:date,upnp:class,"
+    "upnp:artist,upnp:artist@role,upnp:album,upnp:genre,upnp:albumArtURI,upnp:albumArtURI@dlna:profileID,"
+    "upnp:originalTrackNumber,upnp:icon,upnp:rating,upnp:actor,upnp:director,upnp:author,upnp:channelNr,"
+    "upnp:lastPlaybackPosition,res,res@size,res@duration,res@bitrate,res@sampleFrequency,res@bitsPerSample,"
+    "res@nrAudioChannels,res@resolution,res@colorDepth,res@protocolInfo,res@dlna:ifoFileURI,upnp:writeStatus,"
+    "dc:description,dc:language")
 CONFIG_VALUES = {"deviceName": "Test DMS & Co", "manufacturer": "ACME <Labs>", "dmsModelName": "DMSModel",
                  "modelNumber": "1.5", "modelDescription": "Unit 'test' > demo"}
 
