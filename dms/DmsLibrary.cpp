@@ -20,6 +20,7 @@
 
 #include "base/Text.h"
 #include "base/UniqueFd.h"
+#include "dms/DmsMemo.h"
 #include "media/MediaStream.h"
 
 namespace {
@@ -58,14 +59,15 @@ class FolderChildren {
  public:
   explicit FolderChildren(DmsObject* folder) : folder_(folder) {}
 
-  // Creates an entry of the folder at its sorted place.
-  DmsObject* add(DmsObjectId id, const char* name, const char* upnpClass, DmsObjectKind kind) {
+  // Creates an entry of the folder at its sorted place, an item with its memo.
+  DmsObject* add(DmsObjectId id, const char* name, const char* upnpClass, DmsObjectKind kind,
+                 const uint8_t* memo = nullptr, uint8_t memoSize = 0) {
     gather();
     const auto at = std::lower_bound(children_.begin(), children_.end(), name, [](const DmsObject* child, const char* key) {
       return strcasecmp(child->title().c_str(), key) < 0;
     });
-    DmsObject* object =
-        DmsObject_New(id, name, upnpClass, kind, folder_, at == children_.begin() ? nullptr : *(at - 1));
+    DmsObject* object = DmsObject_New(id, name, upnpClass, kind, folder_, at == children_.begin() ? nullptr : *(at - 1),
+                                      memo, memoSize);
     if (object) children_.insert(at, object);
     return object;
   }
@@ -157,9 +159,11 @@ bool scanFile(FolderChildren& children, DmsObject* folder, int dirFd, const char
   MediaStreamPtr stream = MediaStream_new(file.get(), 0, static_cast<int64_t>(info.st_size), true);
   const char* itemClass = DmsLibrary_ItemClass(stream.get());
   if (!itemClass) return changed;
+  uint8_t memo[DmsMemo_MaxSize];
+  const size_t memoSize = DmsMemo_Encode(*stream, info, static_cast<int64_t>(info.st_mtime), memo);
   if (stream->date == 0) stream->date = static_cast<int32_t>(info.st_mtime);
 
-  DmsObject* item = children.add(id, name, itemClass, DmsKind_Item);
+  DmsObject* item = children.add(id, name, itemClass, DmsKind_Item, memo, static_cast<uint8_t>(memoSize));
   if (!item) return changed;
   item->mimeType = stream->mimeType;
   item->modificationTime = static_cast<int64_t>(info.st_mtime);

@@ -4,6 +4,7 @@
 #include "dms/DmsObject.h"
 
 #include <atomic>
+#include <cassert>
 #include <charconv>
 #include <cinttypes>
 #include <cstdio>
@@ -12,6 +13,8 @@
 #include <memory>
 #include <new>
 #include <vector>
+
+#include "dms/DmsMemo.h"
 
 const std::array<const char*, DmsClass_Count> dlnaMediaClasses = {
     "",
@@ -86,8 +89,9 @@ class ObjectPool {
   static constexpr size_t kGranule = alignof(DmsObject);
   static_assert(kGranule >= alignof(FreeBlock) && kGranule >= alignof(Slab) && sizeof(DmsObject) >= sizeof(FreeBlock));
   static constexpr size_t kSlabBytes = 32768;
-  // A file name is at most 255 bytes; longer titles (a configured path) are rare.
-  static constexpr size_t kLargestPooled = sizeof(DmsObject) + 256;
+  // A file name is at most 255 bytes, and its memo as many; longer titles (a
+  // configured path) are rare.
+  static constexpr size_t kLargestPooled = sizeof(DmsObject) + 256 + DmsMemo_MaxSize;
 
   static constexpr size_t kSlabHeader = (sizeof(Slab) + kGranule - 1) / kGranule * kGranule;
 
@@ -185,8 +189,10 @@ uint8_t classIndex(const char* upnpClass) {
   return DmsClass_None;
 }
 
-// The object and its title share one block.
-size_t blockSize(const char* title) { return sizeof(DmsObject) + (title && title[0] ? std::strlen(title) + 1 : 0); }
+// The object, its title and an item's memo share one block.
+size_t blockSize(const char* title, size_t memoSize) {
+  return sizeof(DmsObject) + (title && title[0] ? std::strlen(title) + 1 : 0) + memoSize;
+}
 
 // Unlinks `target` from the singly linked list that starts at `head` and
 // continues through `link`.
@@ -213,7 +219,8 @@ void freeObject(DmsObject* object) {
     parent->childCount -= 1;
     parent->updateId += 1;
   }
-  const size_t bytes = blockSize(object->title().c_str());
+  const size_t bytes = blockSize(object->title().c_str(), object->memoSize);
+  if (object->memoSize > 0) DmsMemo_Release(DmsObject_Memo(object));
   object->~DmsObject();
   pool.release(object, bytes);
 }
@@ -245,14 +252,22 @@ bool DmsObject_IsFolder(const DmsObject* object) {
 }
 
 DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClass, DmsObjectKind kind,
-                         DmsObject* parent, DmsObject* after) {
-  const size_t bytes = blockSize(title);
+                         DmsObject* parent, DmsObject* after, const uint8_t* memo, uint8_t memoSize) {
+  assert(memoSize == 0 || kind == DmsKind_Item);
+  const size_t bytes = blockSize(title, memoSize);
   void* block = pool.allocate(bytes);
-  if (!block) return nullptr;
+  if (!block) {
+    if (memoSize > 0) DmsMemo_Release(memo);
+    return nullptr;
+  }
   auto* object = new (block) DmsObject;
-  if (bytes > sizeof(DmsObject)) {
-    std::memcpy(object + 1, title, bytes - sizeof(DmsObject));
+  if (bytes > sizeof(DmsObject) + memoSize) {
+    std::memcpy(object + 1, title, bytes - sizeof(DmsObject) - memoSize);
     object->hasTitle = true;
+  }
+  if (memoSize > 0) {
+    object->memoSize = memoSize;
+    std::memcpy(DmsObject_Memo(object), memo, memoSize);
   }
   object->id = id;
   object->mediaClass = classIndex(upnpClass);
@@ -279,6 +294,13 @@ DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClas
     parent->updateId += 1;
   }
   return object;
+}
+
+uint8_t* DmsObject_Memo(const DmsObject* object) {
+  if (object->memoSize == 0) return nullptr;
+  // The block is the tree's: the object is const only to those who read it.
+  auto* block = reinterpret_cast<uint8_t*>(const_cast<DmsObject*>(object) + 1);
+  return object->hasTitle ? block + object->title().size() + 1 : block;
 }
 
 void DmsObject_Free(DmsObjectId id) {
