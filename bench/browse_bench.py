@@ -1,8 +1,7 @@
-"""Browse benchmark on real media files: a folder of 1,000 files of 12 formats,
-and more audio files in album folders so that All Music lists 7,000. Files of
-a format that an installed tool makes (bench/reallib.py: ffmpeg, lame, flac,
-ImageMagick, exiftool; `tools/install-deps bench`) are real ones, the others
-the byte-built demo files. A client in the peer namespace times, over the
+"""Browse benchmark on the library of bench/reallib.py: 10,000 real media files
+(made by ffmpeg, lame, flac, ImageMagick and exiftool where installed:
+`tools/install-deps bench`), a folder of 1,000 of 12 formats among them, and
+7,000 in All Music. A client in the peer namespace times, over the
 link: Browse of the folder's 1,000 children with the page cache warm, the same
 with the page cache dropped before each request (root), and the whole All
 Music view; beside them, in the same run, the raw loop (lstat + open + read
@@ -13,7 +12,6 @@ Run: tools/netns-run /usr/bin/python3 bench/browse_bench.py [--quick]"""
 import json
 import os
 import re
-import shutil
 import socket
 import statistics
 import subprocess
@@ -25,8 +23,8 @@ from pathlib import Path
 import reallib
 from benchlib import BUILD, Dms, dms_client, require_namespace, verdict
 
-FOLDER_FILES, VIEW_ITEMS, ROUNDS = 1000, 7000, {"warm": 21, "cold": 5, "view": 11}
-QUICK_FOLDER_FILES, QUICK_VIEW_ITEMS, QUICK_ROUNDS = 24, 40, {"warm": 1, "cold": 1, "view": 1}
+ROUNDS = {"warm": 21, "cold": 5, "view": 11}
+QUICK_ROUNDS = {"warm": 1, "cold": 1, "view": 1}
 TARGET_WARM_SHARE = 1.0   # warm Browse against the warm raw loop
 TARGET_COLD_SHARE = 0.2   # cold Browse against the cold raw loop
 TARGET_VIEW_US = 4.0      # per item of the whole view
@@ -34,31 +32,6 @@ NO_RESCAN_SECONDS = 3600  # no periodic rescan of the library during the timed r
 SCAN_TIMEOUT = 300
 RECV_SIZE = 1 << 20
 LAST_CHUNK = b"\r\n0\r\n\r\n"  # the CRLF that ends the tail chunk, then the empty last chunk
-EXTENSIONS = (".mp3", ".m4a", ".mp4", ".mkv", ".flac", ".wav", ".jpg", ".png", ".gif", ".tif", ".avi", ".mov")
-AUDIO = (".mp3", ".m4a", ".flac", ".wav")
-
-
-def build_library(root, folder_files, view_items, real):
-    """The folder of mixed files and the album folders of audio files; returns
-    the folder and the extensions of the real files used."""
-    demo = root / "demo"
-    subprocess.run([str(BUILD / "dms-mkdemo"), str(demo)], check=True, stdout=subprocess.DEVNULL)
-    sources = {p.suffix.lower(): p for p in sorted(demo.rglob("*")) if p.suffix.lower() in EXTENSIONS}
-    made = reallib.make(root / "real") if real else {}
-    sources.update(made)
-    folder = root / "media" / "Thousand"
-    folder.mkdir(parents=True)
-    for index in range(folder_files):
-        source = sources[EXTENSIONS[index % len(EXTENSIONS)]]
-        shutil.copyfile(source, folder / f"item {index:04d}{source.suffix}")
-    audio_in_folder = sum(EXTENSIONS[i % len(EXTENSIONS)] in AUDIO for i in range(folder_files))
-    for index in range(view_items - audio_in_folder):
-        album = root / "media" / "Albums" / f"Album {index // 100:03d}"
-        album.mkdir(parents=True, exist_ok=True)
-        source = sources[AUDIO[index % len(AUDIO)]]
-        shutil.copyfile(source, album / f"{index % 100:02d} Track {index:05d}{source.suffix}")
-    shutil.rmtree(demo)
-    return folder, sorted(made)
 
 
 def wait_listed(port, folder_files, view_items):
@@ -131,11 +104,12 @@ def main():
         return client(host, port, folder_id, rounds)
     require_namespace()
     quick = sys.argv[1:] == ["--quick"]
-    folder_files, view_items = (QUICK_FOLDER_FILES, QUICK_VIEW_ITEMS) if quick else (FOLDER_FILES, VIEW_ITEMS)
+    shape = reallib.QUICK if quick else reallib.FULL
+    folder_files, view_items = shape.folder_files, shape.audio_files
     rounds = QUICK_ROUNDS if quick else ROUNDS
     with tempfile.TemporaryDirectory(prefix="dms-browse-bench-", dir=os.environ.get("BENCH_DIR", "/tmp")) as temp:
         root = Path(temp)
-        folder, real = build_library(root, folder_files, view_items, not quick)
+        folder, real = reallib.library(root, BUILD, shape)
         server = Dms(root / "server", f'path = "{root / "media"}"\nrefreshInterval = "{NO_RESCAN_SECONDS}"\n')
         try:
             port = server.wait_ready()
@@ -151,7 +125,8 @@ def main():
     assert found["view"]["returned"] == view_items, found
     warm, cold, whole = (statistics.median(found[k]["seconds"]) * 1000.0 for k in ("warm", "cold", "view"))
     per_item_us = whole * 1000.0 / view_items
-    print(f"browse_bench: a folder of {folder_files} files of {len(EXTENSIONS)} formats, All Music of {view_items} "
+    print(f"browse_bench: {shape.files} files; a folder of {folder_files} files of {len(reallib.EXTENSIONS)} formats, "
+          f"All Music of {view_items} "
           f"items; Browse from the peer namespace over the link, medians of "
           f"{rounds['warm']} warm, {rounds['cold']} cold and {rounds['view']} whole-view requests"
           f"{' (quick mode)' if quick else ''}")
