@@ -220,15 +220,34 @@ std::string DmsDidl_Escape(std::string_view text) {
   return out;
 }
 
+DmsDidlFolders::~DmsDidlFolders() {
+  for (size_t index = 0; index < count_; ++index) {
+    if (folders_[index].fd >= 0) ::close(folders_[index].fd);
+  }
+}
+
+int DmsDidlFolders::descriptor(const DmsObject* folder) {
+  if (!folder || !DmsObject_IsFolder(folder)) return -1;
+  if (last_ < count_ && folders_[last_].id == folder->id) return folders_[last_].fd;
+  for (size_t index = 0; index < count_; ++index) {
+    if (folders_[index].id == folder->id) return folders_[last_ = index].fd;
+  }
+  if (count_ == kMaxFolders) return -1;
+  const std::string path = DmsObject_GetPath(folder);
+  const int fd = path.empty() ? -1 : ::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  folders_[last_ = count_++] = {folder->id, fd};
+  return fd;
+}
+
 std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint16_t port, uint32_t filter,
-                                 int folderFd) {
+                                 DmsDidlFolders* folders) {
   std::string out;
-  DmsDidl_AppendObject(out, object, host, port, filter, folderFd);
+  DmsDidl_AppendObject(out, object, host, port, filter, folders);
   return out;
 }
 
 void DmsDidl_AppendObject(std::string& out, const DmsObject* object, const char* host, uint16_t port,
-                          uint32_t filter, int folderFd) {
+                          uint32_t filter, DmsDidlFolders* folders) {
   if (!object) return;
   const bool container = object->kind == DmsKind_Container;
   const char* element = container ? "container" : "item";
@@ -261,9 +280,8 @@ void DmsDidl_AppendObject(std::string& out, const DmsObject* object, const char*
     else appendEscaped(out, object->title());
     out += "&lt;/dc:title&gt;";
   } else {
-    // A reference's item lives in another folder than the reference.
     const DmsObject* target = object->kind == DmsKind_Reference && object->item ? object->item : object;
-    const DmsItemFacts facts = readItemFacts(target, target == object ? folderFd : -1);
+    const DmsItemFacts facts = readItemFacts(target, folders ? folders->descriptor(target->parent) : -1);
     appendItemTitle(out, target, facts);
     out += "&lt;/dc:title&gt;";
     renderItemBody(out, target, facts, host, port, filter);
