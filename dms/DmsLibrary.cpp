@@ -20,6 +20,7 @@
 
 #include "base/Text.h"
 #include "base/UniqueFd.h"
+#include "dms/DmsCache.h"
 #include "dms/DmsMemo.h"
 #include "media/MediaStream.h"
 
@@ -154,9 +155,13 @@ bool scanFile(FolderChildren& children, DmsObject* folder, int dirFd, const char
     changed = true;
   }
 
-  UniqueFd file(::openat(dirFd, name, O_RDONLY | O_CLOEXEC));
-  if (file.get() < 0) return changed;
-  MediaStreamPtr stream = MediaStream_new(file.get(), 0, static_cast<int64_t>(info.st_size), true);
+  // A file whose memo was kept across a restart is not opened.
+  MediaStreamPtr stream = DmsCache_Take(id, info);
+  if (!stream) {
+    UniqueFd file(::openat(dirFd, name, O_RDONLY | O_CLOEXEC));
+    if (file.get() < 0) return changed;
+    stream = MediaStream_new(file.get(), 0, static_cast<int64_t>(info.st_size), true);
+  }
   const char* itemClass = DmsLibrary_ItemClass(stream.get());
   if (!itemClass) return changed;
   uint8_t memo[DmsMemo_MaxSize];

@@ -1,7 +1,8 @@
 // Item memos: their compact encoding in the item's block, the identity check
 // against an lstat of the file, and the table of texts that many memos share.
-// A memo is a flags byte, then the file's identity, then only the parts the
-// file has, numbers in 7-bit groups; shared texts are named by their address.
+// A memo is a flags byte and the file's type, then the file's identity, then
+// only the parts the file has, numbers in 7-bit groups; shared texts are
+// named by their address.
 #include "dms/DmsMemo.h"
 
 #include <array>
@@ -21,10 +22,8 @@ enum MemoFlag : uint8_t {
   kHasCover = 0x10,
   kHasDate = 0x20,
   kIsPicture = 0x40,
+  kNoStreams = 0x80,
 };
-
-// A cover's type is kept as its position here (0: none).
-constexpr std::array<std::string_view, 3> kCoverTypes = {"image/jpeg", "image/png", "image/bmp"};
 constexpr int64_t kNanosecondsPerSecond = 1000000000;
 
 // One text shared by the memos that name it, followed by its bytes.
@@ -33,6 +32,8 @@ struct SharedText {
   uint32_t hash;
   uint32_t refs;
   uint32_t length;
+  uint32_t save;    // the last save of the memo file that numbered it
+  uint32_t number;  // its number in that save
   std::string_view text() const { return {reinterpret_cast<const char*>(this + 1), length}; }
 };
 
@@ -55,7 +56,7 @@ class SharedTexts {
     if (!buckets_) return nullptr;
     void* block = ::operator new(sizeof(SharedText) + text.size(), std::nothrow);
     if (!block) return nullptr;
-    auto* entry = new (block) SharedText{buckets_[hash & mask()], hash, 1, static_cast<uint32_t>(text.size())};
+    auto* entry = new (block) SharedText{buckets_[hash & mask()], hash, 1, static_cast<uint32_t>(text.size()), 0, 0};
     text.copy(reinterpret_cast<char*>(entry + 1), text.size());
     buckets_[hash & mask()] = entry;
     count_ += 1;
@@ -113,6 +114,7 @@ struct Memo {
   int64_t modificationDelta = 0;  // nanoseconds from the item's modification second
   int64_t changeDelta = 0;        // nanoseconds from the modification time
   uint8_t flags = 0;
+  uint8_t mimeType = 0;  // 1 + its position in DmsMemo_MimeTypes; 0: none
   uint32_t duration = 0;
   uint32_t timescale = 0;
   int32_t date = 0;
@@ -179,6 +181,7 @@ Memo decode(const uint8_t* bytes) {
   MemoReader reader(bytes);
   Memo memo;
   memo.flags = reader.byte();
+  memo.mimeType = reader.byte();
   memo.size = reader.number();
   memo.modificationDelta = unzigzag(reader.number());
   memo.changeDelta = unzigzag(reader.number());
@@ -238,6 +241,17 @@ bool isItemFile(const DmsObject* item, const struct stat& file) {
          item->id == DmsObjectId{static_cast<uint64_t>(file.st_dev) + 1, static_cast<uint64_t>(file.st_ino)};
 }
 
+// 1 + the position of `type` in DmsMemo_MimeTypes, 0 for none; empty for a type not there.
+std::optional<uint8_t> typeNumber(const char* type) {
+  if (!type) return 0;
+  for (size_t index = 0; index < DmsMemo_MimeTypes.size(); ++index) {
+    if (DmsMemo_MimeTypes[index] == type) return static_cast<uint8_t>(index + 1);
+  }
+  return std::nullopt;
+}
+
+const char* typeText(uint8_t number) { return number ? DmsMemo_MimeTypes[number - 1].data() : nullptr; }
+
 void releaseTexts(const Memo& memo) {
   for (const SharedText* text : memo.texts) {
     if (text) sharedTexts.release(text);
@@ -246,6 +260,13 @@ void releaseTexts(const Memo& memo) {
 
 }  // namespace
 
+int32_t DmsMemo_MediaType(const char* type) {
+  const std::string_view mimeType = type ? type : "";
+  if (mimeType.starts_with("audio/")) return MediaType_Audio;
+  if (mimeType.starts_with("video/")) return MediaType_Video;
+  return mimeType.starts_with("image/") && mimeType != "image/bmp" ? MediaType_Image : MediaType_None;
+}
+
 DmsItemFacts DmsItemFacts_Parsed(MediaStreamPtr stream, const struct stat& file) {
   DmsItemFacts facts;
   facts.size = static_cast<int64_t>(file.st_size);
@@ -253,6 +274,8 @@ DmsItemFacts DmsItemFacts_Parsed(MediaStreamPtr stream, const struct stat& file)
   if (!stream) return facts;
   const MediaStream& parsed = *stream;
   facts.recognised = true;
+  facts.mimeType = parsed.mimeType;
+  facts.streams = !parsed.streamInfo.empty();
   if (parsed.title) facts.title = *parsed.title;
   if (parsed.artist) facts.artist = *parsed.artist;
   if (parsed.album) facts.album = *parsed.album;
@@ -275,21 +298,21 @@ DmsItemFacts DmsItemFacts_Parsed(MediaStreamPtr stream, const struct stat& file)
 size_t DmsMemo_Encode(const MediaStream& stream, const struct stat& file, int64_t itemSeconds,
                       uint8_t out[DmsMemo_MaxSize]) {
   const std::optional<Identity> identity = identityOf(file, itemSeconds);
-  if (!identity) return 0;
+  const std::optional<uint8_t> mimeType = typeNumber(stream.mimeType);
+  const std::optional<uint8_t> coverType = typeNumber(stream.coverLength > 0 ? stream.coverMimeType : nullptr);
+  // What a memo keeps must give the same file type and cover type back.
+  if (!identity || !mimeType || !coverType || stream.mediaType != DmsMemo_MediaType(typeText(*mimeType))) {
+    return 0;
+  }
   Memo memo;
   memo.title = stream.title ? std::string_view(*stream.title) : std::string_view();
   const std::array<const std::optional<std::string>*, 3> texts = {&stream.artist, &stream.album, &stream.genre};
   uint8_t flags = memo.title.empty() ? 0 : kHasTitle;
   const bool picture = stream.mediaType == MediaType_Image && !stream.streamInfo.empty();
   if (picture) flags |= kIsPicture;
+  if (stream.streamInfo.empty()) flags |= kNoStreams;
   if (stream.date != 0) flags |= kHasDate;
-  if (stream.coverLength > 0) {
-    flags |= kHasCover;
-    const std::string_view type = stream.coverMimeType ? stream.coverMimeType : "";
-    while (memo.coverType < kCoverTypes.size() && kCoverTypes[memo.coverType] != type) memo.coverType += 1;
-    memo.coverType = memo.coverType < kCoverTypes.size() ? memo.coverType + 1 : 0;
-    if (memo.coverType == 0 && stream.coverMimeType) return 0;
-  }
+  if (stream.coverLength > 0) flags |= kHasCover;
   for (size_t index = 0; index < texts.size(); ++index) {
     if (!*texts[index]) continue;
     memo.texts[index] = sharedTexts.acquire(**texts[index]);
@@ -302,6 +325,7 @@ size_t DmsMemo_Encode(const MediaStream& stream, const struct stat& file, int64_
 
   MemoWriter writer(out);
   writer.byte(flags);
+  writer.byte(*mimeType);
   writer.number(static_cast<uint64_t>(file.st_size));
   writer.number(zigzag(identity->modificationDelta));
   writer.number(zigzag(identity->changeDelta));
@@ -316,7 +340,7 @@ size_t DmsMemo_Encode(const MediaStream& stream, const struct stat& file, int64_
     writer.number(stream.streamInfo[0].height);
   }
   if (flags & kHasCover) {
-    writer.byte(memo.coverType);
+    writer.byte(*coverType);
     writer.number(static_cast<uint64_t>(stream.coverOffset));
     writer.number(static_cast<uint64_t>(stream.coverLength));
   }
@@ -346,6 +370,8 @@ DmsItemFacts DmsMemo_Facts(const DmsObject* item, const struct stat& file) {
   const Memo memo = decode(DmsObject_Memo(item));
   DmsItemFacts facts;
   facts.recognised = true;
+  facts.mimeType = typeText(memo.mimeType);
+  facts.streams = !(memo.flags & kNoStreams);
   facts.size = static_cast<int64_t>(memo.size);
   facts.modificationTime = static_cast<int64_t>(file.st_mtime);
   facts.title = memo.title;
@@ -360,7 +386,7 @@ DmsItemFacts DmsMemo_Facts(const DmsObject* item, const struct stat& file) {
   facts.width = memo.width;
   facts.height = memo.height;
   if (memo.flags & kHasCover) {
-    facts.coverMimeType = memo.coverType ? kCoverTypes[memo.coverType - 1].data() : nullptr;
+    facts.coverMimeType = typeText(memo.coverType);
     facts.coverOffset = static_cast<int64_t>(memo.coverOffset);
     facts.coverLength = static_cast<int64_t>(memo.coverLength);
   }
@@ -379,4 +405,35 @@ void DmsMemo_Refresh(const DmsObject* item, const struct stat& file, const Media
   }
   DmsMemo_Release(bytes);
   std::memcpy(bytes, fresh, length);
+}
+
+bool DmsMemo_Content(const DmsObject* item, uint32_t save, uint32_t& textCount, DmsMemoContent& content) {
+  const uint8_t* bytes = DmsObject_Memo(item);
+  if (!bytes) return false;
+  const Memo memo = decode(bytes);
+  int64_t change = 0;
+  if (__builtin_add_overflow(memo.modificationDelta, memo.changeDelta, &change)) return false;
+  // Times from nanoseconds after the start of the item's second.
+  auto timeAfter = [item](int64_t nanoseconds) {
+    const int64_t seconds = nanoseconds / kNanosecondsPerSecond - (nanoseconds % kNanosecondsPerSecond < 0);
+    return timespec{static_cast<time_t>(item->modificationTime + seconds),
+                    static_cast<long>(nanoseconds - seconds * kNanosecondsPerSecond)};
+  };
+  content.size = static_cast<int64_t>(memo.size);
+  content.modification = timeAfter(memo.modificationDelta);
+  content.change = timeAfter(change);
+  struct stat file {};
+  file.st_mtim = content.modification;
+  content.facts = DmsMemo_Facts(item, file);
+  for (size_t index = 0; index < memo.texts.size(); ++index) {
+    auto* text = const_cast<SharedText*>(memo.texts[index]);
+    if (!text) continue;
+    content.firstUse[index] = text->save != save;
+    if (content.firstUse[index]) {
+      text->save = save;
+      text->number = textCount++;
+    }
+    content.textNumbers[index] = text->number;
+  }
+  return true;
 }

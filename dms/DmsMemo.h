@@ -11,6 +11,7 @@
 
 #include <sys/stat.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -23,12 +24,23 @@ struct DmsObject;
 // The largest memo an item keeps; a longer one (a very long title tag) is not kept.
 inline constexpr size_t DmsMemo_MaxSize = 255;
 
+// The MIME types a parse gives, of files and of the covers inside them: a
+// memo and the memo file keep a type as its position here.
+inline constexpr std::array<std::string_view, 15> DmsMemo_MimeTypes = {
+    "audio/mpeg", "audio/flac",       "audio/mp4",        "video/mp4",  "audio/webm",
+    "video/webm", "audio/x-matroska", "video/x-matroska", "audio/wave", "video/avi",
+    "image/jpeg", "image/png",        "image/gif",        "image/tiff", "image/bmp"};
+// The media type of a file of one of those types (0 for none, or a type no file has).
+int32_t DmsMemo_MediaType(const char* mimeType);
+
 // What an item's description and its cover transfer take from its file,
 // from a fresh parse or from the memo. The texts are views into the parsed
 // stream, which the facts hold, or into the memo: they are valid while the
 // content mutex stays held.
 struct DmsItemFacts {
   bool recognised = false;       // false: the file could not be opened or parsed
+  const char* mimeType = nullptr;  // what the parse found (the item keeps the scan's)
+  bool streams = false;          // the parse found a stream
   int64_t size = 0;              // of the file
   int64_t modificationTime = 0;  // seconds: the date of a file whose tags give none
   std::string_view title;        // empty: no title in the file
@@ -69,3 +81,18 @@ DmsItemFacts DmsMemo_Facts(const DmsObject* item, const struct stat& file);
 // Replaces the memo of `item` by one of `stream`, parsed from the regular
 // file `file`, when that is the item's file and the memo fits the item's block.
 void DmsMemo_Refresh(const DmsObject* item, const struct stat& file, const MediaStream& stream);
+
+// A memo as the memo file keeps it (DmsCache.h): the full identity of the
+// item's file and the facts. A save numbers the shared texts from 0 in the
+// order it meets them; each is written out where it is met first.
+struct DmsMemoContent {
+  int64_t size = 0;
+  timespec modification{};
+  timespec change{};
+  DmsItemFacts facts;                 // artist, album and genre as in the memo
+  std::array<uint32_t, 3> textNumbers{};  // of artist, album and genre, when present
+  std::array<bool, 3> firstUse{};         // the save meets that text here first
+};
+// The memo of `item` for the save numbered `save`, which has numbered
+// `textCount` texts so far; false when the item keeps no memo.
+bool DmsMemo_Content(const DmsObject* item, uint32_t save, uint32_t& textCount, DmsMemoContent& content);
