@@ -39,6 +39,9 @@ constexpr uint8_t kViewGenres = 32;
 
 constexpr char kUnknownGroup[] = "Unknown";
 
+// Bytes of the kernel's first read-ahead after a one-page read (four pages).
+constexpr off_t kSmallFile = 16384;
+
 // Group containers (one artist, album, genre or day) take ids 0.10001 on;
 // the counter is never reset, not even by a rescan.
 uint64_t lastGroupId = 10000;
@@ -160,6 +163,10 @@ bool scanFile(FolderChildren& children, DmsObject* folder, int dirFd, const char
   if (!stream) {
     UniqueFd file(::openat(dirFd, name, O_RDONLY | O_CLOEXEC));
     if (file.get() < 0) return changed;
+    // The parsers read headers here and there: no read-ahead beyond what
+    // they ask for. A small file costs the kernel's first read-ahead at most,
+    // as any look at it does, and is spared the call.
+    if (info.st_size > kSmallFile) ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_RANDOM);
     stream = MediaStream_new(file.get(), 0, static_cast<int64_t>(info.st_size), true);
   }
   const char* itemClass = DmsLibrary_ItemClass(stream.get());
