@@ -18,7 +18,7 @@ import time
 from pathlib import Path
 
 from benchlib import BUILD, REPO, dms_client, require_namespace, verdict
-from conftest import Process
+from conftest import Process, socket_inodes
 
 I386_BUILD = Path(os.environ.get("DMS_I386_BUILD_DIR", REPO / "build-i386"))
 ADDRESS_SPACE = 3 << 30  # bytes, as on the board
@@ -41,18 +41,6 @@ def status_field(pid, name):
         if line.startswith(name + ":"):
             return int(line.split()[1])
     raise RuntimeError(f"no {name}")
-
-
-def socket_inodes(pid):
-    inodes = set()
-    for fd in Path(f"/proc/{pid}/fd").iterdir():
-        try:
-            target = os.readlink(fd)
-        except OSError:  # closed meanwhile
-            continue
-        if target.startswith("socket:["):
-            inodes.add(target[8:-1])
-    return inodes
 
 
 def held_connections(pid, port):

@@ -28,6 +28,7 @@
 #include <utility>
 
 #include "base/UniqueFd.h"
+#include "base/Varint.h"
 #include "dms/DmsLibrary.h"
 #include "dms/DmsMemo.h"
 
@@ -60,9 +61,6 @@ uint8_t byteOrder() {
   std::memcpy(&first, &probe, 1);
   return first ? kLittleEndian : kBigEndian;
 }
-
-uint64_t zigzag(int64_t value) { return (static_cast<uint64_t>(value) << 1) ^ static_cast<uint64_t>(value >> 63); }
-int64_t unzigzag(uint64_t value) { return static_cast<int64_t>(value >> 1) ^ -static_cast<int64_t>(value & 1); }
 
 struct Fnv {
   uint64_t hash = 14695981039346656037ull;
@@ -112,13 +110,7 @@ class Reader {
   }
   uint64_t number() {
     uint64_t value = 0;
-    for (unsigned shift = 0; shift < 64; shift += 7) {
-      const uint8_t next = byte();
-      if (!ok_) return 0;
-      value |= static_cast<uint64_t>(next & 0x7f) << shift;
-      if (!(next & 0x80)) return value;
-    }
-    return fail();
+    return Varint_Decode(at_, end_, value) ? value : fail();
   }
   // A number no greater than `most`.
   uint64_t number(uint64_t most) {
@@ -179,9 +171,9 @@ bool readRecord(Reader& in, TextTable& texts, Record& record, bool collect) {
   record.id.high = in.number();
   record.id.low = in.number();
   record.size = static_cast<int64_t>(in.number(kInt64Max));
-  const int64_t modificationSeconds = unzigzag(in.number());
+  const int64_t modificationSeconds = Varint_Unzigzag(in.number());
   const auto modificationNanoseconds = static_cast<long>(in.number(kNanosecondsPerSecond - 1));
-  const uint64_t changeAfter = static_cast<uint64_t>(unzigzag(in.number()));
+  const uint64_t changeAfter = static_cast<uint64_t>(Varint_Unzigzag(in.number()));
   const auto changeNanoseconds = static_cast<long>(in.number(kNanosecondsPerSecond - 1));
   record.modification = {static_cast<time_t>(modificationSeconds), modificationNanoseconds};
   record.change = {static_cast<time_t>(static_cast<uint64_t>(modificationSeconds) + changeAfter), changeNanoseconds};
@@ -190,7 +182,7 @@ bool readRecord(Reader& in, TextTable& texts, Record& record, bool collect) {
   record.duration = static_cast<uint32_t>(in.number(UINT32_MAX));
   record.timescale = static_cast<uint32_t>(in.number(UINT32_MAX));
   if (record.flags & kHasDate) {
-    const int64_t date = unzigzag(in.number());
+    const int64_t date = Varint_Unzigzag(in.number());
     if (date < INT32_MIN || date > INT32_MAX) return false;
     record.date = static_cast<int32_t>(date);
   }
@@ -359,11 +351,8 @@ class Writer {
   }
   void byte(uint8_t value) { bytes(&value, 1); }
   void number(uint64_t value) {
-    uint8_t encoded[10];
-    size_t length = 0;
-    for (; value >= 0x80; value >>= 7) encoded[length++] = static_cast<uint8_t>(value | 0x80);
-    encoded[length++] = static_cast<uint8_t>(value);
-    bytes(encoded, length);
+    uint8_t encoded[Varint_MaxSize];
+    bytes(encoded, Varint_Encode(value, encoded));
   }
   void text(std::string_view text) {
     number(text.size());
@@ -419,16 +408,16 @@ void writeItem(Writer& out, const DmsObject* item, Counts& counts) {
   out.number(item->id.high);
   out.number(item->id.low);
   out.number(static_cast<uint64_t>(memo.size));
-  out.number(zigzag(memo.modification.tv_sec));
+  out.number(Varint_Zigzag(memo.modification.tv_sec));
   out.number(static_cast<uint64_t>(memo.modification.tv_nsec));
-  out.number(zigzag(static_cast<int64_t>(static_cast<uint64_t>(memo.change.tv_sec) -
+  out.number(Varint_Zigzag(static_cast<int64_t>(static_cast<uint64_t>(memo.change.tv_sec) -
                                          static_cast<uint64_t>(memo.modification.tv_sec))));
   out.number(static_cast<uint64_t>(memo.change.tv_nsec));
   out.number(type);
   out.byte(flags);
   out.number(facts.duration);
   out.number(facts.timescale);
-  if (flags & kHasDate) out.number(zigzag(facts.date));
+  if (flags & kHasDate) out.number(Varint_Zigzag(facts.date));
   if (facts.picture) {
     out.number(facts.width);
     out.number(facts.height);

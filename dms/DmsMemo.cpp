@@ -10,6 +10,7 @@
 #include <memory>
 #include <new>
 
+#include "base/Varint.h"
 #include "dms/DmsObject.h"
 
 namespace {
@@ -129,9 +130,6 @@ struct Memo {
 
 constexpr std::array<uint8_t, 3> kTextFlags = {kHasArtist, kHasAlbum, kHasGenre};
 
-uint64_t zigzag(int64_t value) { return (static_cast<uint64_t>(value) << 1) ^ static_cast<uint64_t>(value >> 63); }
-int64_t unzigzag(uint64_t value) { return static_cast<int64_t>(value >> 1) ^ -static_cast<int64_t>(value & 1); }
-
 class MemoWriter {
  public:
   explicit MemoWriter(uint8_t* out) : out_(out) {}
@@ -140,8 +138,8 @@ class MemoWriter {
     used_ += 1;
   }
   void number(uint64_t value) {
-    for (; value >= 0x80; value >>= 7) byte(static_cast<uint8_t>(value | 0x80));
-    byte(static_cast<uint8_t>(value));
+    uint8_t encoded[Varint_MaxSize];
+    bytes(encoded, Varint_Encode(value, encoded));
   }
   void bytes(const void* data, size_t count) {
     if (used_ + count <= DmsMemo_MaxSize) std::memcpy(out_ + used_, data, count);
@@ -155,17 +153,15 @@ class MemoWriter {
   size_t used_ = 0;
 };
 
+// Reads a memo this process wrote: the reads need no checks.
 class MemoReader {
  public:
   explicit MemoReader(const uint8_t* memo) : at_(memo) {}
   uint8_t byte() { return *at_++; }
   uint64_t number() {
     uint64_t value = 0;
-    for (unsigned shift = 0;; shift += 7) {
-      const uint8_t next = byte();
-      value |= static_cast<uint64_t>(next & 0x7f) << shift;
-      if (!(next & 0x80)) return value;
-    }
+    Varint_Decode(at_, at_ + Varint_MaxSize, value);
+    return value;
   }
   const uint8_t* take(size_t count) {
     const uint8_t* start = at_;
@@ -183,8 +179,8 @@ Memo decode(const uint8_t* bytes) {
   memo.flags = reader.byte();
   memo.mimeType = reader.byte();
   memo.size = reader.number();
-  memo.modificationDelta = unzigzag(reader.number());
-  memo.changeDelta = unzigzag(reader.number());
+  memo.modificationDelta = Varint_Unzigzag(reader.number());
+  memo.changeDelta = Varint_Unzigzag(reader.number());
   memo.duration = static_cast<uint32_t>(reader.number());
   memo.timescale = static_cast<uint32_t>(reader.number());
   if (memo.flags & kHasDate) {
@@ -327,8 +323,8 @@ size_t DmsMemo_Encode(const MediaStream& stream, const struct stat& file, int64_
   writer.byte(flags);
   writer.byte(*mimeType);
   writer.number(static_cast<uint64_t>(file.st_size));
-  writer.number(zigzag(identity->modificationDelta));
-  writer.number(zigzag(identity->changeDelta));
+  writer.number(Varint_Zigzag(identity->modificationDelta));
+  writer.number(Varint_Zigzag(identity->changeDelta));
   writer.number(stream.duration);
   writer.number(stream.timescale);
   if (flags & kHasDate) {

@@ -24,8 +24,8 @@ def pytest_configure(config):
             "system tests start servers that multicast: run them through tools/netns-run")
 
 
-def listening_tcp_ports(pid):
-    # The TCP ports on which process `pid` listens (IPv4).
+def socket_inodes(pid):
+    # The inodes of the sockets process `pid` holds.
     inodes = set()
     for fd in Path(f"/proc/{pid}/fd").iterdir():
         try:
@@ -34,6 +34,12 @@ def listening_tcp_ports(pid):
             continue
         if target.startswith("socket:["):
             inodes.add(target[8:-1])
+    return inodes
+
+
+def listening_tcp_ports(pid):
+    # The TCP ports on which process `pid` listens (IPv4).
+    inodes = socket_inodes(pid)
     rows = [line.split() for line in Path("/proc/net/tcp").read_text().splitlines()[1:]]
     return sorted(int(row[1].split(":")[1], 16) for row in rows if row[3] == "0A" and row[9] in inodes)
 
