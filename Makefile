@@ -13,7 +13,7 @@ I386_NATIVE := $(shell /lib/ld-linux.so.2 --version >/dev/null 2>&1 && echo yes)
 I386_RUN    := $(if $(I386_NATIVE),,qemu-i386)
 PACKAGE_ARCHES := amd64 $(CROSS_ARCHES)
 
-.PHONY: all build asan run check coverage deps build-deps fuzz bench clean cross package \
+.PHONY: all build asan run check coverage deps build-deps fuzz bench bench-quick clean cross package \
         $(CROSS_ARCHES:%=cross-%) $(PACKAGE_ARCHES:%=package-%)
 
 all: build
@@ -54,6 +54,7 @@ ifeq ($(I386_NATIVE),yes)
 else
 	@echo "-- i386 system tests skipped: this kernel cannot start 32-bit x86 programs"
 endif
+	$(MAKE) bench-quick
 
 # 32-bit builds for the board, build-i386/ and build-armhf/: every unit test
 # and fuzz-corpus replay runs in both, the i386 build natively, the armhf
@@ -89,13 +90,14 @@ coverage:
 	  $(foreach dir,$(COV_DIRS),--filter '$(CURDIR)/$(dir)/') \
 	  --exclude-throw-branches --print-summary --output $(COV_BUILD)/coverage.txt
 
-# Speed and memory benchmarks: builds every bench/*.cpp in the normal and the
-# i386 build and runs each one in both on generated files under /tmp (or
-# BENCH_DIR); then runs every bench/*_bench.py, which start the server (and
-# nginx) on 127.0.0.1, inside a private network namespace. Targets are
-# reported, never asserted.
+# Speed and memory benchmarks: installs the tools that make real media files,
+# builds every bench/*.cpp in the normal and the i386 build and runs each one
+# in both on generated files under /tmp (or BENCH_DIR); then runs every
+# bench/*_bench.py, which start the server (and nginx) inside a private
+# network namespace. Targets are reported, never asserted.
 BENCH_DIR ?= /tmp
 bench:
+	tools/install-deps bench
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 	cmake --build $(BUILD) -j $(JOBS) --target bench
 	cmake -S . -B build-i386 -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-i386.cmake \
@@ -108,8 +110,21 @@ bench:
 	  $(I386_RUN) build-i386/$$name $(BENCH_DIR) || exit 1; \
 	done
 	@for script in bench/*_bench.py; do \
-	  DMS_BUILD_DIR=$(CURDIR)/$(BUILD) tools/netns-run /usr/bin/python3 $$script || exit 1; \
+	  DMS_BUILD_DIR=$(CURDIR)/$(BUILD) BENCH_DIR=$(BENCH_DIR) tools/netns-run /usr/bin/python3 $$script || exit 1; \
 	done
+
+# Every benchmark once in its quick mode, on a few byte-built files, figures
+# not looked at: part of `make check`, so that no benchmark breaks unseen.
+bench-quick:
+	cmake --build $(BUILD) -j $(JOBS) --target bench
+	@for src in bench/*.cpp; do \
+	  $(BUILD)/$$(basename $$src .cpp) --quick $(BENCH_DIR) >/dev/null || exit 1; \
+	done
+	@for script in bench/*_bench.py; do \
+	  DMS_BUILD_DIR=$(CURDIR)/$(BUILD) BENCH_DIR=$(BENCH_DIR) \
+	    tools/netns-run /usr/bin/python3 $$script --quick >/dev/null || exit 1; \
+	done
+	@echo "-- every benchmark ran in its quick mode"
 
 # Coverage-guided fuzzing with libFuzzer (clang): FUZZ_SECONDS per harness,
 # FUZZ_JOBS harnesses at a time; each corpus grows, then is minimised. The

@@ -1,9 +1,11 @@
-// Process entry: reads the settings from dmsConfig beside the executable,
-// runs the media server until SIGINT or SIGTERM, and stops it again.
+// Process entry: reads the settings from dmsConfig beside the executable
+// (and the cache directory from the environment), runs the media server
+// until SIGINT or SIGTERM, and stops it again.
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -48,6 +50,8 @@ int main() {
 
   constexpr uint16_t kAnyPort = 0;
   const uint32_t flags = kDmsFlagSsdp | (clientCompatibility ? kDmsFlagClientCompatibility : 0);
+  // The one setting taken from the environment: where systemd's CacheDirectory= lies.
+  DMS_SetCacheDirectory(std::getenv("CACHE_DIRECTORY"));
   if (DMS_Open(textOrNull(deviceName), textOrNull(manufacturer), textOrNull(modelName), textOrNull(modelNumber),
                textOrNull(modelDescription), textOrNull(path), refreshInterval, kAnyPort, flags)) {
     while (running) ::sleep(1);

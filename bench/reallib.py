@@ -1,13 +1,15 @@
 """Media files made by the real tools, for the benchmarks: lame and flac
 encode a generated tone (with tags and a cover), ffmpeg muxes M4A, MP4, MKV
 and an MP3 without its Info frame, ImageMagick draws a JPEG and a PNG and
-exiftool dates the JPEG. Only the tools that are installed are used; the
-benchmarks fill in every other format with the byte-built files."""
+exiftool dates the JPEG. Only the tools that are installed are used; every
+other format is filled in with the byte-built demo files. `library` lays
+copies of them out as the benchmarks' library."""
 import math
 import shutil
 import struct
 import subprocess
 import wave
+from collections import namedtuple
 from pathlib import Path
 
 TAGS = {"title": "Real Song", "artist": "Real Artist", "album": "Real Album", "genre": "Rock", "date": "2021"}
@@ -82,3 +84,40 @@ def make(folder):
                 made[extension] = out
     tone.unlink()
     return made
+
+
+EXTENSIONS = (".mp3", ".m4a", ".mp4", ".mkv", ".flac", ".wav", ".jpg", ".png", ".gif", ".tif", ".avi", ".mov")
+AUDIO = (".mp3", ".m4a", ".flac", ".wav")
+OTHERS = tuple(e for e in EXTENSIONS if e not in AUDIO)
+# A folder of files of every format, album folders of audio files up to
+# `audio_files` in All Music, and folders of pictures and videos up to `files`.
+Shape = namedtuple("Shape", "files folder_files audio_files")
+FULL = Shape(10000, 1000, 7000)
+QUICK = Shape(60, 24, 40)
+
+
+def library(root, build, shape, real=True):
+    """Writes the library under root/media; returns the mixed folder and the
+    extensions of the real files in it. The byte-built files alone when the
+    shape is QUICK."""
+    demo = root / "demo"
+    subprocess.run([str(build / "dms-mkdemo"), str(demo)], check=True, stdout=subprocess.DEVNULL)
+    sources = {p.suffix.lower(): p for p in sorted(demo.rglob("*")) if p.suffix.lower() in EXTENSIONS}
+    made = make(root / "real") if real and shape != QUICK else {}
+    sources.update(made)
+    media = root / "media"
+    folder = media / "Thousand"
+    folder.mkdir(parents=True)
+    for index in range(shape.folder_files):
+        source = sources[EXTENSIONS[index % len(EXTENSIONS)]]
+        shutil.copyfile(source, folder / f"item {index:04d}{source.suffix}")
+    audio = sum(EXTENSIONS[i % len(EXTENSIONS)] in AUDIO for i in range(shape.folder_files))
+    others = shape.files - shape.folder_files - (shape.audio_files - audio)
+    for kinds, count, folders in ((AUDIO, shape.audio_files - audio, "Albums/Album"), (OTHERS, others, "Sets/Set")):
+        for index in range(count):
+            target = media / f"{folders} {index // 100:03d}"
+            target.mkdir(parents=True, exist_ok=True)
+            source = sources[kinds[index % len(kinds)]]
+            shutil.copyfile(source, target / f"{index % 100:02d} File {index:05d}{source.suffix}")
+    shutil.rmtree(demo)
+    return folder, sorted(made)

@@ -4,8 +4,6 @@
 // listing early instead of producing an inconsistent page.
 #include "dms/DmsBrowse.h"
 
-#include <fcntl.h>
-
 #include <cassert>
 #include <cinttypes>
 #include <cstdio>
@@ -163,7 +161,7 @@ void sendChildren(ChunkStream& chunks, BrowseRequest& browse, const char* host, 
   std::string page, carried;
   page.reserve(2 * kPageSpace);
   std::optional<DmsObjectId> resume;  // the next child to send, after the first page
-  UniqueFd folder;                    // a file-system container, opened once for all its items
+  DmsDidlFolders folders;             // the items' folders, each opened once
   bool more = true;
   while (more && (browse.requestedCount == 0 || counts.numberReturned < browse.requestedCount)) {
     page.clear();
@@ -180,16 +178,12 @@ void sendChildren(ChunkStream& chunks, BrowseRequest& browse, const char* host, 
         if (!child || child->parent != container) return;
       } else {
         for (uint32_t position = 0; child && position < browse.startingIndex; ++position) child = child->nextSibling;
-        if (DmsObject_IsFolder(container)) {
-          const std::string path = DmsObject_GetPath(container);
-          if (!path.empty()) folder.reset(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-        }
       }
       for (; child; child = child->nextSibling) {
         if (browse.requestedCount != 0 && counts.numberReturned >= browse.requestedCount) break;
         const size_t before = page.size();
         if (carried.empty()) {
-          DmsDidl_AppendObject(page, child, host, port, browse.filter, folder.get());
+          DmsDidl_AppendObject(page, child, host, port, browse.filter, &folders);
         } else {
           page += carried;
           carried.clear();

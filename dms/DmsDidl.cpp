@@ -1,6 +1,6 @@
 // Renders containers, items and references as DIDL-Lite elements. Each item
-// is parsed again from its file, so titles, tags, durations, resolutions and
-// covers always reflect the file as it is now.
+// is described as its file is now: from the item's memo while an lstat finds
+// the file unchanged, else from a fresh parse of it.
 #include "dms/DmsDidl.h"
 
 #include <fcntl.h>
@@ -13,9 +13,10 @@
 #include <ctime>
 #include <optional>
 
+#include "base/UniqueFd.h"
+#include "dms/DmsMemo.h"
 #include "dms/DmsObject.h"
 #include "dms/DmsServerState.h"
-#include "media/MediaStream.h"
 #include "upnp/UPnPDevice.h"
 
 namespace {
@@ -34,21 +35,9 @@ constexpr FilterToken kFilterTokens[] = {
     {"@refID,", DmsFilter_RefId},         {"@childCount,", DmsFilter_ChildCount},
 };
 
-// What an item's rendering takes from a fresh parse of its file: the
-// stream itself (its texts are escaped straight into the output) and the
-// file's size and modification time.
-struct ItemFacts {
-  MediaStreamPtr stream;  // null: the file could not be opened or recognised
-  int64_t size = 0;
-  int64_t modificationTime = 0;
-
-  bool hasThumbnail() const { return stream && stream->coverLength > 0; }
-  int64_t date() const { return !stream ? 0 : stream->date ? stream->date : modificationTime; }
-};
-
 // Opens the item's file: by name in its folder when the caller holds that
 // folder open, by full path otherwise. The open refuses a symbolic link and
-// never waits on a FIFO; readItemFacts then rejects anything not regular.
+// never waits on a FIFO; parseItem then rejects anything not regular.
 int openItem(const DmsObject* target, int folderFd) {
   constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   if (folderFd >= 0) return target->title().empty() ? -1 : ::openat(folderFd, target->title().c_str(), kFlags);
@@ -56,27 +45,40 @@ int openItem(const DmsObject* target, int folderFd) {
   return path.empty() ? -1 : ::open(path.c_str(), kFlags);
 }
 
-ItemFacts readItemFacts(const DmsObject* target, int folderFd) {
-  ItemFacts facts;
-  const int fd = openItem(target, folderFd);
-  if (fd < 0) return facts;
+// The lstat of the item's file, found as openItem finds it.
+bool statItem(const DmsObject* target, int folderFd, struct stat& info) {
+  if (target->title().empty()) return false;
+  if (folderFd >= 0) return ::fstatat(folderFd, target->title().c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0;
+  const std::string path = DmsObject_GetPath(target);
+  return !path.empty() && ::lstat(path.c_str(), &info) == 0;
+}
+
+// A fresh parse of the item's file, which refreshes its memo.
+DmsItemFacts parseItem(const DmsObject* target, int folderFd) {
   struct stat info {};
-  if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
-    facts.size = static_cast<int64_t>(info.st_size);
-    facts.modificationTime = static_cast<int64_t>(info.st_mtime);
-    facts.stream = MediaStream_new(fd, 0, facts.size, true);
-  }
-  ::close(fd);
+  const UniqueFd fd(openItem(target, folderFd));
+  if (!fd.valid() || ::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) return {};
+  DmsItemFacts facts = DmsItemFacts_Parsed(MediaStream_new(fd.get(), 0, static_cast<int64_t>(info.st_size), true), info);
+  if (facts.parsed) DmsMemo_Refresh(target, info, *facts.parsed);
   return facts;
+}
+
+// The item as its file is now: from its memo while the file is unchanged.
+DmsItemFacts readItemFacts(const DmsObject* target, int folderFd) {
+  struct stat info {};
+  if (target->kind == DmsKind_Item && statItem(target, folderFd, info) && DmsMemo_Matches(target, info)) {
+    return DmsMemo_Facts(target, info);
+  }
+  return parseItem(target, folderFd);
 }
 
 // Appends the text doubly escaped.
 void appendEscaped(std::string& out, std::string_view text) { XML_AppendEscaped(out, text, true); }
 
 // The title from the file's tags, or else the object's title without its extension.
-void appendItemTitle(std::string& out, const DmsObject* target, const ItemFacts& facts) {
-  if (facts.stream && facts.stream->title && !facts.stream->title->empty()) {
-    appendEscaped(out, *facts.stream->title);
+void appendItemTitle(std::string& out, const DmsObject* target, const DmsItemFacts& facts) {
+  if (!facts.title.empty()) {
+    appendEscaped(out, facts.title);
     return;
   }
   const std::string_view title = target->title();
@@ -109,7 +111,7 @@ void appendUrl(std::string& out, const char* host, uint16_t port, const char* pa
   appendId(out, id);
 }
 
-void appendTag(std::string& out, const char* name, const std::optional<std::string>& value, bool wanted) {
+void appendTag(std::string& out, const char* name, const std::optional<std::string_view>& value, bool wanted) {
   if (!wanted || !value) return;
   out += "&lt;";
   out += name;
@@ -146,20 +148,18 @@ void appendDuration(std::string& out, uint32_t duration, uint32_t timescale) {
 
 // The media `res` element (duration or resolution first), and for items with
 // a cover a second one pointing at the thumbnail.
-void appendResources(std::string& out, const DmsObject* target, const ItemFacts& facts, const char* host,
+void appendResources(std::string& out, const DmsObject* target, const DmsItemFacts& facts, const char* host,
                      uint16_t port, bool image) {
-  const MediaStream& stream = *facts.stream;
   const char* mime = target->mimeType ? target->mimeType : (image ? "image/*" : "*");
   out += "&lt;res ";
   if (image) {
-    const bool picture = stream.mediaType == MediaType_Image && !stream.streamInfo.empty();
     out += "resolution=\"";
-    appendNumber(out, picture ? stream.streamInfo[0].width : 0);
+    appendNumber(out, facts.width);
     out += 'x';
-    appendNumber(out, picture ? stream.streamInfo[0].height : 0);
+    appendNumber(out, facts.height);
     out += '"';
   } else {
-    appendDuration(out, stream.duration, stream.timescale);
+    appendDuration(out, facts.duration, facts.timescale);
   }
   out += " size=\"";
   appendNumber(out, facts.size);
@@ -174,20 +174,18 @@ void appendResources(std::string& out, const DmsObject* target, const ItemFacts&
   out += "&lt;/res&gt;";
 }
 
-void renderItemBody(std::string& out, const DmsObject* target, const ItemFacts& facts, const char* host,
+void renderItemBody(std::string& out, const DmsObject* target, const DmsItemFacts& facts, const char* host,
                     uint16_t port, uint32_t filter) {
-  if (const MediaStream* stream = facts.stream.get()) {
-    appendTag(out, "upnp:artist", stream->artist, filter & DmsFilter_Artist);
-    appendTag(out, "upnp:album", stream->album, filter & DmsFilter_Album);
-    appendTag(out, "upnp:genre", stream->genre, filter & DmsFilter_Genre);
-  }
+  appendTag(out, "upnp:artist", facts.artist, filter & DmsFilter_Artist);
+  appendTag(out, "upnp:album", facts.album, filter & DmsFilter_Album);
+  appendTag(out, "upnp:genre", facts.genre, filter & DmsFilter_Genre);
   if (target->kind != DmsKind_Item) return;
 
   const bool image = target->upnpClass() == dlnaMediaClasses[DmsClass_ImageItem];
   const bool audioVideo = target->upnpClass() == dlnaMediaClasses[DmsClass_AudioItem] ||
                           target->upnpClass() == dlnaMediaClasses[DmsClass_VideoItem];
-  if (image && facts.date() != 0 && (filter & DmsFilter_Date)) {
-    const time_t date = static_cast<time_t>(facts.date());
+  if (image && facts.shownDate() != 0 && (filter & DmsFilter_Date)) {
+    const time_t date = static_cast<time_t>(facts.shownDate());
     struct tm day {};
     char text[64];
     if (gmtime_r(&date, &day) && std::strftime(text, sizeof text, "&lt;dc:date&gt;%Y-%m-%d&lt;/dc:date&gt;", &day)) {
@@ -199,7 +197,9 @@ void renderItemBody(std::string& out, const DmsObject* target, const ItemFacts& 
     appendUrl(out, host, port, "/thumbnail/", target->id);
     out += "&lt;/upnp:albumArtURI&gt;";
   }
-  if (facts.stream && (image || audioVideo) && (filter & DmsFilter_Res)) appendResources(out, target, facts, host, port, image);
+  if (facts.recognised && (image || audioVideo) && (filter & DmsFilter_Res)) {
+    appendResources(out, target, facts, host, port, image);
+  }
 }
 
 }  // namespace
@@ -222,15 +222,34 @@ std::string DmsDidl_Escape(std::string_view text) {
   return out;
 }
 
+DmsDidlFolders::~DmsDidlFolders() {
+  for (size_t index = 0; index < count_; ++index) {
+    if (folders_[index].fd >= 0) ::close(folders_[index].fd);
+  }
+}
+
+int DmsDidlFolders::descriptor(const DmsObject* folder) {
+  if (!folder || !DmsObject_IsFolder(folder)) return -1;
+  if (last_ < count_ && folders_[last_].id == folder->id) return folders_[last_].fd;
+  for (size_t index = 0; index < count_; ++index) {
+    if (folders_[index].id == folder->id) return folders_[last_ = index].fd;
+  }
+  if (count_ == kMaxFolders) return -1;
+  const std::string path = DmsObject_GetPath(folder);
+  const int fd = path.empty() ? -1 : ::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  folders_[last_ = count_++] = {folder->id, fd};
+  return fd;
+}
+
 std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint16_t port, uint32_t filter,
-                                 int folderFd) {
+                                 DmsDidlFolders* folders) {
   std::string out;
-  DmsDidl_AppendObject(out, object, host, port, filter, folderFd);
+  DmsDidl_AppendObject(out, object, host, port, filter, folders);
   return out;
 }
 
 void DmsDidl_AppendObject(std::string& out, const DmsObject* object, const char* host, uint16_t port,
-                          uint32_t filter, int folderFd) {
+                          uint32_t filter, DmsDidlFolders* folders) {
   assert(DmsContent_Guarded());
   if (!object) return;
   const bool container = object->kind == DmsKind_Container;
@@ -264,9 +283,8 @@ void DmsDidl_AppendObject(std::string& out, const DmsObject* object, const char*
     else appendEscaped(out, object->title());
     out += "&lt;/dc:title&gt;";
   } else {
-    // A reference's item lives in another folder than the reference.
     const DmsObject* target = object->kind == DmsKind_Reference && object->item ? object->item : object;
-    const ItemFacts facts = readItemFacts(target, target == object ? folderFd : -1);
+    const DmsItemFacts facts = readItemFacts(target, folders ? folders->descriptor(target->parent) : -1);
     appendItemTitle(out, target, facts);
     out += "&lt;/dc:title&gt;";
     renderItemBody(out, target, facts, host, port, filter);

@@ -21,6 +21,8 @@
 
 #include "base/Text.h"
 #include "base/UniqueFd.h"
+#include "dms/DmsCache.h"
+#include "dms/DmsMemo.h"
 #include "dms/DmsServerState.h"
 #include "media/MediaStream.h"
 
@@ -38,6 +40,9 @@ constexpr uint8_t kViewMoments = 16;
 constexpr uint8_t kViewGenres = 32;
 
 constexpr char kUnknownGroup[] = "Unknown";
+
+// Bytes of the kernel's first read-ahead after a one-page read (four pages).
+constexpr off_t kSmallFile = 16384;
 
 // Group containers (one artist, album, genre or day) take ids 0.10001 on;
 // the counter is never reset, not even by a rescan.
@@ -60,14 +65,15 @@ class FolderChildren {
  public:
   explicit FolderChildren(DmsObject* folder) : folder_(folder) {}
 
-  // Creates an entry of the folder at its sorted place.
-  DmsObject* add(DmsObjectId id, const char* name, const char* upnpClass, DmsObjectKind kind) {
+  // Creates an entry of the folder at its sorted place, an item with its memo.
+  DmsObject* add(DmsObjectId id, const char* name, const char* upnpClass, DmsObjectKind kind,
+                 const uint8_t* memo = nullptr, uint8_t memoSize = 0) {
     gather();
     const auto at = std::lower_bound(children_.begin(), children_.end(), name, [](const DmsObject* child, const char* key) {
       return strcasecmp(child->title().c_str(), key) < 0;
     });
-    DmsObject* object =
-        DmsObject_New(id, name, upnpClass, kind, folder_, at == children_.begin() ? nullptr : *(at - 1));
+    DmsObject* object = DmsObject_New(id, name, upnpClass, kind, folder_, at == children_.begin() ? nullptr : *(at - 1),
+                                      memo, memoSize);
     if (object) children_.insert(at, object);
     return object;
   }
@@ -154,14 +160,24 @@ bool scanFile(FolderChildren& children, DmsObject* folder, int dirFd, const char
     changed = true;
   }
 
-  UniqueFd file(::openat(dirFd, name, O_RDONLY | O_CLOEXEC));
-  if (file.get() < 0) return changed;
-  MediaStreamPtr stream = MediaStream_new(file.get(), 0, static_cast<int64_t>(info.st_size), true);
+  // A file whose memo was kept across a restart is not opened.
+  MediaStreamPtr stream = DmsCache_Take(id, info);
+  if (!stream) {
+    UniqueFd file(::openat(dirFd, name, O_RDONLY | O_CLOEXEC));
+    if (file.get() < 0) return changed;
+    // The parsers read headers here and there: no read-ahead beyond what
+    // they ask for. A small file costs the kernel's first read-ahead at most,
+    // as any look at it does, and is spared the call.
+    if (info.st_size > kSmallFile) ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_RANDOM);
+    stream = MediaStream_new(file.get(), 0, static_cast<int64_t>(info.st_size), true);
+  }
   const char* itemClass = DmsLibrary_ItemClass(stream.get());
   if (!itemClass) return changed;
+  uint8_t memo[DmsMemo_MaxSize];
+  const size_t memoSize = DmsMemo_Encode(*stream, info, static_cast<int64_t>(info.st_mtime), memo);
   if (stream->date == 0) stream->date = static_cast<int32_t>(info.st_mtime);
 
-  DmsObject* item = children.add(id, name, itemClass, DmsKind_Item);
+  DmsObject* item = children.add(id, name, itemClass, DmsKind_Item, memo, static_cast<uint8_t>(memoSize));
   if (!item) return changed;
   item->mimeType = stream->mimeType;
   item->modificationTime = static_cast<int64_t>(info.st_mtime);

@@ -14,6 +14,7 @@
 #include <new>
 #include <vector>
 
+#include "dms/DmsMemo.h"
 #include "dms/DmsServerState.h"
 
 const std::array<const char*, DmsClass_Count> dlnaMediaClasses = {
@@ -89,8 +90,9 @@ class ObjectPool {
   static constexpr size_t kGranule = alignof(DmsObject);
   static_assert(kGranule >= alignof(FreeBlock) && kGranule >= alignof(Slab) && sizeof(DmsObject) >= sizeof(FreeBlock));
   static constexpr size_t kSlabBytes = 32768;
-  // A file name is at most 255 bytes; longer titles (a configured path) are rare.
-  static constexpr size_t kLargestPooled = sizeof(DmsObject) + 256;
+  // A file name is at most 255 bytes, and its memo as many; longer titles (a
+  // configured path) are rare.
+  static constexpr size_t kLargestPooled = sizeof(DmsObject) + 256 + DmsMemo_MaxSize;
 
   static constexpr size_t kSlabHeader = (sizeof(Slab) + kGranule - 1) / kGranule * kGranule;
 
@@ -189,8 +191,10 @@ uint8_t classIndex(const char* upnpClass) {
   return DmsClass_None;
 }
 
-// The object and its title share one block.
-size_t blockSize(const char* title) { return sizeof(DmsObject) + (title && title[0] ? std::strlen(title) + 1 : 0); }
+// The object, its title and an item's memo share one block.
+size_t blockSize(const char* title, size_t memoSize) {
+  return sizeof(DmsObject) + (title && title[0] ? std::strlen(title) + 1 : 0) + memoSize;
+}
 
 // Unlinks `target` from the singly linked list that starts at `head` and
 // continues through `link`; false when it was not in the list.
@@ -220,7 +224,8 @@ void freeObject(DmsObject* object) {
     parent->childCount -= 1;
     parent->updateId += 1;
   }
-  const size_t bytes = blockSize(object->title().c_str());
+  const size_t bytes = blockSize(object->title().c_str(), object->memoSize);
+  if (object->memoSize > 0) DmsMemo_Release(DmsObject_Memo(object));
   object->~DmsObject();
   pool.release(object, bytes);
 }
@@ -252,16 +257,24 @@ bool DmsObject_IsFolder(const DmsObject* object) {
 }
 
 DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClass, DmsObjectKind kind,
-                         DmsObject* parent, DmsObject* after) {
+                         DmsObject* parent, DmsObject* after, const uint8_t* memo, uint8_t memoSize) {
   assert(DmsContent_Guarded());
   assert(!after || after->parent == parent);
-  const size_t bytes = blockSize(title);
+  assert(memoSize == 0 || kind == DmsKind_Item);
+  const size_t bytes = blockSize(title, memoSize);
   void* block = pool.allocate(bytes);
-  if (!block) return nullptr;
+  if (!block) {
+    if (memoSize > 0) DmsMemo_Release(memo);
+    return nullptr;
+  }
   auto* object = new (block) DmsObject;
-  if (bytes > sizeof(DmsObject)) {
-    std::memcpy(object + 1, title, bytes - sizeof(DmsObject));
+  if (bytes > sizeof(DmsObject) + memoSize) {
+    std::memcpy(object + 1, title, bytes - sizeof(DmsObject) - memoSize);
     object->hasTitle = true;
+  }
+  if (memoSize > 0) {
+    object->memoSize = memoSize;
+    std::memcpy(DmsObject_Memo(object), memo, memoSize);
   }
   object->id = id;
   object->mediaClass = classIndex(upnpClass);
@@ -296,6 +309,13 @@ bool DmsObject_ChildrenConsistent(const DmsObject* container) {
     if (child->parent != container) return false;
   }
   return count == (container->childCount < 0 ? 0 : container->childCount);
+}
+
+uint8_t* DmsObject_Memo(const DmsObject* object) {
+  if (object->memoSize == 0) return nullptr;
+  // The block is the tree's: the object is const only to those who read it.
+  auto* block = reinterpret_cast<uint8_t*>(const_cast<DmsObject*>(object) + 1);
+  return object->hasTitle ? block + object->title().size() + 1 : block;
 }
 
 void DmsObject_Free(DmsObjectId id) {

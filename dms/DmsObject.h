@@ -77,6 +77,7 @@ struct DmsObject {
   DmsObjectKind kind = DmsKind_Container;
   uint8_t mediaClass = DmsClass_None;
   bool hasTitle = false;  // the title's text follows the object
+  uint8_t memoSize = 0;   // items: bytes of memo after the title (DmsMemo.h)
   int32_t pass = 0;       // scan pass in which the object was last seen
 
   union {
@@ -100,9 +101,15 @@ struct DmsObject {
 };
 
 // Creates an object and links it into `parent` after `after` (at the head of
-// the children when `after` is null). Null when memory runs out.
+// the children when `after` is null). Null when memory runs out. An item's
+// `memo` of `memoSize` bytes is kept in the object's block, which owns the
+// shared texts it counts from then on (they are given back at once when the
+// object cannot be made).
 DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClass, DmsObjectKind kind,
-                         DmsObject* parent, DmsObject* after);
+                         DmsObject* parent, DmsObject* after, const uint8_t* memo = nullptr, uint8_t memoSize = 0);
+// The memo bytes of an item, or null when it keeps none. They belong to the
+// tree's block of the object and are rewritten under the content mutex.
+uint8_t* DmsObject_Memo(const DmsObject* object);
 // True for an object that stands for a folder of the media directory: a
 // storage folder, or the storage volume that is the directory itself.
 bool DmsObject_IsFolder(const DmsObject* object);

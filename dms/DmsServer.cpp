@@ -20,6 +20,7 @@
 #include <thread>
 #include <utility>
 
+#include "dms/DmsCache.h"
 #include "dms/DmsDevice.h"
 #include "dms/DmsLibrary.h"
 #include "dms/DmsObject.h"
@@ -65,6 +66,8 @@ constexpr std::array<FixedContainer, 14> kFixedContainers = {{
 
 struct ServerState {
   std::atomic<bool> open{false};
+  std::string cacheDirectory;  // empty: no memo file
+  std::string mediaPath;       // as published
   std::thread refreshThread;
   std::mutex sleepMutex;  // only for waking the refresh thread on close
   std::condition_variable wake;
@@ -141,11 +144,15 @@ void refreshSleep(Duration duration) {
 
 // One scan step whenever the content mutex is free: 20 ms apart while a pass
 // is unfinished, then the refresh interval in 5-second waits before the next.
+// With a cache directory, the memo file is loaded before the first pass and
+// saved at the end of each pass.
 void refreshLoop() {
   ServerState& s = state();
   int32_t pass = 0;
   uint32_t waited = 0;
   int lastResult = 0;
+  const bool cached = !s.cacheDirectory.empty();
+  if (cached) DmsCache_Load(s.cacheDirectory, s.mediaPath);
   while (s.open) {
     if (lastResult == 1 && waited <= DmsServer_Info().refreshInterval) {
       waited += kRefreshWaitStep;
@@ -157,6 +164,10 @@ void refreshLoop() {
         int64_t spent = 0;
         DmsObject* folder = DmsObject_Find(DmsId_MediaDirectory);
         lastResult = folder ? DmsLibrary_Scan(folder, pass, &spent) : 1;
+        if (lastResult == 1 && cached) {
+          DmsCache_Unload();
+          DmsCache_Save(s.cacheDirectory, s.mediaPath, lock);
+        }
       }
     }
     if (lastResult != 0) refreshSleep(kIdleSleep);
@@ -164,9 +175,15 @@ void refreshLoop() {
   }
   std::lock_guard lock(DmsServer_ContentMutex());
   freeTree();
+  DmsCache_Unload();
 }
 
 }  // namespace
+
+void DMS_SetCacheDirectory(const char* directory) {
+  const std::string_view list = directory ? directory : "";
+  state().cacheDirectory = std::string(list.substr(0, list.find(':')));
+}
 
 int DMS_Open(const char* friendlyName, const char* manufacturer, const char* modelName, const char* modelNumber,
              const char* modelDescription, const char* path, uint16_t refreshInterval, uint16_t httpPort,
@@ -184,6 +201,7 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
   info.startTime = static_cast<int64_t>(::time(nullptr));
   info.refreshInterval = refreshInterval < kMinimumRefreshInterval ? kMinimumRefreshInterval : refreshInterval;
   info.clientCompatibility = (flags & kDmsFlagClientCompatibility) != 0;
+  s.mediaPath = path ? path : "/";
   DmsServer_SetInfo(std::move(info));
   const DmsServerInfo& stored = DmsServer_Info();
 

@@ -14,10 +14,11 @@
 #include <mutex>
 #include <string_view>
 
+#include "base/UniqueFd.h"
+#include "dms/DmsMemo.h"
 #include "dms/DmsObject.h"
 #include "dms/DmsServerState.h"
 #include "http/HTTPRequest.h"
-#include "media/MediaStream.h"
 
 namespace {
 
@@ -56,6 +57,8 @@ void answerMedia(HTTPResponse* response, const DmsObject* item, const char* mode
   response->extraHeaders = image ? kInteractiveHeaders : kStreamingHeaders;
 }
 
+// The cover of the item's file as it is now: from the item's memo while an
+// lstat finds the file unchanged, else from a fresh parse of it.
 void answerThumbnail(HTTPResponse* response, const DmsObject* item, const char* mode) {
   if (!transferModeAccepted(mode, "Interactive")) {
     response->status = "406 Not Acceptable";
@@ -64,15 +67,20 @@ void answerThumbnail(HTTPResponse* response, const DmsObject* item, const char* 
   const std::string path = DmsObject_GetPath(item);
   struct stat info {};
   if (path.empty() || ::lstat(path.c_str(), &info) != 0) return;
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return;
-  MediaStreamPtr stream = MediaStream_new(fd, 0, static_cast<int64_t>(info.st_size), true);
-  ::close(fd);
-  if (!stream || stream->coverLength <= 0) return;
+  DmsItemFacts facts;
+  if (DmsMemo_Matches(item, info)) {
+    facts = DmsMemo_Facts(item, info);
+  } else {
+    const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) return;
+    facts = DmsItemFacts_Parsed(MediaStream_new(fd.get(), 0, static_cast<int64_t>(info.st_size), true), info);
+    if (facts.parsed) DmsMemo_Refresh(item, info, *facts.parsed);
+  }
+  if (!facts.hasThumbnail()) return;
   response->filePath = path;
-  response->fileOffset = stream->coverOffset;
-  response->fileLength = stream->coverLength;
-  response->contentType = stream->coverMimeType;
+  response->fileOffset = facts.coverOffset;
+  response->fileLength = facts.coverLength;
+  response->contentType = facts.coverMimeType;
   response->extraHeaders = kThumbnailHeaders;
 }
 

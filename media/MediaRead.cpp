@@ -19,8 +19,13 @@ namespace {
 // While a window is open, the readers and MediaSeek of that thread serve the
 // descriptor from one read-ahead buffer filled with pread: the parsers read
 // in small pieces, and a system call per piece would cost far more than the
-// parsing itself. Outside a window they go to the kernel.
+// parsing itself. Outside a window they go to the kernel. A fill where the
+// parser begins or lands after a seek takes one page, where a header lies;
+// each fill that carries on from the one before takes twice as much, up to
+// the whole buffer: a file costs the device reads its headers need, not a
+// read-ahead window (the scan tells the kernel not to add one of its own).
 constexpr size_t kReadWindowSize = 16384;
+constexpr size_t kFirstFill = 4096;
 
 struct ReadWindow {
   int fd = -1;
@@ -75,8 +80,10 @@ bool windowRead(ReadWindow& window, unsigned char* out, size_t count) {
     }
     // A piece larger than the window goes straight into the destination.
     const bool direct = count - done >= kReadWindowSize;
+    const bool carriesOn = window.filled > 0 && at == end;
+    const size_t fill = carriesOn ? std::min(2 * window.filled, kReadWindowSize) : kFirstFill;
     const ssize_t n = direct ? readAt(window.fd, out + done, count - done, at)
-                             : readAt(window.fd, window.data.data(), kReadWindowSize, at);
+                             : readAt(window.fd, window.data.data(), std::max(fill, count - done), at);
     if (n <= 0) return false;
     if (direct) {
       done += static_cast<size_t>(n);

@@ -24,8 +24,8 @@ def pytest_configure(config):
             "system tests start servers that multicast: run them through tools/netns-run")
 
 
-def listening_tcp_ports(pid):
-    # The TCP ports on which process `pid` listens (IPv4).
+def socket_inodes(pid):
+    # The inodes of the sockets process `pid` holds.
     inodes = set()
     for fd in Path(f"/proc/{pid}/fd").iterdir():
         try:
@@ -34,6 +34,12 @@ def listening_tcp_ports(pid):
             continue
         if target.startswith("socket:["):
             inodes.add(target[8:-1])
+    return inodes
+
+
+def listening_tcp_ports(pid):
+    # The TCP ports on which process `pid` listens (IPv4).
+    inodes = socket_inodes(pid)
     rows = [line.split() for line in Path("/proc/net/tcp").read_text().splitlines()[1:]]
     return sorted(int(row[1].split(":")[1], 16) for row in rows if row[3] == "0A" and row[9] in inodes)
 
@@ -41,9 +47,9 @@ def listening_tcp_ports(pid):
 class Process:
     # A program started for a test; stop() returns (stdout, exit status).
 
-    def __init__(self, argv, cwd):
+    def __init__(self, argv, cwd, env=None):
         self.popen = subprocess.Popen(argv, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                      stdin=subprocess.DEVNULL)
+                                      stdin=subprocess.DEVNULL, env=env and {**os.environ, **env})
         self.result = None
 
     @property
@@ -97,7 +103,7 @@ def process(tmp_path):
 class Dms(Process):
     # A copy of the server in its own folder, with `dmsConfig` beside it.
 
-    def __init__(self, folder, config):
+    def __init__(self, folder, config, env=None):
         folder.mkdir(parents=True, exist_ok=True)
         exe = folder / "dms"
         shutil.copy2(BUILD / "dms", exe)
@@ -105,7 +111,7 @@ class Dms(Process):
             (folder / "dmsConfig").write_bytes(config.encode() if isinstance(config, str) else config)
         self.folder = folder
         self.port = None
-        super().__init__([str(exe)], cwd=folder)
+        super().__init__([str(exe)], cwd=folder, env=env)
 
     def wait_ready(self, timeout=10.0):
         self.port = self.wait_port(timeout)
@@ -117,8 +123,8 @@ def dms(tmp_path):
     # Starts the server: dms(config_text or None); config None writes no file.
     started = []
 
-    def start(config=None, folder=None):
-        server = Dms(folder or tmp_path / f"server{len(started)}", config)
+    def start(config=None, folder=None, env=None):
+        server = Dms(folder or tmp_path / f"server{len(started)}", config, env)
         started.append(server)
         return server
 

@@ -364,3 +364,59 @@ def test_gupnp_av_parses_every_browse_result_like_our_client(library):
     items = [o for b in ours.values() for o in b["objects"] if "childCount" not in o]
     assert {o["class"].split(".")[2] for o in items} >= {"audioItem", "videoItem", "imageItem"}
     assert all(o["res"][0]["uri"].startswith(f"http://{host}:{port}/mediaitem/") for o in items)
+
+
+def id3_mp3(audio, title, cover):
+    # An MP3 file: an ID3v2.3 tag with a title and a cover, then `audio`'s frames.
+    def frame(name, data):
+        return name + len(data).to_bytes(4, "big") + b"\0\0" + data
+    frames = frame(b"TIT2", b"\0" + title.encode()) + frame(b"APIC", b"\0image/jpeg\0\3\0" + cover)
+    size = bytes(len(frames) >> shift & 0x7F for shift in (21, 14, 7, 0))
+    return b"ID3\3\0\0" + size + frames + audio
+
+
+def test_changed_files_are_described_as_they_are_now(dms, tmp_path):
+    # Between the scan and the next rescan an item is described from its file
+    # as it is now, in its folder, in the views and in both transfers.
+    demo, media = tmp_path / "demo", tmp_path / "media"
+    subprocess.run([str(BUILD / "dms-mkdemo"), str(demo)], check=True)
+    tagged = (demo / "Music/Demo Artist/Demo Album/01 Demo Song.mp3").read_bytes()
+    audio = tagged[10 + sum(b << (21 - 7 * i) for i, b in enumerate(tagged[6:10])):]
+    before = id3_mp3(audio, "Alpha", b"\xff\xd8old cover")
+
+    def same_size(path):
+        times = path.stat()
+        path.write_bytes(id3_mp3(audio, "Omega", b"\xff\xd8new cover"))
+        os.utime(path, ns=(times.st_atime_ns, times.st_mtime_ns))
+
+    def replace(path):
+        path.with_suffix(".new").write_bytes(id3_mp3(audio, "Replacement", b"\xff\xd8other"))
+        os.replace(path.with_suffix(".new"), path)
+
+    cases = [  # file, change after the scan, title and cover afterwards (None: gone)
+        ("unchanged.mp3", None, "Alpha", b"\xff\xd8old cover"),
+        ("tags.mp3", lambda p: p.write_bytes(id3_mp3(audio, "Longer title", b"\xff\xd8bigger cover")),
+         "Longer title", b"\xff\xd8bigger cover"),
+        ("same size.mp3", same_size, "Omega", b"\xff\xd8new cover"),
+        ("replaced.mp3", replace, "Replacement", b"\xff\xd8other"),
+        ("removed.mp3", os.remove, "removed", None),
+    ]
+    media.mkdir()
+    for name, *_ in cases:
+        (media / name).write_bytes(before)
+    port = dms(f'path = "{media}"\nrefreshInterval = "600"\n').wait_ready()
+    deadline = time.monotonic() + 10
+    while browse(port, "0.10")[3] < len(cases) and time.monotonic() < deadline:
+        time.sleep(0.1)
+    ids = {name: f"{(media / name).stat().st_dev + 1}.{(media / name).stat().st_ino}" for name, *_ in cases}
+    for name, change, *_ in cases:
+        if change:
+            change(media / name)
+    for listing in (browse(port, "0.1")[1], browse(port, "0.10")[1]):
+        for name, _, title, cover in cases:
+            [item] = [o for o in listing if ids[name] in (o["id"], o.get("refID"))]
+            file = media / name
+            sizes = [r["size"] for r in item.get("res", []) if "size" in r]
+            assert (item["dc:title"], sizes) == (title, [str(file.stat().st_size)] if cover else []), name
+            media_reply, thumbnail = get(port, f"/mediaitem/{ids[name]}"), get(port, f"/thumbnail/{ids[name]}")
+            assert (media_reply.body, thumbnail.body) == ((file.read_bytes(), cover) if cover else (b"", b"")), name

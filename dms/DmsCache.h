@@ -1,0 +1,39 @@
+// The memo file: the items' memos kept across restarts in the cache directory
+// that the environment names, so that after a restart the scan lists a file
+// whose identity matches its memo without opening it. The file is loaded
+// before the first scan pass and written back, atomically, at the end of a
+// pass after which it would read otherwise. A file that fails any check
+// (format, word size, byte order, published path, a count, length or offset
+// beyond its bytes, the checksum) is treated as absent.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <mutex>
+#include <string>
+
+#include "dms/DmsObject.h"
+#include "dms/DmsServerState.h"
+#include "media/MediaStream.h"
+
+// The name of the memo file in the cache directory, and of the file a save
+// writes before it takes that name.
+inline constexpr char DmsCache_FileName[] = "dms.memo";
+inline constexpr char DmsCache_NewFileName[] = "dms.memo.new";
+
+// Loads the memo file of `directory` when it was written for the library
+// published at `publishedPath` by a build of this format, word size and byte
+// order. Without a usable file nothing is loaded.
+void DmsCache_Load(const std::string& directory, const std::string& publishedPath);
+// The stream the loaded memo of the item `id` gives when it was made from the
+// file that `file` (its lstat) describes; null otherwise.
+MediaStreamPtr DmsCache_Take(DmsObjectId id, const struct stat& file);
+// Forgets what was loaded: the first pass is over.
+void DmsCache_Unload();
+
+// Writes the memos of the tree under the media-directory container to the
+// memo file of `directory` when the file would read otherwise than the one
+// loaded or last written. Called with the content mutex held by `lock`; the
+// file is written under it, and flushed to the device and renamed after the
+// lock is released. A failure leaves the previous file as it was.
+void DmsCache_Save(const std::string& directory, const std::string& publishedPath, std::unique_lock<DmsContentMutex>& lock);

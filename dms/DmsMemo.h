@@ -1,0 +1,98 @@
+// The memo of an item: what describing it in Browse and serving its cover take
+// from a parse of its file, kept in the item's own block together with the
+// identity of the file it was parsed from (size, modification and
+// status-change times in nanoseconds; device and inode are the item's id).
+// While an lstat of the file still gives that identity, the item is described
+// from its memo without opening the file; otherwise the file is parsed again
+// and the memo refreshed. Texts that many items share (artist, album, genre)
+// are kept once, counted by the memos that use them. Everything here runs
+// under the content mutex.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "media/MediaStream.h"
+
+struct DmsObject;
+
+// The largest memo an item keeps; a longer one (a very long title tag) is not kept.
+inline constexpr size_t DmsMemo_MaxSize = 255;
+
+// The MIME types a parse gives, of files and of the covers inside them: a
+// memo and the memo file keep a type as its position here.
+inline constexpr std::array<std::string_view, 15> DmsMemo_MimeTypes = {
+    "audio/mpeg", "audio/flac",       "audio/mp4",        "video/mp4",  "audio/webm",
+    "video/webm", "audio/x-matroska", "video/x-matroska", "audio/wave", "video/avi",
+    "image/jpeg", "image/png",        "image/gif",        "image/tiff", "image/bmp"};
+// The media type of a file of one of those types (0 for none, or a type no file has).
+int32_t DmsMemo_MediaType(const char* mimeType);
+
+// What an item's description and its cover transfer take from its file,
+// from a fresh parse or from the memo. The texts are views into the parsed
+// stream, which the facts hold, or into the memo: they are valid while the
+// content mutex stays held.
+struct DmsItemFacts {
+  bool recognised = false;       // false: the file could not be opened or parsed
+  const char* mimeType = nullptr;  // what the parse found (the item keeps the scan's)
+  bool streams = false;          // the parse found a stream
+  int64_t size = 0;              // of the file
+  int64_t modificationTime = 0;  // seconds: the date of a file whose tags give none
+  std::string_view title;        // empty: no title in the file
+  std::optional<std::string_view> artist, album, genre;
+  uint32_t duration = 0;
+  uint32_t timescale = 0;
+  int32_t date = 0;              // 0: unknown
+  bool picture = false;          // an image with a stream; width and height are of its first one
+  uint16_t width = 0;
+  uint16_t height = 0;
+  const char* coverMimeType = nullptr;  // static text
+  int64_t coverOffset = 0;
+  int64_t coverLength = 0;       // 0: no cover
+  MediaStreamPtr parsed;         // the stream the texts point into, after a parse
+
+  bool hasThumbnail() const { return recognised && coverLength > 0; }
+  // The date to show: the file's own, else its modification time.
+  int64_t shownDate() const { return !recognised ? 0 : date ? date : modificationTime; }
+};
+
+// The facts of `stream` (null: not recognised), parsed from the file `file`.
+DmsItemFacts DmsItemFacts_Parsed(MediaStreamPtr stream, const struct stat& file);
+
+// Writes the memo of `stream`, parsed from the file `file`, for an item whose
+// modification time is `itemSeconds`, into `out`. Returns its length; 0 when
+// it would not fit `DmsMemo_MaxSize` bytes or memory ran out. The shared
+// texts it names are counted until DmsMemo_Release.
+size_t DmsMemo_Encode(const MediaStream& stream, const struct stat& file, int64_t itemSeconds,
+                      uint8_t out[DmsMemo_MaxSize]);
+// Gives back the shared texts of a memo that goes.
+void DmsMemo_Release(const uint8_t* memo);
+
+// True when `item` has a memo made from the file that `file`, an lstat of its
+// path, describes.
+bool DmsMemo_Matches(const DmsObject* item, const struct stat& file);
+// The facts kept in the memo of `item`, which matches `file`.
+DmsItemFacts DmsMemo_Facts(const DmsObject* item, const struct stat& file);
+// Replaces the memo of `item` by one of `stream`, parsed from the regular
+// file `file`, when that is the item's file and the memo fits the item's block.
+void DmsMemo_Refresh(const DmsObject* item, const struct stat& file, const MediaStream& stream);
+
+// A memo as the memo file keeps it (DmsCache.h): the full identity of the
+// item's file and the facts. A save numbers the shared texts from 0 in the
+// order it meets them; each is written out where it is met first.
+struct DmsMemoContent {
+  int64_t size = 0;
+  timespec modification{};
+  timespec change{};
+  DmsItemFacts facts;                 // artist, album and genre as in the memo
+  std::array<uint32_t, 3> textNumbers{};  // of artist, album and genre, when present
+  std::array<bool, 3> firstUse{};         // the save meets that text here first
+};
+// The memo of `item` for the save numbered `save`, which has numbered
+// `textCount` texts so far; false when the item keeps no memo.
+bool DmsMemo_Content(const DmsObject* item, uint32_t save, uint32_t& textCount, DmsMemoContent& content);
