@@ -71,7 +71,8 @@ void answerThumbnail(HTTPResponse* response, const DmsObject* item, const char* 
   if (DmsMemo_Matches(item, info)) {
     facts = DmsMemo_Facts(item, info);
   } else {
-    const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    // A FIFO in the file's place must not hold the content mutex: open without waiting.
+    const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!fd.valid()) return;
     facts = DmsItemFacts_Parsed(MediaStream_new(fd.get(), 0, static_cast<int64_t>(info.st_size), true), info);
     if (facts.parsed) DmsMemo_Refresh(item, info, *facts.parsed);

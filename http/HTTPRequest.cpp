@@ -231,9 +231,12 @@ struct ReplyPlan {
 // Resolves the request's byte range against the response's file region.
 void PlanFileReply(const HTTPRequest& request, HTTPResponse& response, ReplyPlan& plan) {
   plan.contentLength = 0;
-  UniqueFd file(open(response.filePath->c_str(), O_RDONLY | O_LARGEFILE | O_CLOEXEC));
+  // Opened without waiting, so that a FIFO put in a file's place is refused
+  // like any other file that is not regular instead of holding the thread.
+  UniqueFd file(open(response.filePath->c_str(), O_RDONLY | O_LARGEFILE | O_NONBLOCK | O_CLOEXEC));
   struct stat info;
   if (!file.valid() || fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) return;
+  fcntl(file.get(), F_SETFL, O_RDONLY | O_LARGEFILE);
 
   int64_t size = info.st_size;
   int64_t offset = std::max<int64_t>(response.fileOffset, 0);

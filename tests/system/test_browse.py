@@ -400,6 +400,7 @@ def test_changed_files_are_described_as_they_are_now(dms, tmp_path):
         ("same size.mp3", same_size, "Omega", b"\xff\xd8new cover"),
         ("replaced.mp3", replace, "Replacement", b"\xff\xd8other"),
         ("removed.mp3", os.remove, "removed", None),
+        ("fifo.mp3", lambda p: (os.remove(p), os.mkfifo(p)), "fifo", None),  # refused, never waited on
     ]
     media.mkdir()
     for name, *_ in cases:
