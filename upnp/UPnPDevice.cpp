@@ -229,17 +229,13 @@ void CheckInterfaces(UPnPDevice* device) {
 }
 
 // Every 200 ms tick; the interface checks fall on ticks 19, 39, ... 239 of a
-// counter that wraps at 256, so they are 4 s apart with one 7.2 s gap. Ticks
-// are kept on a fixed schedule, so that the time a tick's work takes (engines
-// replaced, events sent) does not shift the later ones; a stall longer than
-// a tick is not made up in a burst.
+// counter that wraps at 256, so they are 4 s apart with one 7.2 s gap. The
+// sleep follows each tick's work, so a long delivery pass leaves the
+// subscriptions that waited for it a full tick to join the next one.
 void DeviceThread(UPnPDevice* device) {
   unsigned counter = 0;
-  auto tick = std::chrono::steady_clock::now();
   while (device->running) {
-    tick += kTick;
-    std::this_thread::sleep_until(tick);
-    tick = std::max(tick, std::chrono::steady_clock::now() - kTick);
+    std::this_thread::sleep_for(kTick);
     counter = (counter + 1) & kTickMask;
     GENA_DeliverEvents(device);
     if (counter % kInterfaceCheckEvery == kInterfaceCheckTick) CheckInterfaces(device);
