@@ -62,9 +62,15 @@ struct SSDP {
     sendto(socket.get(), message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
   }
 
+  // A datagram without memory to build it is not sent.
   void Sweep(const char* nts) const {
     sockaddr_in group = GroupAddress();
-    for (const std::string& type : types) SendTo(SSDP_MakeMessage(fields, type, nts), group);
+    for (const std::string& type : types) {
+      try {
+        SendTo(SSDP_MakeMessage(fields, type, nts), group);
+      } catch (const std::bad_alloc&) {
+      }
+    }
   }
 
   void ReceiveOne() const {
@@ -74,11 +80,15 @@ struct SSDP {
     ssize_t received =
         recvfrom(socket.get(), buffer, kDatagramSize - 1, 0, reinterpret_cast<sockaddr*>(&from), &fromLength);
     if (received <= 0) return;
-    std::optional<std::vector<std::string>> answers =
-        SSDP_Answers(types, fields, std::string_view(buffer, static_cast<size_t>(received)), from, fromLength);
-    if (!answers) return;
-    usleep(kAnswerPauseUs);
-    for (const std::string& answer : *answers) SendTo(answer, from);
+    // A search without memory for its answers goes unanswered.
+    try {
+      std::optional<std::vector<std::string>> answers =
+          SSDP_Answers(types, fields, std::string_view(buffer, static_cast<size_t>(received)), from, fromLength);
+      if (!answers) return;
+      usleep(kAnswerPauseUs);
+      for (const std::string& answer : *answers) SendTo(answer, from);
+    } catch (const std::bad_alloc&) {
+    }
   }
 
   void Run() {
