@@ -13,7 +13,7 @@ I386_NATIVE := $(shell /lib/ld-linux.so.2 --version >/dev/null 2>&1 && echo yes)
 I386_RUN    := $(if $(I386_NATIVE),,qemu-i386)
 PACKAGE_ARCHES := amd64 $(CROSS_ARCHES)
 
-.PHONY: all build asan run check coverage deps build-deps fuzz bench bench-quick clean cross package \
+.PHONY: all build asan alloc-failures run check coverage deps build-deps fuzz bench bench-quick clean cross package \
         $(CROSS_ARCHES:%=cross-%) $(PACKAGE_ARCHES:%=package-%)
 
 all: build
@@ -22,9 +22,20 @@ build:
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 	cmake --build $(BUILD) -j $(JOBS)
 
+# The sanitizer build is also the failure-injection build: its executables
+# carry the allocator of tests/inject, inert unless a test arms it.
 asan:
-	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DDMS_SANITIZE=ON >/dev/null
+	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DDMS_SANITIZE=ON -DDMS_ALLOC_FAILURES=ON >/dev/null
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
+
+# Every allocation of the scripted session failed in turn, in both modes
+# (`make check` runs a sample of them): tests/system/test_alloc_failures.py.
+ALLOC_JOBS ?= 6
+alloc-failures: asan
+	tools/netns-run env DMS_BUILD_DIR=$(CURDIR)/$(ASAN_BUILD) DMS_ALLOC_FAILURES=1 DMS_ALLOC_SWEEP=full \
+	  DMS_ALLOC_JOBS=$(ALLOC_JOBS) ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 /usr/bin/python3 -m pytest -q -s -p no:cacheprovider \
+	  --basetemp=$(CURDIR)/$(ASAN_BUILD)/alloc-failures tests/system/test_alloc_failures.py
 
 # Installs the build tools when missing, builds, writes a demo library and a
 # dmsConfig on first use, and runs the server in the foreground inside a

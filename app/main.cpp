@@ -1,11 +1,15 @@
 // Process entry: reads the settings from dmsConfig beside the executable
 // (and the cache directory from the environment), runs the media server
 // until SIGINT or SIGTERM, and stops it again.
+#include <pthread.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -25,40 +29,78 @@ const char* textOrNull(const std::optional<std::string>& value) { return value ?
 // What the C library prints for a missing %s argument.
 const char* label(const std::optional<std::string>& value) { return value ? value->c_str() : "(null)"; }
 
+// Stack of the server's long-lived threads (scan, device, accept, SSDP),
+// which run on the default attributes; connection threads choose their own.
+// The C library's default is the stack limit, 8 MiB each on Linux, which
+// under the board's address-space limits left no room for the library.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr size_t kThreadStackBytes = size_t{2} << 20;
+#else
+constexpr size_t kThreadStackBytes = size_t{512} << 10;
+#endif
+
+void useSmallThreadStacks() {
+  pthread_attr_t attributes;
+  if (pthread_attr_init(&attributes) != 0) return;
+  if (pthread_attr_setstacksize(&attributes, kThreadStackBytes) == 0) pthread_setattr_default_np(&attributes);
+  pthread_attr_destroy(&attributes);
+}
+
+// The settings main passes on; every text may be missing.
+struct Settings {
+  std::optional<std::string> path, deviceName, manufacturer, modelName, modelNumber, modelDescription;
+  uint16_t refreshInterval = 0;
+  bool clientCompatibility = false;
+};
+
+// False when memory ran out while the file was read: the server then does
+// not start, rather than start on defaults (which would publish "/").
+bool readSettings(Settings& settings) {
+  try {
+    settings.path = getDMSInfo("path");
+    settings.deviceName = getDMSInfo("deviceName");
+    settings.manufacturer = getDMSInfo("manufacturer");
+    settings.modelName = getDMSInfo("dmsModelName");
+    settings.modelNumber = getDMSInfo("modelNumber");
+    settings.modelDescription = getDMSInfo("modelDescription");
+    // A missing value counts as 0, which the server raises to its minimum.
+    const auto interval = getDMSInfo("refreshInterval");
+    settings.refreshInterval = static_cast<uint16_t>(Text_ReadInt(interval ? *interval : std::string_view()));
+    // Only "on" exactly: anything else leaves the server as designed.
+    settings.clientCompatibility = getDMSInfo("clientCompatibility") == "on";
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
 }  // namespace
 
 int main() {
-  const auto path = getDMSInfo("path");
-  const auto deviceName = getDMSInfo("deviceName");
-  const auto manufacturer = getDMSInfo("manufacturer");
-  const auto modelName = getDMSInfo("dmsModelName");
-  const auto modelNumber = getDMSInfo("modelNumber");
-  const auto modelDescription = getDMSInfo("modelDescription");
-  // A missing value counts as 0, which the server raises to its minimum.
-  const auto interval = getDMSInfo("refreshInterval");
-  const auto refreshInterval = static_cast<uint16_t>(Text_ReadInt(interval ? *interval : std::string_view()));
-  // Only "on" exactly: anything else leaves the server as designed.
-  const bool clientCompatibility = getDMSInfo("clientCompatibility") == "on";
+  Settings settings;
+  const bool configured = readSettings(settings);
 
-  std::printf("\n[%s] running\n\n", label(modelDescription));
+  std::printf("\n[%s] running\n\n", label(settings.modelDescription));
   std::fflush(stdout);
 
   running = 1;
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGINT, onStopSignal);
   std::signal(SIGTERM, onStopSignal);
+  useSmallThreadStacks();
 
   constexpr uint16_t kAnyPort = 0;
-  const uint32_t flags = kDmsFlagSsdp | (clientCompatibility ? kDmsFlagClientCompatibility : 0);
+  const uint32_t flags = kDmsFlagSsdp | (settings.clientCompatibility ? kDmsFlagClientCompatibility : 0);
   // The one setting taken from the environment: where systemd's CacheDirectory= lies.
-  DMS_SetCacheDirectory(std::getenv("CACHE_DIRECTORY"));
-  if (DMS_Open(textOrNull(deviceName), textOrNull(manufacturer), textOrNull(modelName), textOrNull(modelNumber),
-               textOrNull(modelDescription), textOrNull(path), refreshInterval, kAnyPort, flags)) {
+  if (configured && DMS_SetCacheDirectory(std::getenv("CACHE_DIRECTORY")) &&
+      DMS_Open(textOrNull(settings.deviceName), textOrNull(settings.manufacturer), textOrNull(settings.modelName),
+               textOrNull(settings.modelNumber), textOrNull(settings.modelDescription), textOrNull(settings.path),
+               settings.refreshInterval, kAnyPort, flags)) {
     while (running) ::sleep(1);
   }
   DMS_Close();
 
-  std::printf("\n[%s] stopped\n\n", label(modelDescription));
+  std::printf("\n[%s] stopped\n\n", label(settings.modelDescription));
   std::fflush(stdout);
   DMSInfo_Release();
   return 0;

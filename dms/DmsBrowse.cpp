@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <string>
 
@@ -88,6 +89,7 @@ bool writeHeader(HTTPRequest* request, HTTPResponse* response) {
   response->extraHeaders =
       "EXT:\r\nServer: " + std::string(UPnP_OsToken()) + " UPnP/1.0 " + info.modelName + "/" + info.modelNumber + "\r\n";
   const std::string header = HTTPResponse_MakeChunkedHeader(response);
+  response->handled = true;
   if (HTTPRequest_WriteData(request, header.data(), header.size())) return true;
   response->keepAlive = false;
   return false;
@@ -217,14 +219,15 @@ bool DmsHttp_WriteChunk(HTTPRequest* request, HTTPResponse* response, std::strin
   return false;
 }
 
-void DmsBrowse_Browse(HTTPRequest* request, const char* serviceType, const char* actionName,
-                      const UPnPArgValue* args, int32_t count, HTTPResponse* response) {
+namespace {
+
+void browseOrThrow(HTTPRequest* request, const char* serviceType, const char* actionName, const UPnPArgValue* args,
+                   int32_t count, HTTPResponse* response) {
   BrowseRequest browse;
   if (!parseArguments(args, count, browse)) {
     answerFault(response);
     return;
   }
-  response->handled = true;
   // The reply is written as it is rendered, in a chunk per page; corked,
   // the pages leave in full segments instead of one segment each.
   const HTTPRequest_CorkScope cork(request);
@@ -271,5 +274,19 @@ void DmsBrowse_Browse(HTTPRequest* request, const char* serviceType, const char*
                                {nullptr, nullptr, 0}};
   if (chunks.add(envelopePart(serviceType, actionName, tail, false)) && chunks.flush()) {
     DmsHttp_WriteChunk(request, response, {});
+  }
+}
+
+}  // namespace
+
+void DmsBrowse_Browse(HTTPRequest* request, const char* serviceType, const char* actionName,
+                      const UPnPArgValue* args, int32_t count, HTTPResponse* response) {
+  try {
+    browseOrThrow(request, serviceType, actionName, args, count, response);
+  } catch (const std::bad_alloc&) {
+    // Out of memory before the reply began, the Browse fails as any other
+    // does; after, the reply cannot be finished and the connection ends.
+    if (!response->handled) answerFault(response);
+    else response->keepAlive = false;
   }
 }

@@ -468,8 +468,11 @@ uint64_t writeFile(Writer& out, const std::string& publishedPath) {
 void DmsCache_Load(const std::string& directory, const std::string& publishedPath) {
   DmsCache_Unload();
   knownChecksum = 0;
-  if (std::optional<Mapping> bytes = readFile(directory + "/" + DmsCache_FileName)) {
-    index(std::move(*bytes), publishedPath);
+  try {
+    if (std::optional<Mapping> bytes = readFile(directory + "/" + DmsCache_FileName)) {
+      index(std::move(*bytes), publishedPath);
+    }
+  } catch (const std::bad_alloc&) {  // without memory to read it, no file
   }
 }
 
@@ -499,8 +502,13 @@ void DmsCache_Save(const std::string& directory, const std::string& publishedPat
   Writer measure(-1);
   if (writeFile(measure, publishedPath) == knownChecksum) return;
 
-  const std::string path = directory + "/" + DmsCache_FileName;
-  const std::string next = directory + "/" + DmsCache_NewFileName;
+  std::string path, next;
+  try {
+    path = directory + "/" + DmsCache_FileName;
+    next = directory + "/" + DmsCache_NewFileName;
+  } catch (const std::bad_alloc&) {  // the previous file stays
+    return;
+  }
   UniqueFd fd(::open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
   if (!fd.valid()) return;
   Writer out(fd.get());

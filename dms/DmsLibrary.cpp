@@ -14,11 +14,14 @@
 #include <array>
 #include <cassert>
 #include <chrono>
+#include <climits>
 #include <ctime>
+#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "base/MemoryReserve.h"
 #include "base/Text.h"
 #include "base/UniqueFd.h"
 #include "dms/DmsCache.h"
@@ -44,6 +47,14 @@ constexpr char kUnknownGroup[] = "Unknown";
 // Bytes of the kernel's first read-ahead after a one-page read (four pages).
 constexpr off_t kSmallFile = 16384;
 
+// The modification time of an item that is filed in only some of its views
+// (memory ran out on the way): no file has it, so the next pass files the
+// item again.
+constexpr int64_t kRefileTime = INT64_MIN;
+
+// The views of a top container (Music, Videos, Pictures) at most.
+constexpr size_t kMaxViews = 4;
+
 // Group containers (one artist, album, genre or day) take ids 0.10001 on;
 // the counter is never reset, not even by a rescan.
 uint64_t lastGroupId = 10000;
@@ -65,10 +76,18 @@ class FolderChildren {
  public:
   explicit FolderChildren(DmsObject* folder) : folder_(folder) {}
 
-  // Creates an entry of the folder at its sorted place, an item with its memo.
+  // Creates an entry of the folder at its sorted place, an item with its
+  // memo. Null when memory runs out for the object; std::bad_alloc, before
+  // anything changed, when it runs out for the list.
   DmsObject* add(DmsObjectId id, const char* name, const char* upnpClass, DmsObjectKind kind,
                  const uint8_t* memo = nullptr, uint8_t memoSize = 0) {
-    gather();
+    try {
+      gather();
+      if (children_.size() == children_.capacity()) children_.reserve(2 * children_.size() + 1);
+    } catch (const std::bad_alloc&) {
+      if (memoSize > 0) DmsMemo_Release(memo);  // the memo's texts go with it, as in DmsObject_New
+      throw;
+    }
     const auto at = std::lower_bound(children_.begin(), children_.end(), name, [](const DmsObject* child, const char* key) {
       return strcasecmp(child->title().c_str(), key) < 0;
     });
@@ -86,10 +105,13 @@ class FolderChildren {
   }
 
  private:
+  // Either every child is in the list or the list is not used.
   void gather() {
     if (gathered_) return;
+    std::vector<DmsObject*> all;
+    for (DmsObject* child = folder_->firstChild; child; child = child->nextSibling) all.push_back(child);
+    children_ = std::move(all);
     gathered_ = true;
-    for (DmsObject* child = folder_->firstChild; child; child = child->nextSibling) children_.push_back(child);
   }
 
   DmsObject* folder_;
@@ -151,7 +173,10 @@ bool scanFile(FolderChildren& children, DmsObject* folder, int dirFd, const char
   if (DmsObject* existing = DmsObject_Find(id)) {
     // A hard link stays where it was first seen.
     if (existing->parent != folder || existing->kind != DmsKind_Item) return false;
-    if (existing->modificationTime == static_cast<int64_t>(info.st_mtime) && existing->title() == name) {
+    // While memory is short a changed file keeps its entry until a pass
+    // can read it again.
+    if ((existing->modificationTime == static_cast<int64_t>(info.st_mtime) && existing->title() == name) ||
+        MemoryReserve_Short()) {
       existing->pass = pass;
       return false;
     }
@@ -160,6 +185,7 @@ bool scanFile(FolderChildren& children, DmsObject* folder, int dirFd, const char
     changed = true;
   }
 
+  if (MemoryReserve_Short()) return changed;
   // A file whose memo was kept across a restart is not opened.
   MediaStreamPtr stream = DmsCache_Take(id, info);
   if (!stream) {
@@ -182,22 +208,29 @@ bool scanFile(FolderChildren& children, DmsObject* folder, int dirFd, const char
   item->mimeType = stream->mimeType;
   item->modificationTime = static_cast<int64_t>(info.st_mtime);
   item->pass = pass;
-  placeItem(item, *stream, pendingPlacements);
+  try {
+    placeItem(item, *stream, pendingPlacements);
+  } catch (const std::bad_alloc&) {
+    item->modificationTime = kRefileTime;
+    throw;
+  }
   if (pendingPlacements.size() >= kMaxPending) flushPlacements();
   return true;
 }
 
 void scanDirectory(FolderChildren& children, const char* name, const struct stat& info, int32_t pass) {
   const DmsObjectId id{static_cast<uint64_t>(info.st_dev) + 1, static_cast<uint64_t>(info.st_ino)};
-  if (DmsObject_Find(id)) return;
+  if (DmsObject_Find(id) || MemoryReserve_Short()) return;
   DmsObject* child = children.add(id, name, mediaClass(DmsClass_StorageFolder), DmsKind_Container);
   if (child) child->pass = pass;
 }
 
 enum class FolderRead { Unreadable, Unchanged, Changed };
 
-// Reads the folder's directory once for this pass.
-FolderRead readFolder(DmsObject* folder, int32_t pass, int64_t* spent) {
+// Reads the folder's directory once for this pass. Never part of
+// scanFolder's frame: the scan recurses once per folder level, as deep as
+// paths go (some 2,000 levels), on a thread with a small stack.
+[[gnu::noinline]] FolderRead readFolder(DmsObject* folder, int32_t pass, int64_t* spent) {
   if (folder->childCount < 0) folder->childCount = 0;
   const std::string path = DmsObject_GetPath(folder);
   if (path.empty()) return FolderRead::Unreadable;
@@ -211,10 +244,16 @@ FolderRead readFolder(DmsObject* folder, int32_t pass, int64_t* spent) {
     if (DmsLibrary_IsHiddenName(entry->d_name)) continue;
     struct stat info {};
     if (::fstatat(directory.fd(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
-    if (S_ISREG(info.st_mode)) {
-      changed |= scanFile(children, folder, directory.fd(), entry->d_name, info, pass);
-    } else if (S_ISDIR(info.st_mode)) {
-      scanDirectory(children, entry->d_name, info, pass);
+    // An entry that runs out of memory is left out (it may have replaced an
+    // older one); the reserve is spent then, so the library stops growing.
+    try {
+      if (S_ISREG(info.st_mode)) {
+        changed |= scanFile(children, folder, directory.fd(), entry->d_name, info, pass);
+      } else if (S_ISDIR(info.st_mode)) {
+        scanDirectory(children, entry->d_name, info, pass);
+      }
+    } catch (const std::bad_alloc&) {
+      changed = true;
     }
   }
   *spent += nowMicros() - started;
@@ -289,6 +328,8 @@ DmsObject* topContainerFor(const DmsObject* item) {
 void placeItem(DmsObject* item, const MediaStream& metadata, std::vector<Placement>& placements) {
   DmsObject* top = topContainerFor(item);
   if (!top) return;
+  // Room first, so that a group is never made for a reference that cannot be noted.
+  if (placements.capacity() - placements.size() < kMaxViews) placements.reserve(2 * placements.size() + kMaxViews);
   uint8_t index = 0;
   for (DmsObject* view = top->firstChild; view; view = view->nextSibling, ++index) {
     const uint8_t bit = viewBitFor(view->upnpClass());
@@ -296,6 +337,7 @@ void placeItem(DmsObject* item, const MediaStream& metadata, std::vector<Placeme
     DmsObject* container =
         bit == kViewAll ? view : findOrCreateGroup(view, groupKey(bit, metadata), bit == kViewMoments);
     if (container) placements.push_back({container, item, bit, index});
+    else item->modificationTime = kRefileTime;
   }
 }
 
@@ -326,6 +368,8 @@ void linkPlacements(std::vector<Placement>& placements) {
     }
     if (DmsObject* reference = addReference(placement.container, after, placement.item, placement.viewBit)) {
       next = reference;
+    } else {
+      placement.item->modificationTime = kRefileTime;
     }
   }
 }

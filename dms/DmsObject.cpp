@@ -122,18 +122,25 @@ class ObjectPool {
 // its objects came (newest first) through every doubling.
 class IdTable {
  public:
-  DmsObject*& bucketOf(DmsObjectId id) { return buckets_[indexOf(id, bits_)]; }
+  // The first object in the chain of `id`; null while the table is empty.
+  DmsObject* chainOf(DmsObjectId id) const { return buckets_ ? buckets_[indexOf(id, bits_)] : nullptr; }
 
-  void insert(DmsObject* object) {
+  // False when the table cannot be made (its first insert runs out of memory).
+  bool insert(DmsObject* object) {
+    if (!buckets_) {
+      buckets_.reset(new (std::nothrow) DmsObject*[size_t{1} << kInitialBits]());
+      if (!buckets_) return false;
+    }
     if (count_ >= kLoad * (uint32_t{1} << bits_)) grow();
-    DmsObject*& bucket = bucketOf(object->id);
+    DmsObject*& bucket = buckets_[indexOf(object->id, bits_)];
     object->nextInBucket = bucket;
     bucket = object;
     count_ += 1;
+    return true;
   }
 
   void remove(DmsObject* object) {
-    for (DmsObject** at = &bucketOf(object->id); *at; at = &(*at)->nextInBucket) {
+    for (DmsObject** at = &buckets_[indexOf(object->id, bits_)]; *at; at = &(*at)->nextInBucket) {
       if (*at == object) {
         *at = object->nextInBucket;
         count_ -= 1;
@@ -174,7 +181,7 @@ class IdTable {
     bits_ = bits;
   }
 
-  std::unique_ptr<DmsObject*[]> buckets_{new DmsObject*[size_t{1} << kInitialBits]()};
+  std::unique_ptr<DmsObject*[]> buckets_;  // made by the first insert
   unsigned bits_ = kInitialBits;
   uint32_t count_ = 0;
 };
@@ -290,7 +297,10 @@ DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClas
     if (DmsObject_IsFolder(object)) object->childCount = -1;
     object->updateId = DmsContent_SystemUpdateId();
   }
-  idTable.insert(object);
+  if (!idTable.insert(object)) {
+    pool.release(object, bytes);
+    return nullptr;
+  }
 
   if (parent && parent->kind == DmsKind_Container) {
     object->parent = parent;
@@ -325,7 +335,7 @@ void DmsObject_Free(DmsObjectId id) {
 
 DmsObject* DmsObject_Find(DmsObjectId id) {
   assert(DmsContent_Guarded());
-  for (DmsObject* object = idTable.bucketOf(id); object; object = object->nextInBucket) {
+  for (DmsObject* object = idTable.chainOf(id); object; object = object->nextInBucket) {
     if (object->id == id) return object;
   }
   return nullptr;
@@ -340,7 +350,12 @@ std::string DmsObject_GetPath(const DmsObject* object) {
     length += step->title().size() + 1;
   }
   if (length == 0) return {};
-  std::string path(length - 1, '/');
+  std::string path;
+  try {
+    path.assign(length - 1, '/');
+  } catch (const std::bad_alloc&) {
+    return {};
+  }
   size_t end = path.size();
   for (const DmsObject* step = object; step && step->parent; step = step->parent) {
     const std::string_view title = step->title();

@@ -120,7 +120,8 @@ bool DmsObject_ChildrenConsistent(const DmsObject* container);
 void DmsObject_Free(DmsObjectId id);
 DmsObject* DmsObject_Find(DmsObjectId id);
 // The file-system path of a scanned object: the titles from below the root
-// down to the object, joined with "/". Empty when a title on the way is empty.
+// down to the object, joined with "/". Empty when a title on the way is empty or
+// memory runs out.
 std::string DmsObject_GetPath(const DmsObject* object);
 
 // The counter of library changes that ContentDirectory publishes.

@@ -13,13 +13,15 @@
 #include <condition_variable>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <mutex>
+#include <new>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <thread>
 #include <utility>
 
+#include "base/MemoryReserve.h"
 #include "dms/DmsCache.h"
 #include "dms/DmsDevice.h"
 #include "dms/DmsLibrary.h"
@@ -157,7 +159,12 @@ void refreshLoop() {
     if (lastResult == 1 && waited <= DmsServer_Info().refreshInterval) {
       waited += kRefreshWaitStep;
     } else {
-      if (lastResult != 0) ++pass;
+      // A new pass sets the reserve aside again, if the memory is back, and
+      // may then grow the library again.
+      if (lastResult != 0) {
+        ++pass;
+        MemoryReserve_Take();
+      }
       waited = 0;
       std::unique_lock lock(DmsServer_ContentMutex(), std::try_to_lock);
       if (lock.owns_lock()) {
@@ -180,9 +187,15 @@ void refreshLoop() {
 
 }  // namespace
 
-void DMS_SetCacheDirectory(const char* directory) {
+bool DMS_SetCacheDirectory(const char* directory) {
   const std::string_view list = directory ? directory : "";
-  state().cacheDirectory = std::string(list.substr(0, list.find(':')));
+  try {
+    state().cacheDirectory = std::string(list.substr(0, list.find(':')));
+    return true;
+  } catch (const std::bad_alloc&) {
+    state().cacheDirectory.clear();
+    return false;
+  }
 }
 
 int DMS_Open(const char* friendlyName, const char* manufacturer, const char* modelName, const char* modelNumber,
@@ -190,19 +203,30 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
              uint32_t flags) {
   ServerState& s = state();
   if (s.open || flags == 0) return 1;
+  // Without room for its reserve the server could not go on answering once
+  // the library has taken the rest: such a start fails.
+  if (!MemoryReserve_Take()) return 0;
 
-  DmsServerInfo info;
-  info.friendlyName = friendlyName ? limited(friendlyName, kTextLimit) : limited(hostFriendlyName().c_str(), kTextLimit);
-  info.manufacturer = limited(manufacturer, kTextLimit);
-  info.modelName = limited(modelName, kTextLimit);
-  info.modelNumber = limited(modelNumber, kModelNumberLimit);
-  info.modelDescription = limited(modelDescription, kTextLimit);
-  info.udn = makeUdn();
-  info.startTime = static_cast<int64_t>(::time(nullptr));
-  info.refreshInterval = refreshInterval < kMinimumRefreshInterval ? kMinimumRefreshInterval : refreshInterval;
-  info.clientCompatibility = (flags & kDmsFlagClientCompatibility) != 0;
-  s.mediaPath = path ? path : "/";
-  DmsServer_SetInfo(std::move(info));
+  try {
+    DmsServerInfo info;
+    info.friendlyName =
+        friendlyName ? limited(friendlyName, kTextLimit) : limited(hostFriendlyName().c_str(), kTextLimit);
+    info.manufacturer = limited(manufacturer, kTextLimit);
+    info.modelName = limited(modelName, kTextLimit);
+    info.modelNumber = limited(modelNumber, kModelNumberLimit);
+    info.modelDescription = limited(modelDescription, kTextLimit);
+    info.udn = makeUdn();
+    info.startTime = static_cast<int64_t>(::time(nullptr));
+    info.refreshInterval = refreshInterval < kMinimumRefreshInterval ? kMinimumRefreshInterval : refreshInterval;
+    info.clientCompatibility = (flags & kDmsFlagClientCompatibility) != 0;
+    s.mediaPath = path ? path : "/";
+    DmsServer_SetInfo(std::move(info));
+  } catch (const std::bad_alloc&) {
+    return 0;
+  }
+  // Memory that ran short on the way (the reserve is spent) may have cost
+  // the device its identity: no interface list means a random UDN.
+  if (MemoryReserve_Short()) return 0;
   const DmsServerInfo& stored = DmsServer_Info();
 
   {
@@ -219,7 +243,7 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
   DmsServer_SetShared(true);
   try {
     s.refreshThread = std::thread(refreshLoop);
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {  // no thread, or no memory for one
     std::lock_guard lock(DmsServer_ContentMutex());
     freeTree();
     s.open = false;

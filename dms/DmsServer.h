@@ -19,8 +19,9 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
 void DMS_Close();
 // The directory in which the memos of the library are kept across restarts
 // (dms/DmsCache.h), as the environment's CACHE_DIRECTORY names it: the first
-// of a list separated by ':'. Null or empty keeps none. Read by the next DMS_Open.
-void DMS_SetCacheDirectory(const char* directory);
+// of a list separated by ':'. Null or empty keeps none. Read by the next
+// DMS_Open. False when memory ran out: nothing is kept then.
+bool DMS_SetCacheDirectory(const char* directory);
 
 // Builds the fixed containers: the root titled `rootTitle`, the media-directory
 // volume titled `path` ("/" when null) and the Music, Videos and Pictures views.

@@ -15,12 +15,13 @@
 #include <cassert>
 #include <climits>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <new>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
+#include "base/MemoryReserve.h"
 #include "base/UniqueFd.h"
 
 // One open connection: its request record and its place in the server's list.
@@ -237,7 +238,9 @@ void StartConnection(HTTPServer& server, UniqueFd socket) {
   request.userData = nullptr;
   if (server.onConnectionOpen) server.onConnectionOpen(&request, server.context, &request.userData);
   Remember(server, *connection);
-  if (!StartConnectionThread(connection.get())) {
+  // No room for a stack: the memory reserve is there for this too.
+  if (!StartConnectionThread(connection.get()) &&
+      !(MemoryReserve_Release() && StartConnectionThread(connection.get()))) {
     Forget(server, *connection);
     if (request.onConnectionClose) request.onConnectionClose(&request, request.userData);
     return;
@@ -299,7 +302,7 @@ HTTPServer* HTTP_new(uint16_t* port, void* context, HTTPServerStartFunc onServer
   server->listenSocket = listener.get();
   try {
     server->acceptThread = std::thread(AcceptRun, server.get());
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {  // no thread, or no memory for one
     return nullptr;
   }
   listener.release();

@@ -16,6 +16,8 @@
 #include <ctime>
 #include <initializer_list>
 #include <memory>
+#include <new>
+#include <optional>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -269,7 +271,13 @@ size_t MDNS_MakeAnnouncement(MDNSRecords& records, std::span<uint8_t, mdnsPacket
 bool MDNS_WantsAnnouncement(const MDNSRecords& records, std::span<const uint8_t> datagram) {
   std::optional<DNSHeader> header = DNSMessage_ReadHeader(datagram);
   if (!header || (header->flags & dnsFlagResponse) != 0) return false;
-  std::optional<DNSMessage> message = DNSMessage_Decode(datagram, DNSSections::Questions);
+  // A query that memory cannot be found to read goes unanswered.
+  std::optional<DNSMessage> message;
+  try {
+    message = DNSMessage_Decode(datagram, DNSSections::Questions);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
   if (!message) return false;
   for (const DNSQuestion& question : message->questions) {
     if (question.type != dnsTypePTR) continue;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -99,7 +100,7 @@ std::optional<std::string> decodeUtf16(const uint8_t* bytes, size_t count, bool 
 // Reads a text frame of `size` bytes at the current position: an encoding
 // byte and the encoded text. Latin-1 is passed through unchanged (the UTF-8
 // check of the record drops it later when it is not ASCII).
-std::optional<std::string> decodeText(int fd, uint32_t size) {
+std::optional<std::string> readText(int fd, uint32_t size) {
   if (size < 1 || size > kMaxTextFrameSize) {
     MediaNote_Shortcut("id3: a text frame of more than 512 bytes is dropped");
     return std::nullopt;
@@ -131,6 +132,15 @@ std::optional<std::string> decodeText(int fd, uint32_t size) {
   }
 }
 
+// A text that memory cannot be found for is absent.
+std::optional<std::string> decodeText(int fd, uint32_t size) {
+  try {
+    return readText(fd, size);
+  } catch (const std::bad_alloc&) {
+    return std::nullopt;
+  }
+}
+
 // "%d" (or "(%d)") naming an ID3v1 genre number becomes that genre's name.
 std::optional<std::string> genreFromText(std::optional<std::string> text) {
   if (!text) return text;
@@ -142,7 +152,11 @@ std::optional<std::string> genreFromText(std::optional<std::string> text) {
   if (number < 0 || number > 255) return text;
   const char* name = MediaGenre_Name(static_cast<unsigned>(number));
   if (!name) return std::nullopt;
-  return std::string(name);
+  try {
+    return std::string(name);
+  } catch (const std::bad_alloc&) {
+    return std::nullopt;
+  }
 }
 
 // Scans `count` raw characters with "%d"; a zero byte ends the text.

@@ -2,6 +2,7 @@
 // that serves them while a file is probed.
 #include "media/MediaRead.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,7 +10,6 @@
 #include <cassert>
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <new>
 
 #include "base/ByteOrder.h"
@@ -39,8 +39,31 @@ struct ReadWindow {
   std::array<unsigned char, kReadWindowSize> data;
 };
 
-thread_local std::unique_ptr<ReadWindow> threadWindow;
 thread_local ReadWindow* activeWindow = nullptr;
+
+// Each thread's window, freed when the thread ends. A key rather than a
+// thread_local with a destructor: registering such a destructor needs memory,
+// and the C library ends the process when there is none.
+pthread_key_t windowKey;
+pthread_once_t windowKeyOnce = PTHREAD_ONCE_INIT;
+bool windowKeyMade = false;
+
+void makeWindowKey() {
+  windowKeyMade = pthread_key_create(&windowKey, [](void* window) { delete static_cast<ReadWindow*>(window); }) == 0;
+}
+
+// Null when there is no memory for it.
+ReadWindow* threadWindow() {
+  pthread_once(&windowKeyOnce, makeWindowKey);
+  if (!windowKeyMade) return nullptr;
+  if (void* window = pthread_getspecific(windowKey)) return static_cast<ReadWindow*>(window);
+  auto* window = new (std::nothrow) ReadWindow;
+  if (window && pthread_setspecific(windowKey, window) != 0) {
+    delete window;
+    return nullptr;
+  }
+  return window;
+}
 
 // The window serving `fd` on this thread, positioned, or null.
 ReadWindow* windowFor(int fd) {
@@ -101,9 +124,9 @@ bool windowRead(ReadWindow& window, unsigned char* out, size_t count) {
 
 MediaReadWindow::MediaReadWindow(int fd) {
   if (activeWindow) return;
-  if (!threadWindow) threadWindow.reset(new (std::nothrow) ReadWindow);
-  if (!threadWindow) return;
-  ReadWindow& window = *threadWindow;
+  ReadWindow* own = threadWindow();
+  if (!own) return;
+  ReadWindow& window = *own;
   window.fd = fd;
   window.positioned = false;
   window.start = 0;

@@ -46,14 +46,19 @@ MediaStreamPtr MediaStream_new(int fd, int64_t offset, int64_t length, bool meta
   MediaStreamPtr stream(new (std::nothrow) MediaStream);
   if (!stream) return nullptr;
   MediaReadWindow window(fd);
-  for (const ParserSlot& slot : kParsers) {
-    *stream = MediaStream{};
-    if (!slot.parse(fd, offset, length, *stream, metadataOnly)) continue;
-    dropIfNotUtf8(stream->title, "tags: the title is not UTF-8 (Latin-1?) and is dropped");
-    dropIfNotUtf8(stream->artist, "tags: the artist is not UTF-8 (Latin-1?) and is dropped");
-    dropIfNotUtf8(stream->album, "tags: the album is not UTF-8 (Latin-1?) and is dropped");
-    dropIfNotUtf8(stream->genre, "tags: the genre is not UTF-8 (Latin-1?) and is dropped");
-    return stream;
+  try {
+    for (const ParserSlot& slot : kParsers) {
+      *stream = MediaStream{};
+      if (!slot.parse(fd, offset, length, *stream, metadataOnly)) continue;
+      dropIfNotUtf8(stream->title, "tags: the title is not UTF-8 (Latin-1?) and is dropped");
+      dropIfNotUtf8(stream->artist, "tags: the artist is not UTF-8 (Latin-1?) and is dropped");
+      dropIfNotUtf8(stream->album, "tags: the album is not UTF-8 (Latin-1?) and is dropped");
+      dropIfNotUtf8(stream->genre, "tags: the genre is not UTF-8 (Latin-1?) and is dropped");
+      return stream;
+    }
+  } catch (const std::bad_alloc&) {
+    // The file is not read this time; the reason overrides any parser's.
+    if (mediaNotes) mediaNotes->reason = "out of memory while the file was read";
   }
   return nullptr;
 }

@@ -61,8 +61,14 @@ struct SSDP {
     sendto(channel.socket.get(), message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
   }
 
+  // A datagram without memory to build it is not sent.
   void Sweep(const char* nts) const {
-    for (const std::string& type : types) SendTo(SSDP_MakeMessage(fields, type, nts), channel.group);
+    for (const std::string& type : types) {
+      try {
+        SendTo(SSDP_MakeMessage(fields, type, nts), channel.group);
+      } catch (const std::bad_alloc&) {
+      }
+    }
   }
 
   void ReceiveOne() const {
@@ -72,11 +78,15 @@ struct SSDP {
     ssize_t received =
         recvfrom(channel.socket.get(), buffer, kDatagramSize - 1, 0, reinterpret_cast<sockaddr*>(&from), &fromLength);
     if (received <= 0) return;
-    std::optional<std::vector<std::string>> answers =
-        SSDP_Answers(types, fields, std::string_view(buffer, static_cast<size_t>(received)), from, fromLength);
-    if (!answers) return;
-    usleep(kAnswerPauseUs);
-    for (const std::string& answer : *answers) SendTo(answer, from);
+    // A search without memory for its answers goes unanswered.
+    try {
+      std::optional<std::vector<std::string>> answers =
+          SSDP_Answers(types, fields, std::string_view(buffer, static_cast<size_t>(received)), from, fromLength);
+      if (!answers) return;
+      usleep(kAnswerPauseUs);
+      for (const std::string& answer : *answers) SendTo(answer, from);
+    } catch (const std::bad_alloc&) {
+    }
   }
 
   void Run() {

@@ -15,6 +15,8 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -254,7 +256,7 @@ const char* probeMediaTypeName(int32_t mediaType) {
 // files are probed, folders are read after the folder itself, anything else
 // is skipped. Returns the number of files published in and below it.
 int probeFolder(const std::string& folder, ProbeSummary& summary) {
-  DIR* directory = ::opendir(folder.c_str());
+  std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(folder.c_str()), ::closedir);
   if (!directory) {
     std::fprintf(stderr, "%s: %s\n", folder.c_str(), std::strerror(errno));
     summary.allExamined = false;
@@ -262,7 +264,7 @@ int probeFolder(const std::string& folder, ProbeSummary& summary) {
   }
   std::vector<std::string> folders;
   int published = 0;
-  while (const dirent* entry = ::readdir(directory)) {
+  while (const dirent* entry = ::readdir(directory.get())) {
     const std::string name = entry->d_name;
     if (name == "." || name == "..") continue;
     const std::string path = folder + "/" + name;
@@ -295,7 +297,7 @@ int probeFolder(const std::string& folder, ProbeSummary& summary) {
       summary.allExamined = false;
     }
   }
-  ::closedir(directory);
+  directory.reset();
   for (const std::string& name : folders) {
     const int below = probeFolder(folder + "/" + name, summary);
     if (below > 0) summary.noteTitle(folder, name, name);  // a folder with nothing published is not listed
@@ -369,6 +371,13 @@ int main(int argc, char** argv) {
     return 2;
   }
   bool allExamined = true;
-  for (int i = 1; i < argc; ++i) allExamined = probeArgument(argv[i]) && allExamined;
+  for (int i = 1; i < argc; ++i) {
+    try {
+      allExamined = probeArgument(argv[i]) && allExamined;
+    } catch (const std::bad_alloc&) {
+      std::fprintf(stderr, "%s: out of memory\n", argv[i]);
+      allExamined = false;
+    }
+  }
   return allExamined ? 0 : 1;
 }

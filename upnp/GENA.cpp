@@ -63,8 +63,8 @@ void SetSubscribed(HTTPResponse* response, const char* sid) {
   char headers[kSubscribeHeadersSize];
   int length = std::snprintf(headers, sizeof headers, "SID: uuid:%s\r\nTIMEOUT: Second-300\r\n", sid);
   if (length < 0) return;
-  response->status = kStatusOk;
   response->extraHeaders.assign(headers, std::min(static_cast<size_t>(length), sizeof headers - 1));
+  response->status = kStatusOk;
 }
 
 int64_t Now() { return static_cast<int64_t>(std::time(nullptr)); }
@@ -81,14 +81,9 @@ void Subscribe(UPnPService* service, const char* callback, HTTPResponse* respons
   int port = -1;
   GENA_ParseURL(url, nullptr, 0, nullptr, 0, host, sizeof host, &port, path, sizeof path);
 
-  std::unique_ptr<GENASubscriber> subscriber;
-  try {
-    subscriber.reset(new GENASubscriber{});
-    subscriber->callbackHost = host;
-    subscriber->callbackPath = path;
-  } catch (const std::bad_alloc&) {
-    return;
-  }
+  std::unique_ptr<GENASubscriber> subscriber(new GENASubscriber{});
+  subscriber->callbackHost = host;
+  subscriber->callbackPath = path;
   UUID uuid;
   UUID_Generate(uuid);
   UUID_Unparse(uuid, subscriber->sid);
@@ -190,12 +185,17 @@ void GENA_HandleRequest(UPnPDevice*, UPnPService* service, const char* method, c
   response->status = kStatusPreconditionFailed;
   if (!service) return;
   const bool hasSid = sid && std::strstr(sid, kSidPrefix);
-  if (SameNoCase(method, "SUBSCRIBE") && SameNoCase(nt, "upnp:event")) {
-    Subscribe(service, callback, response);
-  } else if (SameNoCase(method, "SUBSCRIBE") && hasSid) {
-    Renew(service, sid + kSidPrefixLength, response);
-  } else if (SameNoCase(method, "UNSUBSCRIBE") && hasSid) {
-    Unsubscribe(service, sid + kSidPrefixLength, response);
+  try {
+    if (SameNoCase(method, "SUBSCRIBE") && SameNoCase(nt, "upnp:event")) {
+      Subscribe(service, callback, response);
+    } else if (SameNoCase(method, "SUBSCRIBE") && hasSid) {
+      Renew(service, sid + kSidPrefixLength, response);
+    } else if (SameNoCase(method, "UNSUBSCRIBE") && hasSid) {
+      Unsubscribe(service, sid + kSidPrefixLength, response);
+    }
+  } catch (const std::bad_alloc&) {
+    // No memory for the subscriber or for the reply: no subscription is made.
+    response->status = kStatusPreconditionFailed;
   }
 }
 

@@ -12,10 +12,10 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <exception>
 #include <mutex>
 #include <new>
 #include <string_view>
-#include <system_error>
 
 #include "http/HTTPServer.h"
 #include "http/NetworkInterface.h"
@@ -41,13 +41,13 @@ constexpr const char* kStatusTooLarge = "413 Request Entity Too Large";
 constexpr const char* kXmlContentType = "text/xml; charset=\"utf-8\"";
 
 std::once_flag gOsTokenOnce;
-std::string gOsToken;
+char gOsToken[kOsTokenLimit + 1] = "";  // fixed: made at start, where memory may be short
 
 void ComputeOsToken() {
   utsname system{};
   if (uname(&system) != 0) return;
-  gOsToken = std::string(system.sysname) + "/" + system.release;
-  if (gOsToken.size() > kOsTokenLimit) gOsToken.resize(kOsTokenLimit);
+  // Cut at the limit: the release text may be long.
+  if (std::snprintf(gOsToken, sizeof gOsToken, "%s/%s", system.sysname, system.release) < 0) gOsToken[0] = '\0';
 }
 
 enum class BodyResult { kOk, kTooLarge, kFailed };
@@ -155,7 +155,7 @@ bool Dispatch(UPnPDevice* device, HTTPRequest* request, const char* path, const 
 
 void AddServerHeader(const UPnPDevice* device, HTTPResponse* response, bool control) {
   auto text = [](const char* value) { return value ? value : ""; };
-  response->extraHeaders = "Server: " + gOsToken + " UPnP/1.0 " + text(device->modelName) + "/" +
+  response->extraHeaders = std::string("Server: ") + gOsToken + " UPnP/1.0 " + text(device->modelName) + "/" +
                            text(device->modelNumber) + "\r\n" + (control ? "EXT:\r\n" : "") +
                            response->extraHeaders;
 }
@@ -216,7 +216,7 @@ void CheckInterfaces(UPnPDevice* device) {
                 NI_NUMERICHOST);
     if (device->ssdpTargets && device->ssdpTargetCount > 0) {
       device->ssdpEngines[slot] = SSDP_new(device->ssdpTargets, device->ssdpTargetCount, device->udn, host,
-                                           device->port, device->descriptionPath, kSsdpMaxAge, gOsToken.c_str(),
+                                           device->port, device->descriptionPath, kSsdpMaxAge, gOsToken,
                                            product.c_str(), "");
     }
     if (device->mdnsServices && device->mdnsServiceCount > 0) {
@@ -238,7 +238,13 @@ void DeviceThread(UPnPDevice* device) {
     std::this_thread::sleep_for(kTick);
     counter = (counter + 1) & kTickMask;
     GENA_DeliverEvents(device);
-    if (counter % kInterfaceCheckEvery == kInterfaceCheckTick) CheckInterfaces(device);
+    if (counter % kInterfaceCheckEvery != kInterfaceCheckTick) continue;
+    try {
+      CheckInterfaces(device);
+    } catch (const std::bad_alloc&) {
+      // Without the engines the next check finds the addresses changed and tries again.
+      ReleaseInterfaces(device);
+    }
   }
   ReleaseInterfaces(device);
   GENA_FreeSubscribers(device);
@@ -303,7 +309,7 @@ int UPnPDevice_HandleRequest(HTTPResponse* response, void*, const char* path, co
 
 const char* UPnP_OsToken() {
   std::call_once(gOsTokenOnce, ComputeOsToken);
-  return gOsToken.c_str();
+  return gOsToken;
 }
 
 bool UPnPDevice_Open(UPnPDevice* device, uint16_t port) {
@@ -320,7 +326,7 @@ bool UPnPDevice_Open(UPnPDevice* device, uint16_t port) {
   device->running = true;
   try {
     device->thread = std::thread(DeviceThread, device);
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {  // no thread, or no memory for one
     UPnPDevice_Close(device);
     return false;
   }
