@@ -136,24 +136,13 @@ class Reader {
   bool ok_ = true;
 };
 
-// One item of the file as read.
+// One item of the file as read: its file's identity and what the memo says of it.
 struct Record {
   DmsObjectId id;
   int64_t size = 0;
   timespec modification{};
   timespec change{};
-  uint8_t type = 0;
-  uint8_t flags = 0;
-  uint32_t duration = 0;
-  uint32_t timescale = 0;
-  int32_t date = 0;
-  uint16_t width = 0;
-  uint16_t height = 0;
-  uint8_t coverType = 0;
-  int64_t coverOffset = 0;
-  int64_t coverLength = 0;
-  std::string_view title;
-  std::array<std::optional<std::string_view>, 3> texts;
+  DmsItemFacts facts;
 };
 
 // The texts met so far while a file is read.
@@ -177,33 +166,35 @@ bool readRecord(Reader& in, TextTable& texts, Record& record, bool collect) {
   const auto changeNanoseconds = static_cast<long>(in.number(kNanosecondsPerSecond - 1));
   record.modification = {static_cast<time_t>(modificationSeconds), modificationNanoseconds};
   record.change = {static_cast<time_t>(static_cast<uint64_t>(modificationSeconds) + changeAfter), changeNanoseconds};
-  record.type = static_cast<uint8_t>(in.number(DmsMemo_MimeTypes.size()));
-  record.flags = in.byte();
-  record.duration = static_cast<uint32_t>(in.number(UINT32_MAX));
-  record.timescale = static_cast<uint32_t>(in.number(UINT32_MAX));
-  if (record.flags & kHasDate) {
+  DmsItemFacts& facts = record.facts;
+  facts.mimeType = DmsMemo_TypeText(static_cast<uint8_t>(in.number(DmsMemo_MimeTypes.size())));
+  const uint8_t flags = in.byte();
+  facts.streams = flags & kHasStreams;
+  facts.duration = static_cast<uint32_t>(in.number(UINT32_MAX));
+  facts.timescale = static_cast<uint32_t>(in.number(UINT32_MAX));
+  if (flags & kHasDate) {
     const int64_t date = Varint_Unzigzag(in.number());
     if (date < INT32_MIN || date > INT32_MAX) return false;
-    record.date = static_cast<int32_t>(date);
+    facts.date = static_cast<int32_t>(date);
   }
-  const bool picture = (record.flags & kHasStreams) && record.type &&
-                       DmsMemo_MediaType(DmsMemo_MimeTypes[record.type - 1].data()) == MediaType_Image;
-  if (picture) {
-    record.width = static_cast<uint16_t>(in.number(UINT16_MAX));
-    record.height = static_cast<uint16_t>(in.number(UINT16_MAX));
+  facts.picture = facts.streams && DmsMemo_MediaType(facts.mimeType) == MediaType_Image;
+  if (facts.picture) {
+    facts.width = static_cast<uint16_t>(in.number(UINT16_MAX));
+    facts.height = static_cast<uint16_t>(in.number(UINT16_MAX));
   }
-  if (record.flags & kHasCover) {
-    record.coverType = static_cast<uint8_t>(in.number(DmsMemo_MimeTypes.size()));
-    record.coverOffset = static_cast<int64_t>(in.number(kInt64Max));
-    record.coverLength = static_cast<int64_t>(in.number(kInt64Max));
-    if (record.coverLength == 0) return false;
+  if (flags & kHasCover) {
+    facts.coverMimeType = DmsMemo_TypeText(static_cast<uint8_t>(in.number(DmsMemo_MimeTypes.size())));
+    facts.coverOffset = static_cast<int64_t>(in.number(kInt64Max));
+    facts.coverLength = static_cast<int64_t>(in.number(kInt64Max));
+    if (facts.coverLength == 0) return false;
   }
-  if (record.flags & kHasTitle) record.title = in.text(kMaxTextSize);
+  if (flags & kHasTitle) facts.title = in.text(kMaxTextSize);
+  std::optional<std::string_view>* textsOf[] = {&facts.artist, &facts.album, &facts.genre};
   for (size_t index = 0; index < kTextFlags.size(); ++index) {
-    if (!(record.flags & kTextFlags[index])) continue;
+    if (!(flags & kTextFlags[index])) continue;
     const uint64_t reference = in.number(texts.count);
     if (reference > 0) {
-      record.texts[index] = texts.texts[reference - 1];
+      *textsOf[index] = texts.texts[reference - 1];
       continue;
     }
     const std::string_view text = in.text(kMaxTextSize);
@@ -211,39 +202,39 @@ bool readRecord(Reader& in, TextTable& texts, Record& record, bool collect) {
       if (!in.ok() || texts.count == texts.capacity) return false;
       new (&texts.texts[texts.count++]) std::string_view(text);
     }
-    record.texts[index] = text;
+    *textsOf[index] = text;
   }
-  return in.ok() && record.type != 0 && DmsMemo_MediaType(DmsMemo_MimeTypes[record.type - 1].data()) != 0;
+  return in.ok() && DmsMemo_MediaType(facts.mimeType) != 0;
 }
 
-MediaStreamPtr streamOf(const Record& record) {
+MediaStreamPtr streamOf(const DmsItemFacts& facts) {
   MediaStreamPtr stream(new (std::nothrow) MediaStream);
   if (!stream) return nullptr;
-  const char* mimeType = DmsMemo_MimeTypes[record.type - 1].data();
-  stream->mediaType = DmsMemo_MediaType(mimeType);
-  stream->mimeType = mimeType;
-  stream->duration = record.duration;
-  stream->timescale = record.timescale;
-  if (record.flags & kHasStreams) {
+  stream->mediaType = DmsMemo_MediaType(facts.mimeType);
+  stream->mimeType = facts.mimeType;
+  stream->duration = facts.duration;
+  stream->timescale = facts.timescale;
+  if (facts.streams) {
     StreamInfo info;
     info.streamNumber = 1;
     info.streamKind = static_cast<uint32_t>(stream->mediaType);
     info.enabled = 1;
-    info.width = record.width;
-    info.height = record.height;
+    info.width = facts.width;
+    info.height = facts.height;
     stream->streamInfo.push_back(info);
   }
-  if (!record.title.empty()) stream->title.emplace(record.title);
-  std::optional<std::string>* texts[] = {&stream->artist, &stream->album, &stream->genre};
-  for (size_t index = 0; index < record.texts.size(); ++index) {
-    if (record.texts[index]) texts[index]->emplace(*record.texts[index]);
+  if (!facts.title.empty()) stream->title.emplace(facts.title);
+  const std::optional<std::string_view>* texts[] = {&facts.artist, &facts.album, &facts.genre};
+  std::optional<std::string>* into[] = {&stream->artist, &stream->album, &stream->genre};
+  for (size_t index = 0; index < std::size(texts); ++index) {
+    if (*texts[index]) into[index]->emplace(**texts[index]);
   }
-  if (record.flags & kHasCover) {
-    stream->coverMimeType = record.coverType ? DmsMemo_MimeTypes[record.coverType - 1].data() : nullptr;
-    stream->coverOffset = record.coverOffset;
-    stream->coverLength = record.coverLength;
+  if (facts.coverLength > 0) {
+    stream->coverMimeType = facts.coverMimeType;
+    stream->coverOffset = facts.coverOffset;
+    stream->coverLength = facts.coverLength;
   }
-  stream->date = record.date;
+  stream->date = facts.date;
   return stream;
 }
 
@@ -398,13 +389,9 @@ void writeItem(Writer& out, const DmsObject* item, Counts& counts) {
   uint8_t flags = (facts.title.empty() ? 0 : kHasTitle) | (facts.coverLength > 0 ? kHasCover : 0) |
                   (facts.date ? kHasDate : 0) | (facts.streams ? kHasStreams : 0);
   for (size_t index = 0; index < kTextFlags.size(); ++index) flags |= texts[index] ? kTextFlags[index] : 0;
-  uint8_t type = 0, coverType = 0;
-  for (size_t index = 0; index < DmsMemo_MimeTypes.size(); ++index) {
-    if (facts.mimeType && DmsMemo_MimeTypes[index] == facts.mimeType) type = static_cast<uint8_t>(index + 1);
-    if (facts.coverMimeType && DmsMemo_MimeTypes[index] == facts.coverMimeType) {
-      coverType = static_cast<uint8_t>(index + 1);
-    }
-  }
+  // A memo keeps only types of that list.
+  const uint8_t type = DmsMemo_TypeNumber(facts.mimeType).value_or(0);
+  const uint8_t coverType = DmsMemo_TypeNumber(facts.coverMimeType).value_or(0);
   out.number(item->id.high);
   out.number(item->id.low);
   out.number(static_cast<uint64_t>(memo.size));
@@ -491,7 +478,7 @@ MediaStreamPtr DmsCache_Take(DmsObjectId id, const struct stat& file) {
                       record.modification.tv_sec == file.st_mtim.tv_sec &&
                       record.modification.tv_nsec == file.st_mtim.tv_nsec &&
                       record.change.tv_sec == file.st_ctim.tv_sec && record.change.tv_nsec == file.st_ctim.tv_nsec;
-    return same && S_ISREG(file.st_mode) ? streamOf(record) : nullptr;
+    return same && S_ISREG(file.st_mode) ? streamOf(record.facts) : nullptr;
   }
   return nullptr;
 }

@@ -237,17 +237,6 @@ bool isItemFile(const DmsObject* item, const struct stat& file) {
          item->id == DmsObjectId{static_cast<uint64_t>(file.st_dev) + 1, static_cast<uint64_t>(file.st_ino)};
 }
 
-// 1 + the position of `type` in DmsMemo_MimeTypes, 0 for none; empty for a type not there.
-std::optional<uint8_t> typeNumber(const char* type) {
-  if (!type) return 0;
-  for (size_t index = 0; index < DmsMemo_MimeTypes.size(); ++index) {
-    if (DmsMemo_MimeTypes[index] == type) return static_cast<uint8_t>(index + 1);
-  }
-  return std::nullopt;
-}
-
-const char* typeText(uint8_t number) { return number ? DmsMemo_MimeTypes[number - 1].data() : nullptr; }
-
 void releaseTexts(const Memo& memo) {
   for (const SharedText* text : memo.texts) {
     if (text) sharedTexts.release(text);
@@ -255,6 +244,18 @@ void releaseTexts(const Memo& memo) {
 }
 
 }  // namespace
+
+std::optional<uint8_t> DmsMemo_TypeNumber(const char* type) {
+  if (!type) return 0;
+  for (size_t index = 0; index < DmsMemo_MimeTypes.size(); ++index) {
+    if (DmsMemo_MimeTypes[index] == type) return static_cast<uint8_t>(index + 1);
+  }
+  return std::nullopt;
+}
+
+const char* DmsMemo_TypeText(uint8_t number) {
+  return number > 0 && number <= DmsMemo_MimeTypes.size() ? DmsMemo_MimeTypes[number - 1].data() : nullptr;
+}
 
 int32_t DmsMemo_MediaType(const char* type) {
   const std::string_view mimeType = type ? type : "";
@@ -294,10 +295,10 @@ DmsItemFacts DmsItemFacts_Parsed(MediaStreamPtr stream, const struct stat& file)
 size_t DmsMemo_Encode(const MediaStream& stream, const struct stat& file, int64_t itemSeconds,
                       uint8_t out[DmsMemo_MaxSize]) {
   const std::optional<Identity> identity = identityOf(file, itemSeconds);
-  const std::optional<uint8_t> mimeType = typeNumber(stream.mimeType);
-  const std::optional<uint8_t> coverType = typeNumber(stream.coverLength > 0 ? stream.coverMimeType : nullptr);
+  const std::optional<uint8_t> mimeType = DmsMemo_TypeNumber(stream.mimeType);
+  const std::optional<uint8_t> coverType = DmsMemo_TypeNumber(stream.coverLength > 0 ? stream.coverMimeType : nullptr);
   // What a memo keeps must give the same file type and cover type back.
-  if (!identity || !mimeType || !coverType || stream.mediaType != DmsMemo_MediaType(typeText(*mimeType))) {
+  if (!identity || !mimeType || !coverType || stream.mediaType != DmsMemo_MediaType(DmsMemo_TypeText(*mimeType))) {
     return 0;
   }
   Memo memo;
@@ -366,7 +367,7 @@ DmsItemFacts DmsMemo_Facts(const DmsObject* item, const struct stat& file) {
   const Memo memo = decode(DmsObject_Memo(item));
   DmsItemFacts facts;
   facts.recognised = true;
-  facts.mimeType = typeText(memo.mimeType);
+  facts.mimeType = DmsMemo_TypeText(memo.mimeType);
   facts.streams = !(memo.flags & kNoStreams);
   facts.size = static_cast<int64_t>(memo.size);
   facts.modificationTime = static_cast<int64_t>(file.st_mtime);
@@ -382,7 +383,7 @@ DmsItemFacts DmsMemo_Facts(const DmsObject* item, const struct stat& file) {
   facts.width = memo.width;
   facts.height = memo.height;
   if (memo.flags & kHasCover) {
-    facts.coverMimeType = typeText(memo.coverType);
+    facts.coverMimeType = DmsMemo_TypeText(memo.coverType);
     facts.coverOffset = static_cast<int64_t>(memo.coverOffset);
     facts.coverLength = static_cast<int64_t>(memo.coverLength);
   }

@@ -30,6 +30,10 @@ inline constexpr std::array<std::string_view, 15> DmsMemo_MimeTypes = {
     "audio/mpeg", "audio/flac",       "audio/mp4",        "video/mp4",  "audio/webm",
     "video/webm", "audio/x-matroska", "video/x-matroska", "audio/wave", "video/avi",
     "image/jpeg", "image/png",        "image/gif",        "image/tiff", "image/bmp"};
+// 1 + the position of `mimeType` there, 0 for none; empty for a type not there.
+std::optional<uint8_t> DmsMemo_TypeNumber(const char* mimeType);
+// The type at 1 + its position there; null for 0 or a number beyond them.
+const char* DmsMemo_TypeText(uint8_t number);
 // The media type of a file of one of those types (0 for none, or a type no file has).
 int32_t DmsMemo_MediaType(const char* mimeType);
 
