@@ -58,9 +58,7 @@ DmsItemFacts parseItem(const DmsObject* target, int folderFd) {
   struct stat info {};
   const UniqueFd fd(openItem(target, folderFd));
   if (!fd.valid() || ::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) return {};
-  DmsItemFacts facts = DmsItemFacts_Parsed(MediaStream_new(fd.get(), 0, static_cast<int64_t>(info.st_size), true), info);
-  if (facts.parsed) DmsMemo_Refresh(target, info, *facts.parsed);
-  return facts;
+  return DmsMemo_Parse(target, fd.get(), info);
 }
 
 // The item as its file is now: from its memo while the file is unchanged.

@@ -264,7 +264,10 @@ int32_t DmsMemo_MediaType(const char* type) {
   return mimeType.starts_with("image/") && mimeType != "image/bmp" ? MediaType_Image : MediaType_None;
 }
 
-DmsItemFacts DmsItemFacts_Parsed(MediaStreamPtr stream, const struct stat& file) {
+namespace {
+
+// The facts of `stream` (null: not recognised), parsed from the file `file`.
+DmsItemFacts parsedFacts(MediaStreamPtr stream, const struct stat& file) {
   DmsItemFacts facts;
   facts.size = static_cast<int64_t>(file.st_size);
   facts.modificationTime = static_cast<int64_t>(file.st_mtime);
@@ -291,6 +294,8 @@ DmsItemFacts DmsItemFacts_Parsed(MediaStreamPtr stream, const struct stat& file)
   facts.parsed = std::move(stream);
   return facts;
 }
+
+}  // namespace
 
 size_t DmsMemo_Encode(const MediaStream& stream, const struct stat& file, int64_t itemSeconds,
                       uint8_t out[DmsMemo_MaxSize]) {
@@ -390,7 +395,11 @@ DmsItemFacts DmsMemo_Facts(const DmsObject* item, const struct stat& file) {
   return facts;
 }
 
-void DmsMemo_Refresh(const DmsObject* item, const struct stat& file, const MediaStream& stream) {
+namespace {
+
+// Replaces the memo of `item` by one of `stream`, parsed from the regular
+// file `file`, when that is the item's file and the memo fits the item's block.
+void refreshMemo(const DmsObject* item, const struct stat& file, const MediaStream& stream) {
   uint8_t* bytes = DmsObject_Memo(item);
   if (!bytes || !isItemFile(item, file)) return;
   uint8_t fresh[DmsMemo_MaxSize];
@@ -402,6 +411,14 @@ void DmsMemo_Refresh(const DmsObject* item, const struct stat& file, const Media
   }
   DmsMemo_Release(bytes);
   std::memcpy(bytes, fresh, length);
+}
+
+}  // namespace
+
+DmsItemFacts DmsMemo_Parse(const DmsObject* item, int fd, const struct stat& file) {
+  DmsItemFacts facts = parsedFacts(MediaStream_new(fd, 0, static_cast<int64_t>(file.st_size), true), file);
+  if (facts.parsed) refreshMemo(item, file, *facts.parsed);
+  return facts;
 }
 
 bool DmsMemo_Content(const DmsObject* item, uint32_t save, uint32_t& textCount, DmsMemoContent& content) {

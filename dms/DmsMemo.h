@@ -65,9 +65,6 @@ struct DmsItemFacts {
   int64_t shownDate() const { return !recognised ? 0 : date ? date : modificationTime; }
 };
 
-// The facts of `stream` (null: not recognised), parsed from the file `file`.
-DmsItemFacts DmsItemFacts_Parsed(MediaStreamPtr stream, const struct stat& file);
-
 // Writes the memo of `stream`, parsed from the file `file`, for an item whose
 // modification time is `itemSeconds`, into `out`. Returns its length; 0 when
 // it would not fit `DmsMemo_MaxSize` bytes or memory ran out. The shared
@@ -82,9 +79,10 @@ void DmsMemo_Release(const uint8_t* memo);
 bool DmsMemo_Matches(const DmsObject* item, const struct stat& file);
 // The facts kept in the memo of `item`, which matches `file`.
 DmsItemFacts DmsMemo_Facts(const DmsObject* item, const struct stat& file);
-// Replaces the memo of `item` by one of `stream`, parsed from the regular
-// file `file`, when that is the item's file and the memo fits the item's block.
-void DmsMemo_Refresh(const DmsObject* item, const struct stat& file, const MediaStream& stream);
+// The facts of a fresh parse of `fd`, the open file of `item` that `file`
+// describes; the item's memo is made again from them when it is that file's
+// and the new memo fits the item's block.
+DmsItemFacts DmsMemo_Parse(const DmsObject* item, int fd, const struct stat& file);
 
 // A memo as the memo file keeps it (DmsCache.h): the full identity of the
 // item's file and the facts. A save numbers the shared texts from 0 in the

@@ -74,8 +74,7 @@ void answerThumbnail(HTTPResponse* response, const DmsObject* item, const char* 
     // A FIFO in the file's place must not hold the content mutex: open without waiting.
     const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!fd.valid()) return;
-    facts = DmsItemFacts_Parsed(MediaStream_new(fd.get(), 0, static_cast<int64_t>(info.st_size), true), info);
-    if (facts.parsed) DmsMemo_Refresh(item, info, *facts.parsed);
+    facts = DmsMemo_Parse(item, fd.get(), info);
   }
   if (!facts.hasThumbnail()) return;
   response->filePath = path;
