@@ -27,7 +27,7 @@
 #include "dms/DmsLibrary.h"
 #include "dms/DmsObject.h"
 #include "dms/DmsServerState.h"
-#include "http/NetworkInterface.h"
+#include "base/NetworkInterface.h"
 #include "upnp/UUID.h"
 
 namespace {
@@ -163,7 +163,7 @@ void refreshLoop() {
       // may then grow the library again.
       if (lastResult != 0) {
         ++pass;
-        MemoryReserve_Take();
+        MemoryReserve_SetAside();
       }
       waited = 0;
       std::unique_lock lock(DmsServer_ContentMutex(), std::try_to_lock);
@@ -205,7 +205,7 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
   if (s.open || flags == 0) return 1;
   // Without room for its reserve the server could not go on answering once
   // the library has taken the rest: such a start fails.
-  if (!MemoryReserve_Take()) return 0;
+  if (!MemoryReserve_SetAside()) return 0;
 
   try {
     DmsServerInfo info;

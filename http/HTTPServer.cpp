@@ -240,7 +240,7 @@ void StartConnection(HTTPServer& server, UniqueFd socket) {
   Remember(server, *connection);
   // No room for a stack: the memory reserve is there for this too.
   if (!StartConnectionThread(connection.get()) &&
-      !(MemoryReserve_Release() && StartConnectionThread(connection.get()))) {
+      !(MemoryReserve_Spend() && StartConnectionThread(connection.get()))) {
     Forget(server, *connection);
     if (request.onConnectionClose) request.onConnectionClose(&request, request.userData);
     return;
