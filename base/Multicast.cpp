@@ -72,13 +72,14 @@ bool Multicast_Renew(const MulticastChannel& channel, const char* interfaceAddre
   // dup2 swaps the socket behind the number in one step, so the channel's
   // thread never sees a closed or foreign descriptor.
   if (!fresh.valid() || dup2(fresh.get(), channel.socket.get()) < 0) return false;
-  eventfd_write(channel.wake.get(), 1);
+  Multicast_Wake(channel);
   return true;
 }
 
-void Multicast_Wake(const MulticastChannel& channel) {
+void Multicast_Wake(const MulticastChannel& channel) { eventfd_write(channel.wake.get(), 1); }
+
+void Multicast_SendStopByte(const MulticastChannel& channel) {
   const char zero = 0;
   sendto(channel.socket.get(), &zero, sizeof zero, 0, reinterpret_cast<const sockaddr*>(&channel.group),
          sizeof channel.group);
-  eventfd_write(channel.wake.get(), 1);
 }

@@ -1,6 +1,6 @@
 // The UDP multicast set-up that SSDP and the mDNS responder share: one
 // socket joined to a group on one interface, the group's address to send to,
-// and the wake-up channel by which deleting an engine ends its thread's wait.
+// and the event by which deleting an engine ends its thread's wait.
 #pragma once
 
 #include <netinet/in.h>
@@ -42,8 +42,11 @@ bool Multicast_Wait(const MulticastChannel& channel, int timeoutMs);
 // could be made.
 bool Multicast_Renew(const MulticastChannel& channel, const char* interfaceAddress);
 
-// Ends the channel thread's wait: one zero byte goes to the group from the
-// channel's own socket (it loops back to it; every receiver ignores it), and
-// the event is raised, which arrives even when that byte cannot leave because
-// the interface or its address is gone.
+// Ends the channel thread's wait: raises the channel's event, which arrives
+// whatever became of the network.
 void Multicast_Wake(const MulticastChannel& channel);
+
+// Sends the one zero byte that an engine sends to its group when it stops,
+// from the channel's own socket. Every receiver, the engine's own thread
+// included, ignores it; it wakes nothing (that is Multicast_Wake's job).
+void Multicast_SendStopByte(const MulticastChannel& channel);

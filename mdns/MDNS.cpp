@@ -308,6 +308,7 @@ void MDNS_delete(MDNSResponder* responder) {
   if (responder == nullptr) return;
   responder->running = false;
   // The woken receive thread sends the goodbye and ends.
+  Multicast_SendStopByte(responder->channel);
   Multicast_Wake(responder->channel);
   if (responder->thread.joinable()) responder->thread.join();
   delete responder;

@@ -212,8 +212,8 @@ SSDP* SSDP_new(const char* const* types, int count, const char* udn, const char*
 void SSDP_delete(SSDP* engine) {
   if (!engine) return;
   engine->running = false;
-  // The wake-up byte comes back from port 1900, which the receive path
-  // ignores; it, or the event when it cannot leave, only ends the wait.
+  // The stop byte comes back from port 1900, which the receive path ignores.
+  Multicast_SendStopByte(engine->channel);
   Multicast_Wake(engine->channel);
   if (engine->thread.joinable()) engine->thread.join();
   delete engine;
