@@ -1,7 +1,7 @@
 // Lists the usable IPv4 interfaces from the kernel's interface configuration
 // list, keeping its order: one node for each run of addresses of one
 // interface, only for interfaces that are up and are not the loopback.
-#include "http/NetworkInterface.h"
+#include "base/NetworkInterface.h"
 
 #include <net/if.h>
 #include <sys/ioctl.h>
@@ -98,4 +98,11 @@ void NetworkInterface_delete(NetworkInterface* list) {
     delete list;
     list = next;
   }
+}
+
+bool NetworkInterface_SameAddresses(const NetworkInterface* before, const NetworkInterface* now) {
+  for (; before && now; before = before->next, now = now->next) {
+    if (before->address.sin_addr.s_addr != now->address.sin_addr.s_addr) return false;
+  }
+  return !before && !now;
 }

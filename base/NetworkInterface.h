@@ -1,7 +1,7 @@
 // A snapshot of the machine's usable IPv4 interfaces (up, not loopback), one
-// node per interface in the system's order. The device layer compares
-// snapshots to notice changes; the first node's MAC address seeds the device
-// identity.
+// node per interface in the system's order, and how two snapshots differ:
+// the device layer compares them to follow the network; the first node's
+// MAC address seeds the device identity.
 #pragma once
 
 #include <netinet/in.h>
@@ -22,6 +22,15 @@ struct NetworkInterface {
 NetworkInterface* NetworkInterface_new();
 // Frees every node of the list; null is allowed.
 void NetworkInterface_delete(NetworkInterface* list);
+
+// True when both lists hold the same addresses in the same order.
+bool NetworkInterface_SameAddresses(const NetworkInterface* before, const NetworkInterface* now);
+// True when `now`, found at the place and address of `before` in a list with
+// the same addresses, is another interface: removed and made again between
+// the two snapshots (an adapter plugged back in).
+inline bool NetworkInterface_Recreated(const NetworkInterface& before, const NetworkInterface& now) {
+  return before.index != now.index;
+}
 
 struct NetworkInterfaceDeleter {
   void operator()(NetworkInterface* list) const { NetworkInterface_delete(list); }

@@ -17,9 +17,9 @@
 #include <new>
 #include <string_view>
 
-#include "http/HTTPServer.h"
-#include "http/NetworkInterface.h"
+#include "base/NetworkInterface.h"
 #include "base/Text.h"
+#include "http/HTTPServer.h"
 #include "mdns/MDNS.h"
 #include "ssdp/SSDP.h"
 #include "upnp/GENA.h"
@@ -170,21 +170,13 @@ void ReleaseInterfaces(UPnPDevice* device) {
   device->interfaceCount = 0;
 }
 
-bool SameAddresses(const NetworkInterface* current, const NetworkInterface* fresh) {
-  for (; current && fresh; current = current->next, fresh = fresh->next) {
-    if (current->address.sin_addr.s_addr != fresh->address.sin_addr.s_addr) return false;
-  }
-  return !current && !fresh;
-}
-
-// With the same addresses, an interface whose index changed was removed and
-// made again between two checks (an adapter plugged back in): its engines
-// keep running, on fresh sockets, as the old ones lost the interface.
+// With the same addresses, an interface made again between two checks keeps
+// its engines running, on fresh sockets, as the old ones lost the interface.
 void RenewRecreated(UPnPDevice* device, NetworkInterface* fresh) {
   size_t slot = 0;
   for (const NetworkInterface *old = device->interfaces, *now = fresh; old && now;
        old = old->next, now = now->next, ++slot) {
-    if (old->index == now->index) continue;
+    if (!NetworkInterface_Recreated(*old, *now)) continue;
     if (slot < device->ssdpEngines.size()) SSDP_Renew(device->ssdpEngines[slot]);
     if (slot < device->mdnsResponders.size()) MDNS_Renew(device->mdnsResponders[slot]);
   }
@@ -197,7 +189,7 @@ void RenewRecreated(UPnPDevice* device, NetworkInterface* fresh) {
 // hardware address as its host name.
 void CheckInterfaces(UPnPDevice* device) {
   NetworkInterface* fresh = NetworkInterface_new();
-  if (SameAddresses(device->interfaces, fresh)) {
+  if (NetworkInterface_SameAddresses(device->interfaces, fresh)) {
     RenewRecreated(device, fresh);
     return;
   }
