@@ -70,6 +70,18 @@ DmsItemFacts readItemFacts(const DmsObject* target, int folderFd) {
   return parseItem(target, folderFd);
 }
 
+// The class an object is published with: its own, except that with
+// clientCompatibility on an audio item is published as a music track, the
+// subclass that some players (MPD) take as their only playable audio.
+const char* publishedClass(const DmsObject* object) {
+  constexpr const char* kMusicTrackClass = "object.item.audioItem.musicTrack";
+  const char* upnpClass = object->upnpClass();
+  if (upnpClass == dlnaMediaClasses[DmsClass_AudioItem] && DmsServer_Info().clientCompatibility) {
+    return kMusicTrackClass;
+  }
+  return upnpClass ? upnpClass : "";
+}
+
 // Appends the text doubly escaped.
 void appendEscaped(std::string& out, std::string_view text) { XML_AppendEscaped(out, text, true); }
 
@@ -273,7 +285,7 @@ void DmsDidl_AppendObject(std::string& out, const DmsObject* object, const char*
     out += '"';
   }
   out += "&gt;&lt;upnp:class&gt;";
-  out += object->upnpClass() ? object->upnpClass() : "";
+  out += publishedClass(object);
   out += "&lt;/upnp:class&gt;&lt;dc:title&gt;";
   if (container) {
     const bool volume = object->upnpClass() == dlnaMediaClasses[DmsClass_StorageVolume];
