@@ -6,7 +6,7 @@ COV_BUILD  := build-coverage
 # The product as coverage counts it: everything but tests, tools, fuzz and bench.
 COV_DIRS   := app base http upnp ssdp dms media mdns
 JOBS       ?= $(shell nproc)
-CROSS_ARCHES   := i386 armhf
+CROSS_ARCHES   := i386 armhf arm64
 # How this machine starts a 32-bit x86 program: natively, or through
 # qemu-user where the kernel cannot (the system tests then need the kernel).
 I386_NATIVE := $(shell /lib/ld-linux.so.2 --version >/dev/null 2>&1 && echo yes)
@@ -67,9 +67,9 @@ else
 endif
 	$(MAKE) bench-quick
 
-# 32-bit builds for the board, build-i386/ and build-armhf/: every unit test
-# and fuzz-corpus replay runs in both, the i386 build natively, the armhf
-# build under qemu-user. (`make check` adds the system tests on i386.)
+# Builds for the boards, build-i386/, build-armhf/ and build-arm64/: every
+# unit test and fuzz-corpus replay runs in each, the i386 build natively, the
+# ARM builds under qemu-user. (`make check` adds the system tests on i386.)
 cross: deps $(CROSS_ARCHES:%=cross-%)
 
 $(CROSS_ARCHES:%=cross-%): cross-%:
@@ -79,7 +79,9 @@ $(CROSS_ARCHES:%=cross-%): cross-%:
 	cd build-$* && ctest --output-on-failure -j 2 -LE system
 
 # Board releases: a size-optimised, stripped build of dms and dms-probe per
-# architecture (build-release-<arch>/) and its Debian package in dist/.
+# architecture (build-release-<arch>/) and its Debian package in dist/,
+# checked by lintian as Debian checks its own (an error or a warning fails
+# the target).
 package: $(PACKAGE_ARCHES:%=package-%)
 
 $(PACKAGE_ARCHES:%=package-%): package-%:
@@ -87,6 +89,8 @@ $(PACKAGE_ARCHES:%=package-%): package-%:
 	  $(if $(filter amd64,$*),,-DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-$*.cmake) >/dev/null
 	cmake --build build-release-$* -j $(JOBS) --target dms dms-probe
 	tools/package/make-deb build-release-$* $* dist
+	lintian --fail-on error,warning \
+	  dist/dms_$$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' build-release-$*/CMakeCache.txt)_$*.deb
 
 # Line and branch coverage of the product by the whole suite (unit tests, fuzz
 # replays, system tests): an instrumented build runs ctest, then gcovr sums

@@ -1,6 +1,7 @@
 // Process entry: reads the settings from dmsConfig beside the executable
 // (and the cache directory from the environment), runs the media server
-// until SIGINT or SIGTERM, and stops it again.
+// until SIGINT or SIGTERM, and stops it again. A media folder that cannot be
+// read is named once on standard error; the server runs all the same.
 #include <pthread.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 #include <string_view>
 
 #include "app/Config.h"
+#include "dms/DmsFolder.h"
 #include "dms/DmsServer.h"
 #include "base/Text.h"
 
@@ -82,6 +84,11 @@ int main() {
 
   std::printf("\n[%s] running\n\n", label(settings.modelDescription));
   std::fflush(stdout);
+  // The scan tries the folder again at every pass, so a disk mounted later is found.
+  if (const char* problem = settings.path ? DmsFolder_Problem(settings.path->c_str()) : nullptr) {
+    std::fprintf(stderr, "dms: path \"%s\": %s; the library stays empty until it can be read\n",
+                 settings.path->c_str(), problem);
+  }
 
   running = 1;
   std::signal(SIGPIPE, SIG_IGN);

@@ -22,6 +22,7 @@
 #include <string_view>
 #include <vector>
 
+#include "dms/DmsFolder.h"
 #include "dms/DmsLibrary.h"
 #include "media/MediaNotes.h"
 #include "media/MediaStream.h"
@@ -348,6 +349,11 @@ bool probeArgument(const std::string& path) {
     return false;
   }
   if (S_ISDIR(info.st_mode)) {
+    // The reason the server gives at start when this is its media folder.
+    if (const char* problem = DmsFolder_Problem(path.c_str())) {
+      std::fprintf(stderr, "%s: %s\n", path.c_str(), problem);
+      return false;
+    }
     ProbeSummary summary;
     probeFolder(path, summary);
     std::printf("%s\n", probeSummaryJson(summary).c_str());

@@ -45,7 +45,7 @@ def listening_tcp_ports(pid):
 
 
 class Process:
-    # A program started for a test; stop() returns (stdout, exit status).
+    # A program started for a test; stop() returns (stdout, exit status) and keeps stderr in `errors`.
 
     def __init__(self, argv, cwd, env=None):
         self.popen = subprocess.Popen(argv, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
@@ -78,6 +78,7 @@ class Process:
                 out, err = self.popen.communicate()
                 raise
             self.result = (out.decode(errors="replace"), self.popen.returncode)
+            self.errors = err.decode(errors="replace")
             if err:
                 # Sanitizer reports land on stderr: a test must not pass over them.
                 assert b"Sanitizer" not in err and b"runtime error" not in err, err.decode(errors="replace")

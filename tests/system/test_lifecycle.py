@@ -30,12 +30,15 @@ def catches_signal(pid, sig, timeout=10.0):
     raise TimeoutError(f"no handler for signal {sig}")
 
 
-@pytest.mark.parametrize("config, sig, label", [
-    ('path = "{media}"\nmodelDescription = "Shelf"\n', signal.SIGTERM, "Shelf"),
-    ('modelDescription = Plain\nmanufacturer = "Acme"\n', signal.SIGINT, "Acme"),  # the next quotes win
-    (None, signal.SIGTERM, "(null)"),  # no file at all
+@pytest.mark.parametrize("config, sig, label, errors", [
+    ('path = "{media}"\nmodelDescription = "Shelf"\n', signal.SIGTERM, "Shelf", ""),
+    ('modelDescription = Plain\nmanufacturer = "Acme"\n', signal.SIGINT, "Acme", ""),  # the next quotes win
+    (None, signal.SIGTERM, "(null)", ""),  # no file at all
+    # A folder that cannot be read is named once; the server runs all the same.
+    ('path = "{media}/gone"\nmodelDescription = "Gone"\n', signal.SIGTERM, "Gone",
+     'dms: path "{media}/gone": No such file or directory; the library stays empty until it can be read\n'),
 ])
-def test_signal_stops_promptly_with_both_lines(dms, tmp_path, config, sig, label):
+def test_signal_stops_promptly_with_both_lines(dms, tmp_path, config, sig, label, errors):
     server = dms(config and config.replace("{media}", str(tmp_path)))
     # With a library the server listens; a connection still open does not hold the stop up.
     idle = Client(server.wait_ready()) if label == "Shelf" else None
@@ -44,7 +47,7 @@ def test_signal_stops_promptly_with_both_lines(dms, tmp_path, config, sig, label
         (server.folder / "dmsConfig").write_text('modelDescription = "Second"\n')  # read once, at start
     started = time.monotonic()
     assert server.stop(sig) == (f"\n[{label}] running\n\n\n[{label}] stopped\n\n", 0)
-    assert time.monotonic() - started < 2.5
+    assert time.monotonic() - started < 2.5 and server.errors == errors.replace("{media}", str(tmp_path))
     if idle:
         idle.close()
 
