@@ -9,8 +9,9 @@ JOBS       ?= $(shell nproc)
 CROSS_ARCHES   := i386 armhf
 # How this machine starts a 32-bit x86 program: natively, or through
 # qemu-user where the kernel cannot (the system tests then need the kernel).
-I386_NATIVE := $(shell /lib/ld-linux.so.2 --version >/dev/null 2>&1 && echo yes)
-I386_RUN    := $(if $(I386_NATIVE),,qemu-i386)
+# Asked when a recipe runs, after `make deps` may have installed libc6-i386.
+I386_NATIVE = $(shell /lib/ld-linux.so.2 --version >/dev/null 2>&1 && echo yes)
+I386_RUN    = $(if $(I386_NATIVE),,qemu-i386)
 PACKAGE_ARCHES := amd64 $(CROSS_ARCHES)
 
 .PHONY: all build build-tests asan alloc-failures run check coverage deps build-deps fuzz bench bench-quick clean cross package \
@@ -68,11 +69,8 @@ check: deps build-tests asan cross
 	cd $(BUILD) && ctest --output-on-failure -j 2
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j 2
-ifeq ($(I386_NATIVE),yes)
-	cd build-i386 && ctest --output-on-failure -L system
-else
-	@echo "-- i386 system tests skipped: this kernel cannot start 32-bit x86 programs"
-endif
+	$(if $(I386_NATIVE),cd build-i386 && ctest --output-on-failure -L system,\
+	  @echo "-- i386 system tests skipped: this kernel cannot start 32-bit x86 programs")
 	$(MAKE) bench-quick
 
 # 32-bit builds for the board, build-i386/ and build-armhf/: every unit test
