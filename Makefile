@@ -9,23 +9,32 @@ JOBS       ?= $(shell nproc)
 CROSS_ARCHES   := i386 armhf arm64
 # How this machine starts a 32-bit x86 program: natively, or through
 # qemu-user where the kernel cannot (the system tests then need the kernel).
-I386_NATIVE := $(shell /lib/ld-linux.so.2 --version >/dev/null 2>&1 && echo yes)
-I386_RUN    := $(if $(I386_NATIVE),,qemu-i386)
+# Asked when a recipe runs, after `make deps` may have installed libc6-i386.
+I386_NATIVE = $(shell /lib/ld-linux.so.2 --version >/dev/null 2>&1 && echo yes)
+I386_RUN    = $(if $(I386_NATIVE),,qemu-i386)
 PACKAGE_ARCHES := amd64 $(CROSS_ARCHES)
 
-.PHONY: all build asan alloc-failures run check coverage deps build-deps fuzz bench bench-quick clean cross package \
+.PHONY: all build build-tests asan alloc-failures run check coverage deps build-deps fuzz bench bench-quick clean cross package \
         $(CROSS_ARCHES:%=cross-%) $(PACKAGE_ARCHES:%=package-%)
 
 all: build
 
+# The server and its tools, which need only a compiler, CMake and make.
 build:
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDMS_TESTS=OFF >/dev/null
+	cmake --build $(BUILD) -j $(JOBS)
+
+# The same build directory with the tests, fuzz replays and benchmarks too
+# (GoogleTest needed). Each target names DMS_TESTS, so `make run` and
+# `make check` can take turns in build/.
+build-tests:
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDMS_TESTS=ON >/dev/null
 	cmake --build $(BUILD) -j $(JOBS)
 
 # The sanitizer build is also the failure-injection build: its executables
 # carry the allocator of tests/inject, inert unless a test arms it.
 asan:
-	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DDMS_SANITIZE=ON -DDMS_ALLOC_FAILURES=ON >/dev/null
+	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DDMS_SANITIZE=ON -DDMS_ALLOC_FAILURES=ON -DDMS_TESTS=ON >/dev/null
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 
 # Every allocation of the scripted session failed in turn, in both modes
@@ -55,16 +64,13 @@ deps:
 build-deps:
 	tools/install-deps build
 
-check: deps build asan cross
+check: deps build-tests asan cross
 	cmake --build $(BUILD) -j $(JOBS) --target bench
 	cd $(BUILD) && ctest --output-on-failure -j 2
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j 2
-ifeq ($(I386_NATIVE),yes)
-	cd build-i386 && ctest --output-on-failure -L system
-else
-	@echo "-- i386 system tests skipped: this kernel cannot start 32-bit x86 programs"
-endif
+	$(if $(I386_NATIVE),cd build-i386 && ctest --output-on-failure -L system,\
+	  @echo "-- i386 system tests skipped: this kernel cannot start 32-bit x86 programs")
 	$(MAKE) bench-quick
 
 # Builds for the boards, build-i386/, build-armhf/ and build-arm64/: every
@@ -74,7 +80,7 @@ cross: deps $(CROSS_ARCHES:%=cross-%)
 
 $(CROSS_ARCHES:%=cross-%): cross-%:
 	cmake -S . -B build-$* -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-$*.cmake \
-	  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDMS_TESTS=ON >/dev/null
 	cmake --build build-$* -j $(JOBS)
 	cd build-$* && ctest --output-on-failure -j 2 -LE system
 
@@ -97,7 +103,7 @@ $(PACKAGE_ARCHES:%=package-%): package-%:
 # the counters of the product folders. The server writes its counters when
 # it returns from main after SIGTERM.
 coverage:
-	cmake -S . -B $(COV_BUILD) -DCMAKE_BUILD_TYPE=Debug -DDMS_COVERAGE=ON >/dev/null
+	cmake -S . -B $(COV_BUILD) -DCMAKE_BUILD_TYPE=Debug -DDMS_COVERAGE=ON -DDMS_TESTS=ON >/dev/null
 	cmake --build $(COV_BUILD) -j $(JOBS)
 	find $(COV_BUILD) -name '*.gcda' -delete
 	cd $(COV_BUILD) && ctest --output-on-failure -j 2
@@ -113,10 +119,10 @@ coverage:
 BENCH_DIR ?= /tmp
 bench:
 	tools/install-deps bench
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDMS_TESTS=ON >/dev/null
 	cmake --build $(BUILD) -j $(JOBS) --target bench
 	cmake -S . -B build-i386 -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-i386.cmake \
-	  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDMS_TESTS=ON >/dev/null
 	cmake --build build-i386 -j $(JOBS) --target dms bench
 	@for src in bench/*.cpp; do \
 	  name=$$(basename $$src .cpp); \
