@@ -14,7 +14,7 @@ I386_NATIVE = $(shell /lib/ld-linux.so.2 --version >/dev/null 2>&1 && echo yes)
 I386_RUN    = $(if $(I386_NATIVE),,qemu-i386)
 PACKAGE_ARCHES := amd64 $(CROSS_ARCHES)
 
-.PHONY: all build build-tests asan alloc-failures run check coverage deps build-deps fuzz bench bench-quick clean cross package \
+.PHONY: all build build-tests package-deps asan alloc-failures run check coverage deps build-deps fuzz bench bench-quick clean cross package \
         $(CROSS_ARCHES:%=cross-%) $(PACKAGE_ARCHES:%=package-%)
 
 all: build
@@ -90,7 +90,10 @@ $(CROSS_ARCHES:%=cross-%): cross-%:
 # the target).
 package: $(PACKAGE_ARCHES:%=package-%)
 
-$(PACKAGE_ARCHES:%=package-%): package-%:
+package-deps:
+	tools/install-deps package
+
+$(PACKAGE_ARCHES:%=package-%): package-%: package-deps
 	cmake -S . -B build-release-$* -DCMAKE_BUILD_TYPE=MinSizeRel -DDMS_SIZE_RELEASE=ON \
 	  $(if $(filter amd64,$*),,-DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-$*.cmake) >/dev/null
 	cmake --build build-release-$* -j $(JOBS) --target dms dms-probe
