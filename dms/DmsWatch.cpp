@@ -40,6 +40,7 @@ struct WatchState {
   uint32_t unwatched = 0;     // folders of this pass without a watch
   bool told = false;          // the line on standard error is written
   bool due = false;           // a change came since the last pass began
+  bool moved = false;         // ... and it moved an entry (the folder it went to may not be watched yet)
   Clock::time_point lastChange;
 };
 
@@ -62,7 +63,10 @@ bool drain() {
     if (got <= 0) return found;
     for (ssize_t at = 0; at < got;) {
       const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
-      found |= matters(*event);
+      if (matters(*event)) {
+        found = true;
+        watch.moved |= (event->mask & (IN_MOVED_FROM | IN_MOVED_TO)) != 0;
+      }
       at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
     }
   }
@@ -108,6 +112,14 @@ void DmsWatch_Folder(const char* path) {
 }
 
 void DmsWatch_PassDone() {
+  // A pass may read the folder an entry moved to before the one it left: it
+  // then leaves the entry where it was and removes it there as unseen. The
+  // next pass finds it in its new place, so it follows at once.
+  if (watch.moved) {
+    watch.moved = false;
+    watch.due = true;
+    watch.lastChange = Clock::now() - kQuiet;
+  }
   if (watch.unwatched > 0 && !watch.told) {
     if (watch.failure == ENOSPC) {
       std::fprintf(stderr, "dms: the inotify watch limit is reached (sysctl fs.inotify.max_user_watches): %u %s\n",

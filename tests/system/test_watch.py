@@ -45,6 +45,8 @@ def test_changes_are_listed_at_once_only_with_the_watch_on(dms, tmp_path, gif):
         (lambda: (media / "half.gif").write_bytes(gif), ["c", "d", "half"]),
         (lambda: ((media / "New").mkdir(), (media / "New" / "e.gif").write_bytes(gif)),
          ["c", "d", "e", "half"]),
+        (lambda: ((media / "Early").mkdir(), (media / "New" / "e.gif").rename(media / "Early" / "f.gif")),
+         ["c", "d", "f", "half"]),
     ]
     on, off = (dms(f'path = "{media}"\nrefreshInterval = "{INTERVAL}"\nwatchChanges = "{value}"\n').wait_ready()
                for value in ("on", "yes"))
