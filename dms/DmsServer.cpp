@@ -190,8 +190,9 @@ void refreshLoop() {
         }
       }
     }
-    if (lastResult != 0) changed |= idleWait();
-    else refreshSleep(kBusySleep);
+    // A pass the watch asked for and the busy mutex put off is tried again soon.
+    if (lastResult == 0 || changed) refreshSleep(kBusySleep);
+    else changed = idleWait();
   }
   std::lock_guard lock(DmsServer_ContentMutex());
   freeTree();
