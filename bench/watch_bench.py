@@ -184,7 +184,7 @@ def main():
     print(f"| the watched server's idle CPU against the periodic one's | {share:.2f} | at most {TARGET_CPU_SHARE}: "
           f"{verdict(share <= TARGET_CPU_SHARE)} |")
     scans = (used[1] - used[2]) or float("inf")
-    print(f"| the same, the device thread's share taken from both | {(used[0] - used[2]) / scans:.2f} | |")
+    print(f"| the same, the device thread's share taken from both | {(used[0] - used[2]) / scans + 0.0:.2f} | |")
     print(f"| inotify watches held | {watches} of {folders} folders | |")
     print(f"| kernel memory per watch ({' + '.join(KERNEL_SLABS)} slab objects) | {kernel} bytes | |")
     print(f"| VmRSS after the first pass: watch on; off, interval {PERIODIC_INTERVAL} s; off, "
