@@ -39,7 +39,7 @@ struct WatchState {
   int failure = 0;
   uint32_t unwatched = 0;     // folders of this pass without a watch
   bool told = false;          // the line on standard error is written
-  bool due = false;           // a change came since the last pass began
+  bool due = false;           // changes came that no pass has been asked for yet
   bool moved = false;         // ... and it moved an entry (the folder it went to may not be watched yet)
   Clock::time_point lastChange;
 };
