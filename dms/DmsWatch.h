@@ -21,8 +21,10 @@ bool DmsWatch_Waits();
 // goes unnoticed. Folders it cannot watch are counted. Nothing while the
 // watch is off.
 void DmsWatch_Folder(const char* path);
-// Ends a pass: the first pass that met folders it could not watch writes one
-// line on standard error saying why and how many.
+// Ends a pass. After changes that moved an entry another pass is due at once
+// (the entry may have been met in its new folder before it left the old).
+// The first pass that met folders it could not watch writes one line on
+// standard error saying why and how many.
 void DmsWatch_PassDone();
 
 // Waits at most `limit`: true once changes came and then none for about a
