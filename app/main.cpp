@@ -53,6 +53,7 @@ struct Settings {
   std::optional<std::string> path, deviceName, manufacturer, modelName, modelNumber, modelDescription;
   uint16_t refreshInterval = 0;
   bool clientCompatibility = false;
+  bool watchChanges = false;
 };
 
 // False when memory ran out while the file was read: the server then does
@@ -70,6 +71,7 @@ bool readSettings(Settings& settings) {
     settings.refreshInterval = static_cast<uint16_t>(Text_ReadInt(interval ? *interval : std::string_view()));
     // Only "on" exactly: anything else leaves the server as designed.
     settings.clientCompatibility = getDMSInfo("clientCompatibility") == "on";
+    settings.watchChanges = getDMSInfo("watchChanges") == "on";
     return true;
   } catch (const std::bad_alloc&) {
     return false;
@@ -97,7 +99,8 @@ int main() {
   useSmallThreadStacks();
 
   constexpr uint16_t kAnyPort = 0;
-  const uint32_t flags = kDmsFlagSsdp | (settings.clientCompatibility ? kDmsFlagClientCompatibility : 0);
+  const uint32_t flags = kDmsFlagSsdp | (settings.clientCompatibility ? kDmsFlagClientCompatibility : 0) |
+                         (settings.watchChanges ? kDmsFlagWatchChanges : 0);
   // The one setting taken from the environment: where systemd's CacheDirectory= lies.
   if (configured && DMS_SetCacheDirectory(std::getenv("CACHE_DIRECTORY")) &&
       DMS_Open(textOrNull(settings.deviceName), textOrNull(settings.manufacturer), textOrNull(settings.modelName),

@@ -27,6 +27,7 @@
 #include "dms/DmsCache.h"
 #include "dms/DmsMemo.h"
 #include "dms/DmsServerState.h"
+#include "dms/DmsWatch.h"
 #include "media/MediaStream.h"
 
 namespace {
@@ -234,6 +235,7 @@ enum class FolderRead { Unreadable, Unchanged, Changed };
   if (folder->childCount < 0) folder->childCount = 0;
   const std::string path = DmsObject_GetPath(folder);
   if (path.empty()) return FolderRead::Unreadable;
+  DmsWatch_Folder(path.c_str());
   DirectoryReader directory(path);
   if (!directory.ok()) return FolderRead::Unreadable;
   folder->pass = pass;

@@ -22,12 +22,13 @@
 #include <utility>
 
 #include "base/MemoryReserve.h"
+#include "base/NetworkInterface.h"
 #include "dms/DmsCache.h"
 #include "dms/DmsDevice.h"
 #include "dms/DmsLibrary.h"
 #include "dms/DmsObject.h"
 #include "dms/DmsServerState.h"
-#include "base/NetworkInterface.h"
+#include "dms/DmsWatch.h"
 #include "upnp/UUID.h"
 
 namespace {
@@ -144,8 +145,17 @@ void refreshSleep(Duration duration) {
   s.wake.wait_for(lock, duration, [&] { return !s.open.load(); });
 }
 
+// One idle wait between passes; true when the watch saw changes settle, so
+// that the next pass is due now.
+bool idleWait() {
+  if (DmsWatch_Waits()) return DmsWatch_Wait(kIdleSleep);
+  refreshSleep(kIdleSleep);
+  return false;
+}
+
 // One scan step whenever the content mutex is free: 20 ms apart while a pass
-// is unfinished, then the refresh interval in 5-second waits before the next.
+// is unfinished, then the refresh interval in 5-second waits before the next,
+// or less once the watch has seen the library change.
 // With a cache directory, the memo file is loaded before the first pass and
 // saved at the end of each pass.
 void refreshLoop() {
@@ -153,10 +163,11 @@ void refreshLoop() {
   int32_t pass = 0;
   uint32_t waited = 0;
   int lastResult = 0;
+  bool changed = false;  // the watch saw changes: a pass as soon as the mutex is free
   const bool cached = !s.cacheDirectory.empty();
   if (cached) DmsCache_Load(s.cacheDirectory, s.mediaPath);
   while (s.open) {
-    if (lastResult == 1 && waited <= DmsServer_Info().refreshInterval) {
+    if (lastResult == 1 && waited <= DmsServer_Info().refreshInterval && !changed) {
       waited += kRefreshWaitStep;
     } else {
       // A new pass sets the reserve aside again, if the memory is back, and
@@ -168,17 +179,20 @@ void refreshLoop() {
       waited = 0;
       std::unique_lock lock(DmsServer_ContentMutex(), std::try_to_lock);
       if (lock.owns_lock()) {
+        changed = false;
         int64_t spent = 0;
         DmsObject* folder = DmsObject_Find(DmsId_MediaDirectory);
         lastResult = folder ? DmsLibrary_Scan(folder, pass, &spent) : 1;
+        if (lastResult == 1) DmsWatch_PassDone();
         if (lastResult == 1 && cached) {
           DmsCache_Unload();
           DmsCache_Save(s.cacheDirectory, s.mediaPath, lock);
         }
       }
     }
-    if (lastResult != 0) refreshSleep(kIdleSleep);
-    else refreshSleep(kBusySleep);
+    // A pass the watch asked for and the busy mutex put off is tried again soon.
+    if (lastResult == 0 || changed) refreshSleep(kBusySleep);
+    else changed = idleWait();
   }
   std::lock_guard lock(DmsServer_ContentMutex());
   freeTree();
@@ -241,6 +255,7 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
   s.open = true;
 
   DmsServer_SetShared(true);
+  if (flags & kDmsFlagWatchChanges) DmsWatch_Open();
   try {
     s.refreshThread = std::thread(refreshLoop);
   } catch (const std::exception&) {  // no thread, or no memory for one
@@ -248,6 +263,7 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
     freeTree();
     s.open = false;
     DmsServer_SetShared(false);
+    DmsWatch_Close();
     return 0;
   }
   // This server runs no mDNS services.
@@ -268,7 +284,9 @@ void DMS_Close() {
     s.open = false;
   }
   s.wake.notify_all();
+  DmsWatch_Wake();
   UPnPDevice_Close(&dmsDevice);
   if (s.refreshThread.joinable()) s.refreshThread.join();
+  DmsWatch_Close();
   DmsServer_SetShared(false);
 }

@@ -10,6 +10,9 @@ constexpr uint32_t kDmsFlagSsdp = 1;  // announce the device by SSDP
 // Take control requests' arguments in any order and a Browse Filter of any
 // length, for clients that need it (the setting clientCompatibility).
 constexpr uint32_t kDmsFlagClientCompatibility = 2;
+// Watch the library's folders and run a pass about a second after a change
+// (the setting watchChanges); the periodic pass goes on as well.
+constexpr uint32_t kDmsFlagWatchChanges = 4;
 
 // Non-zero on success (also when already open or when `flags` is 0). Each
 // text may be null. Port 0 lets the system choose a free HTTP port.

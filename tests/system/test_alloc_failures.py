@@ -2,7 +2,7 @@
 # torture tests try them. The sanitizer build links an allocator
 # (tests/inject) that fails allocation N of a process, or, in mode "after",
 # every allocation from N on until the process gets SIGUSR1. One scripted
-# session (start-up and first scan of the demo library, description and SCPDs,
+# session (start-up and first scan of the demo library, its folders watched, description and SCPDs,
 # Browse of a large folder and of every view, a ranged media item and a
 # thumbnail, a SUBSCRIBE and its first NOTIFY, an M-SEARCH answer, the memo
 # file loaded and written; then dms-probe over the library) is replayed for N = 1, 2, ... up to its count of
@@ -52,7 +52,8 @@ def library(tmp_path_factory):
     for index in range(JOBS):
         (slot := root / f"server{index}").mkdir()
         shutil.copy2(BUILD / "dms", slot / "dms")
-        (slot / "dmsConfig").write_text(f'path = "{root / "media"}"\nmodelDescription = "Sweep"\n')
+        (slot / "dmsConfig").write_text(f'path = "{root / "media"}"\nmodelDescription = "Sweep"\n'
+                                        'watchChanges = "on"\n')
         slots.put(slot)
     return root / "media", slots
 
