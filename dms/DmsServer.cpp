@@ -147,7 +147,7 @@ void refreshSleep(Duration duration) {
 // One scan step whenever the content mutex is free: 20 ms apart while a pass
 // is unfinished, then the refresh interval in 5-second waits before the next.
 // With a cache directory, the memo file is loaded before the first pass and
-// saved at the end of each pass.
+// saved at the end of each pass that saw the library.
 void refreshLoop() {
   ServerState& s = state();
   int32_t pass = 0;
@@ -171,10 +171,7 @@ void refreshLoop() {
         int64_t spent = 0;
         DmsObject* folder = DmsObject_Find(DmsId_MediaDirectory);
         lastResult = folder ? DmsLibrary_Scan(folder, pass, &spent) : 1;
-        if (lastResult == 1 && cached) {
-          DmsCache_Unload();
-          DmsCache_Save(s.cacheDirectory, s.mediaPath, lock);
-        }
+        if (lastResult == 1 && cached) DmsCache_PassEnded(s.cacheDirectory, s.mediaPath, lock);
       }
     }
     if (lastResult != 0) refreshSleep(kIdleSleep);
