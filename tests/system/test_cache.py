@@ -127,25 +127,26 @@ def test_a_restart_with_memos_lists_and_serves_as_without(dms, tmp_path):
 
 
 class Stick:
-    # The demo library on an exFAT image, plugged in at `mount` through a loop
-    # device and exfat-fuse, which numbers inodes in the order files are looked up.
+    # The demo library on an exFAT image, plugged in at `mount` through a loop device and exfat-fuse,
+    # which numbers inodes in the order files are looked up; `opened` tells which files were opened on it.
 
     def __init__(self, root):
         self.image, self.mount, self.daemon = root / "stick.img", root / "stick", None
         self.mount.mkdir()
-        with open(self.image, "wb") as image:
-            image.truncate(32 << 20)
+        self.image.touch()
+        os.truncate(self.image, 32 << 20)
         subprocess.run(["mkfs.exfat", str(self.image)], check=True, capture_output=True)
         self.plug()
-        demo = root / "demo"
-        subprocess.run([str(BUILD / "dms-mkdemo"), str(demo)], check=True)
-        shutil.copytree(demo, self.mount, dirs_exist_ok=True)
+        subprocess.run([str(BUILD / "dms-mkdemo"), str(root / "demo")], check=True)
+        shutil.copytree(root / "demo", self.mount, dirs_exist_ok=True)
         (self.mount / "notes.txt").write_text("not media")
 
+    def run(self, *argv):
+        return subprocess.run(argv, check=True, capture_output=True, text=True).stdout.strip()
+
     def plug(self):
-        # Mounted again, every file looked up in the reverse order of the last mount's.
-        self.device = subprocess.run(["losetup", "-f", "--show", str(self.image)], check=True,
-                                     capture_output=True, text=True).stdout.strip()
+        # Mounted again, and every file looked up in the reverse order of the last mount's.
+        self.device = self.run("losetup", "-f", "--show", str(self.image))
         self.daemon = subprocess.Popen(["mount.exfat-fuse", "-d", self.device, str(self.mount)],
                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         deadline = time.monotonic() + 10
@@ -154,51 +155,39 @@ class Stick:
             time.sleep(0.05)
         for path in sorted(self.mount.rglob("*"), reverse=True):
             path.stat()
+        self.events, self.watch = [], subprocess.Popen(
+            ["inotifywait", "-m", "-r", "-e", "open", "--format", "%e %w%f", str(self.mount)],
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        while "Watches established" not in self.watch.stderr.readline():
+            assert self.watch.poll() is None, "inotifywait failed"
+        threading.Thread(target=lambda: self.events.extend(map(str.strip, self.watch.stdout)), daemon=True).start()
+
+    def opened(self):
+        # The files opened since the mount or the last look: an open of our own, seen last, shows that all were seen.
+        marker, deadline = str(self.mount / "notes.txt"), time.monotonic() + 10
+        while not any(e.endswith(marker) for e in self.events) and time.monotonic() < deadline:
+            (self.mount / "notes.txt").read_text()
+            time.sleep(0.1)
+        seen = self.events[:]
+        del self.events[:len(seen)]
+        return [e for e in seen if "ISDIR" not in e and not e.endswith(marker)]
 
     def unplug(self):
-        subprocess.run(["umount", "-l", str(self.mount)], check=True)
+        self.watch.terminate()
+        self.run("umount", "-l", str(self.mount))
         self.daemon.wait(timeout=10)
-        subprocess.run(["losetup", "-d", self.device], check=True)
+        self.run("losetup", "-d", self.device)
         self.daemon = None
-
-    def close(self):
-        if self.daemon:
-            self.unplug()
 
 
 def fuse_missing():
-    # Why an exFAT stick cannot be mounted here, or None.
-    for tool in ("mkfs.exfat", "mount.exfat-fuse", "losetup", "inotifywait"):
-        if not shutil.which(tool):
-            return f"{tool} is not installed (tools/install-deps)"
+    # Why no exFAT stick can be mounted here, or None.
+    if missing := [t for t in ("mkfs.exfat", "mount.exfat-fuse", "losetup", "inotifywait") if not shutil.which(t)]:
+        return f"not installed (tools/install-deps): {missing}"
     try:
         os.close(os.open("/dev/fuse", os.O_RDWR))
     except OSError as error:
         return f"/dev/fuse: {error}"
-    return None
-
-
-class Opens:
-    # The files under the stick's mount opened from now until count(), as inotify sees them.
-
-    def __init__(self, stick):
-        self.marker, self.lines = stick.mount / "notes.txt", []
-        self.watch = subprocess.Popen(["inotifywait", "-m", "-r", "-e", "open", "--format", "%e %w%f",
-                                       str(stick.mount)], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        while "Watches established" not in self.watch.stderr.readline():
-            assert self.watch.poll() is None, "inotifywait failed"
-        self.reader = threading.Thread(target=lambda: self.lines.extend(line.strip() for line in self.watch.stdout), daemon=True)
-        self.reader.start()
-
-    def count(self):
-        # An open of our own, seen last, shows that every earlier one was seen.
-        deadline = time.monotonic() + 10
-        while not any(line.endswith(str(self.marker)) for line in self.lines) and time.monotonic() < deadline:
-            self.marker.read_text()
-            time.sleep(0.1)
-        self.watch.terminate()
-        self.reader.join(timeout=10)
-        return [line for line in self.lines if "ISDIR" not in line and not line.endswith(str(self.marker))]
 
 
 def views_hold(port, counts, timeout):
@@ -232,20 +221,21 @@ def test_a_library_on_an_exfat_stick_keeps_its_memos(dms, tmp_path):
         for case, before, during in STICK_CASES:
             for step in before:
                 getattr(stick, step)()
-            opens = stick.daemon and Opens(stick)
+            if stick.daemon:
+                stick.opened()  # what the cases before opened
             server = dms(f'path = "{stick.mount}"\nrefreshInterval = "30"\n', env={"CACHE_DIRECTORY": str(cache)})
             port = server.wait_ready()
-            views_hold(port, views if stick.daemon else [0, 0, 0], 20)
-            for step in during:
-                assert not opens or opens.count() == [], case
-                getattr(stick, step)()
+            for step in [None, *during]:
+                if step:
+                    assert not stick.daemon or stick.opened() == [], case
+                    getattr(stick, step)()
                 if step == "unplug":  # answered, though the files are gone
                     listing(port)
-                opens = stick.daemon and Opens(stick)
-                views_hold(port, views if stick.daemon else [0, 0, 0], PASS_SECONDS)
+                views_hold(port, views if stick.daemon else [0, 0, 0], PASS_SECONDS if step else 20)
                 assert (cache / FILE).read_bytes() == memo, case
             # Not one file opened again, by the scan nor by Browse.
-            assert opens.count() == [] and masked(listing(port)) == expected, case
+            assert stick.opened() == [] and masked(listing(port)) == expected, case
             assert server.stop()[1] == 0 and (cache / FILE).read_bytes() == memo, case
     finally:
-        stick.close()
+        if stick.daemon:
+            stick.unplug()
