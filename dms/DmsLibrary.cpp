@@ -186,7 +186,7 @@ bool scanFile(FolderChildren& children, DmsObject* folder, const std::string& fo
   }
 
   if (MemoryReserve_Short()) return changed;
-  // A file whose memo was kept across a restart is not opened.
+  // A file whose memo the memo file keeps (found by its path) is not opened.
   MediaStreamPtr stream = DmsCache_Take(folderPath, name, info);
   if (!stream) {
     UniqueFd file(::openat(dirFd, name, O_RDONLY | O_CLOEXEC));
