@@ -145,7 +145,7 @@ bool index(Mapping bytes, const std::string& publishedPath) {
   for (int at = 7; at >= 0; --at) checksum = checksum << 8 | trailer[8 + at];
   VarintReader in(bytes.data(), trailer);
   const size_t most = in.left();
-  // Every memo and every text takes more than one byte.
+  // Every memo and every text takes a byte at least.
   if (Fnv().add(bytes.data(), bytes.size() - 8).hash != checksum || memoCount > most || textCount > most) return false;
   for (const char c : kMagic) {
     if (in.byte() != static_cast<uint8_t>(c)) return false;
