@@ -402,7 +402,7 @@ int main(int argc, char** argv) {
   const bool memoWritten = InChild([&] {
     TreeScan(TreeBuild(library.root), 1);
     std::unique_lock lock(DmsServer_ContentMutex());
-    DmsCache_Save(memoDirectory, library.root, lock);
+    DmsCache_PassEnded(memoDirectory, library.root, lock);
     return fs::exists(memoDirectory + "/" + DmsCache_FileName) ? 0 : 1;
   });
   const bool memoMeasured = memoWritten && InChild([&] {

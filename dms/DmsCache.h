@@ -1,16 +1,20 @@
 // The memo file: the items' memos kept across restarts in the cache directory
 // that the environment names, so that after a restart the scan lists a file
-// whose identity matches its memo without opening it. The file is loaded
-// before the first scan pass and written back, atomically, at the end of a
-// pass after which it would read otherwise. A file that fails any check
-// (format, word size, byte order, published path, a count, length or offset
-// beyond its bytes, the checksum) is treated as absent.
+// whose identity matches its memo without opening it. A memo is found by the
+// file's path relative to the published path, never by its device and inode
+// numbers, which change at each mount of a FAT or exFAT disk. The file is
+// loaded before the first scan pass and written back, atomically, at the end
+// of a pass after which it would read otherwise; a pass that did not see the
+// library leaves it as it is. A file that fails any check (format, word
+// size, byte order, published path, a count, length or offset beyond its
+// bytes, the checksum) is treated as absent.
 #pragma once
 
 #include <sys/stat.h>
 
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "dms/DmsObject.h"
 #include "dms/DmsServerState.h"
@@ -25,15 +29,21 @@ inline constexpr char DmsCache_NewFileName[] = "dms.memo.new";
 // published at `publishedPath` by a build of this format, word size and byte
 // order. Without a usable file nothing is loaded.
 void DmsCache_Load(const std::string& directory, const std::string& publishedPath);
-// The stream the loaded memo of the item `id` gives when it was made from the
+// The stream the loaded memo of the file `name` in the folder `folderPath`
+// (the path of a folder of the library) gives when it was made from the
 // file that `file` (its lstat) describes; null otherwise.
-MediaStreamPtr DmsCache_Take(DmsObjectId id, const struct stat& file);
-// Forgets what was loaded: the first pass is over.
+MediaStreamPtr DmsCache_Take(std::string_view folderPath, std::string_view name, const struct stat& file);
+// Forgets what was loaded.
 void DmsCache_Unload();
 
-// Writes the memos of the tree under the media-directory container to the
-// memo file of `directory` when the file would read otherwise than the one
-// loaded or last written. Called with the content mutex held by `lock`; the
-// file is written under it, and flushed to the device and renamed after the
-// lock is released. A failure leaves the previous file as it was.
-void DmsCache_Save(const std::string& directory, const std::string& publishedPath, std::unique_lock<DmsContentMutex>& lock);
+// At the end of a pass: writes the memos of the tree under the
+// media-directory container to the memo file of `directory` when the file
+// would read otherwise than the one loaded or last written, and forgets what
+// was loaded. When the pass found no item while that file holds memos, the
+// pass did not see the library: the file stays as it is and its memos stay
+// loaded (loaded again if need be) for the next pass. Called with the
+// content mutex held by `lock`; the file is written under it, and flushed to
+// the device and renamed after the lock is released. A failure leaves the
+// previous file as it was.
+void DmsCache_PassEnded(const std::string& directory, const std::string& publishedPath,
+                        std::unique_lock<DmsContentMutex>& lock);

@@ -166,8 +166,8 @@ void flushPlacements() {
 }
 
 // Handles one regular file of a folder being read; true when the library changed.
-bool scanFile(FolderChildren& children, DmsObject* folder, int dirFd, const char* name, const struct stat& info,
-              int32_t pass) {
+bool scanFile(FolderChildren& children, DmsObject* folder, const std::string& folderPath, int dirFd, const char* name,
+              const struct stat& info, int32_t pass) {
   if (!DmsLibrary_HasMediaExtension(name)) return false;
   const DmsObjectId id{static_cast<uint64_t>(info.st_dev) + 1, static_cast<uint64_t>(info.st_ino)};
   bool changed = false;
@@ -187,8 +187,8 @@ bool scanFile(FolderChildren& children, DmsObject* folder, int dirFd, const char
   }
 
   if (MemoryReserve_Short()) return changed;
-  // A file whose memo was kept across a restart is not opened.
-  MediaStreamPtr stream = DmsCache_Take(id, info);
+  // A file whose memo the memo file keeps (found by its path) is not opened.
+  MediaStreamPtr stream = DmsCache_Take(folderPath, name, info);
   if (!stream) {
     UniqueFd file(::openat(dirFd, name, O_RDONLY | O_CLOEXEC));
     if (file.get() < 0) return changed;
@@ -250,7 +250,7 @@ enum class FolderRead { Unreadable, Unchanged, Changed };
     // older one); the reserve is spent then, so the library stops growing.
     try {
       if (S_ISREG(info.st_mode)) {
-        changed |= scanFile(children, folder, directory.fd(), entry->d_name, info, pass);
+        changed |= scanFile(children, folder, path, directory.fd(), entry->d_name, info, pass);
       } else if (S_ISDIR(info.st_mode)) {
         scanDirectory(children, entry->d_name, info, pass);
       }

@@ -1,8 +1,9 @@
-// Item memos: their compact encoding in the item's block, the identity check
-// against an lstat of the file, and the table of texts that many memos share.
-// A memo is a flags byte and the file's type, then the file's identity, then
-// only the parts the file has, numbers in 7-bit groups; shared texts are
-// named by their address.
+// Item memos: their compact encoding, in the item's block and in the memo
+// file, the identity check against an lstat of the file, and the table of
+// texts that many memos share. A memo is a flags byte and the file's type,
+// then the file's identity, then only the parts the file has, numbers in
+// 7-bit groups; shared texts are named by their address in memory and by
+// their number in the memo file. One writer and one reader serve both.
 #include "dms/DmsMemo.h"
 
 #include <array>
@@ -10,6 +11,7 @@
 #include <memory>
 #include <new>
 
+#include "base/Fnv.h"
 #include "base/Varint.h"
 #include "dms/DmsObject.h"
 
@@ -79,11 +81,7 @@ class SharedTexts {
  private:
   static constexpr uint32_t kInitialBuckets = 64;
 
-  static uint32_t hashOf(std::string_view text) {
-    uint32_t hash = 2166136261u;  // FNV-1a
-    for (const char c : text) hash = (hash ^ static_cast<uint8_t>(c)) * 16777619u;
-    return hash;
-  }
+  static uint32_t hashOf(std::string_view text) { return static_cast<uint32_t>(Fnv().add(text).hash); }
 
   uint32_t mask() const { return bucketCount_ - 1; }
 
@@ -125,85 +123,105 @@ struct Memo {
   uint64_t coverOffset = 0;
   uint64_t coverLength = 0;
   std::string_view title;
-  std::array<const SharedText*, 3> texts{};  // artist, album, genre
+  std::array<const SharedText*, 3> shared{};                // artist, album, genre: in memory
+  std::array<std::optional<std::string_view>, 3> texts{};  // the same texts, wherever they are
 };
 
 constexpr std::array<uint8_t, 3> kTextFlags = {kHasArtist, kHasAlbum, kHasGenre};
 
-class MemoWriter {
- public:
-  explicit MemoWriter(uint8_t* out) : out_(out) {}
-  void byte(uint8_t value) {
-    if (used_ < DmsMemo_MaxSize) out_[used_] = value;
-    used_ += 1;
-  }
-  void number(uint64_t value) {
-    uint8_t encoded[Varint_MaxSize];
-    bytes(encoded, Varint_Encode(value, encoded));
-  }
-  void bytes(const void* data, size_t count) {
-    if (used_ + count <= DmsMemo_MaxSize) std::memcpy(out_ + used_, data, count);
-    used_ += count;
-  }
-  // The length written, or 0 when it did not fit.
-  size_t length() const { return used_ <= DmsMemo_MaxSize ? used_ : 0; }
+// Where the shared texts of a memo are named: by address in an item's
+// block, by number in the memo file.
+enum class Form { Memory, File };
 
- private:
-  uint8_t* out_;
-  size_t used_ = 0;
-};
+void putByte(DmsMemoSink& out, uint8_t value) { out.bytes(&value, 1); }
+void putNumber(DmsMemoSink& out, uint64_t value) {
+  uint8_t encoded[Varint_MaxSize];
+  out.bytes(encoded, Varint_Encode(value, encoded));
+}
 
-// Reads a memo this process wrote: the reads need no checks.
-class MemoReader {
- public:
-  explicit MemoReader(const uint8_t* memo) : at_(memo) {}
-  uint8_t byte() { return *at_++; }
-  uint64_t number() {
-    uint64_t value = 0;
-    Varint_Decode(at_, at_ + Varint_MaxSize, value);
-    return value;
+// The memo's bytes, in either form.
+void writeMemo(DmsMemoSink& out, const Memo& memo, Form form) {
+  putByte(out, memo.flags);
+  putByte(out, memo.mimeType);
+  putNumber(out, memo.size);
+  putNumber(out, Varint_Zigzag(memo.modificationDelta));
+  putNumber(out, Varint_Zigzag(memo.changeDelta));
+  putNumber(out, memo.duration);
+  putNumber(out, memo.timescale);
+  if (memo.flags & kHasDate) {
+    const auto date = static_cast<uint32_t>(memo.date);
+    out.bytes(&date, sizeof date);
   }
-  const uint8_t* take(size_t count) {
-    const uint8_t* start = at_;
-    at_ += count;
-    return start;
+  if (memo.flags & kIsPicture) {
+    putNumber(out, memo.width);
+    putNumber(out, memo.height);
   }
+  if (memo.flags & kHasCover) {
+    putByte(out, memo.coverType);
+    putNumber(out, memo.coverOffset);
+    putNumber(out, memo.coverLength);
+  }
+  if (memo.flags & kHasTitle) {
+    putNumber(out, memo.title.size());
+    out.bytes(memo.title.data(), memo.title.size());
+  }
+  for (const SharedText* text : memo.shared) {
+    if (!text) continue;
+    if (form == Form::Memory) out.bytes(&text, sizeof text);
+    else putNumber(out, text->number);
+  }
+}
 
- private:
-  const uint8_t* at_;
-};
-
-Memo decode(const uint8_t* bytes) {
-  MemoReader reader(bytes);
-  Memo memo;
-  memo.flags = reader.byte();
-  memo.mimeType = reader.byte();
-  memo.size = reader.number();
-  memo.modificationDelta = Varint_Unzigzag(reader.number());
-  memo.changeDelta = Varint_Unzigzag(reader.number());
-  memo.duration = static_cast<uint32_t>(reader.number());
-  memo.timescale = static_cast<uint32_t>(reader.number());
+// Reads a memo in either form (`texts` names the file's); checks every
+// value, as a file's bytes may be damaged: false when one is out of range.
+bool readMemo(VarintReader& in, Memo& memo, Form form, std::span<const std::string_view> texts) {
+  constexpr uint64_t kInt64Max = INT64_MAX;
+  memo.flags = in.byte();
+  memo.mimeType = in.byte();
+  memo.size = in.number(kInt64Max);
+  memo.modificationDelta = Varint_Unzigzag(in.number());
+  memo.changeDelta = Varint_Unzigzag(in.number());
+  memo.duration = static_cast<uint32_t>(in.number(UINT32_MAX));
+  memo.timescale = static_cast<uint32_t>(in.number(UINT32_MAX));
   if (memo.flags & kHasDate) {
     uint32_t date = 0;
-    std::memcpy(&date, reader.take(sizeof date), sizeof date);
+    if (const uint8_t* bytes = in.take(sizeof date)) std::memcpy(&date, bytes, sizeof date);
     memo.date = static_cast<int32_t>(date);
   }
   if (memo.flags & kIsPicture) {
-    memo.width = static_cast<uint16_t>(reader.number());
-    memo.height = static_cast<uint16_t>(reader.number());
+    memo.width = static_cast<uint16_t>(in.number(UINT16_MAX));
+    memo.height = static_cast<uint16_t>(in.number(UINT16_MAX));
   }
   if (memo.flags & kHasCover) {
-    memo.coverType = reader.byte();
-    memo.coverOffset = reader.number();
-    memo.coverLength = reader.number();
+    memo.coverType = in.byte();
+    memo.coverOffset = in.number(kInt64Max);
+    memo.coverLength = in.number(kInt64Max);
   }
-  if (memo.flags & kHasTitle) {
-    const size_t length = reader.number();
-    memo.title = {reinterpret_cast<const char*>(reader.take(length)), length};
-  }
+  if (memo.flags & kHasTitle) memo.title = in.text(DmsMemo_MaxSize);
   for (size_t index = 0; index < kTextFlags.size(); ++index) {
-    if (memo.flags & kTextFlags[index]) std::memcpy(&memo.texts[index], reader.take(sizeof(void*)), sizeof(void*));
+    if (!(memo.flags & kTextFlags[index])) continue;
+    if (form == Form::Memory) {
+      if (const uint8_t* bytes = in.take(sizeof(void*))) std::memcpy(&memo.shared[index], bytes, sizeof(void*));
+      if (memo.shared[index]) memo.texts[index] = memo.shared[index]->text();
+    } else if (const uint64_t number = in.number(texts.size()); number < texts.size()) {
+      memo.texts[index] = texts[number];
+    } else {
+      return false;
+    }
   }
+  // A memo keeps a type that gives its media type, a cover with a type and
+  // bytes, and sizes exactly for a picture with a stream.
+  const int32_t mediaType = DmsMemo_MediaType(DmsMemo_TypeText(memo.mimeType));
+  const bool picture = mediaType == MediaType_Image && !(memo.flags & kNoStreams);
+  return in.ok() && mediaType != MediaType_None && picture == bool(memo.flags & kIsPicture) &&
+         (!(memo.flags & kHasCover) || (DmsMemo_TypeText(memo.coverType) && memo.coverLength > 0));
+}
+
+// The memo of an item, which this process wrote.
+Memo decode(const uint8_t* bytes) {
+  VarintReader in(bytes, bytes + DmsMemo_MaxSize);
+  Memo memo;
+  readMemo(in, memo, Form::Memory, {});
   return memo;
 }
 
@@ -231,16 +249,92 @@ std::optional<Identity> identityOf(const struct stat& file, int64_t itemSeconds)
   return Identity{*modification, *change};
 }
 
-// True when `file` is the regular file the item's id names (device and inode).
-bool isItemFile(const DmsObject* item, const struct stat& file) {
-  return item->kind == DmsKind_Item && S_ISREG(file.st_mode) &&
-         item->id == DmsObjectId{static_cast<uint64_t>(file.st_dev) + 1, static_cast<uint64_t>(file.st_ino)};
+// True when the memo was made from `file`, whose path is the item's or the
+// record's, the item's modification second being `seconds`.
+bool describes(const Memo& memo, int64_t seconds, const struct stat& file) {
+  const std::optional<Identity> identity = identityOf(file, seconds);
+  return S_ISREG(file.st_mode) && identity && memo.size == static_cast<uint64_t>(file.st_size) &&
+         memo.modificationDelta == identity->modificationDelta && memo.changeDelta == identity->changeDelta;
 }
 
 void releaseTexts(const Memo& memo) {
-  for (const SharedText* text : memo.texts) {
+  for (const SharedText* text : memo.shared) {
     if (text) sharedTexts.release(text);
   }
+}
+
+// Writes a memo into an item's block of DmsMemo_MaxSize bytes.
+class MemoWriter : public DmsMemoSink {
+ public:
+  explicit MemoWriter(uint8_t* out) : out_(out) {}
+  void bytes(const void* data, size_t count) override {
+    if (used_ + count <= DmsMemo_MaxSize) std::memcpy(out_ + used_, data, count);
+    used_ += count;
+  }
+  // The length written, or 0 when it did not fit.
+  size_t length() const { return used_ <= DmsMemo_MaxSize ? used_ : 0; }
+
+ private:
+  uint8_t* out_;
+  size_t used_ = 0;
+};
+
+// The facts a memo keeps, for the file `file` it describes.
+DmsItemFacts factsOf(const Memo& memo, const struct stat& file) {
+  DmsItemFacts facts;
+  facts.recognised = true;
+  facts.mimeType = DmsMemo_TypeText(memo.mimeType);
+  facts.streams = !(memo.flags & kNoStreams);
+  facts.size = static_cast<int64_t>(memo.size);
+  facts.modificationTime = static_cast<int64_t>(file.st_mtime);
+  facts.title = memo.title;
+  facts.artist = memo.texts[0];
+  facts.album = memo.texts[1];
+  facts.genre = memo.texts[2];
+  facts.duration = memo.duration;
+  facts.timescale = memo.timescale;
+  facts.date = memo.date;
+  facts.picture = memo.flags & kIsPicture;
+  facts.width = memo.width;
+  facts.height = memo.height;
+  if (memo.flags & kHasCover) {
+    facts.coverMimeType = DmsMemo_TypeText(memo.coverType);
+    facts.coverOffset = static_cast<int64_t>(memo.coverOffset);
+    facts.coverLength = static_cast<int64_t>(memo.coverLength);
+  }
+  return facts;
+}
+
+// The stream a parse of the file would give, as far as a memo keeps it.
+MediaStreamPtr streamOf(const DmsItemFacts& facts) {
+  MediaStreamPtr stream(new (std::nothrow) MediaStream);
+  if (!stream) return nullptr;
+  stream->mediaType = DmsMemo_MediaType(facts.mimeType);
+  stream->mimeType = facts.mimeType;
+  stream->duration = facts.duration;
+  stream->timescale = facts.timescale;
+  if (facts.streams) {
+    StreamInfo info;
+    info.streamNumber = 1;
+    info.streamKind = static_cast<uint32_t>(stream->mediaType);
+    info.enabled = 1;
+    info.width = facts.width;
+    info.height = facts.height;
+    stream->streamInfo.push_back(info);
+  }
+  if (!facts.title.empty()) stream->title.emplace(facts.title);
+  const std::optional<std::string_view>* texts[] = {&facts.artist, &facts.album, &facts.genre};
+  std::optional<std::string>* into[] = {&stream->artist, &stream->album, &stream->genre};
+  for (size_t index = 0; index < std::size(texts); ++index) {
+    if (*texts[index]) into[index]->emplace(**texts[index]);
+  }
+  if (facts.coverLength > 0) {
+    stream->coverMimeType = facts.coverMimeType;
+    stream->coverOffset = facts.coverOffset;
+    stream->coverLength = facts.coverLength;
+  }
+  stream->date = facts.date;
+  return stream;
 }
 
 }  // namespace
@@ -303,56 +397,45 @@ size_t DmsMemo_Encode(const MediaStream& stream, const struct stat& file, int64_
   const std::optional<uint8_t> mimeType = DmsMemo_TypeNumber(stream.mimeType);
   const std::optional<uint8_t> coverType = DmsMemo_TypeNumber(stream.coverLength > 0 ? stream.coverMimeType : nullptr);
   // What a memo keeps must give the same file type and cover type back.
-  if (!identity || !mimeType || !coverType || stream.mediaType != DmsMemo_MediaType(DmsMemo_TypeText(*mimeType))) {
+  if (!identity || !mimeType || !coverType || stream.mediaType == MediaType_None ||
+      stream.mediaType != DmsMemo_MediaType(DmsMemo_TypeText(*mimeType)) || (stream.coverLength > 0 && *coverType == 0)) {
     return 0;
   }
   Memo memo;
+  memo.size = static_cast<uint64_t>(file.st_size);
+  memo.modificationDelta = identity->modificationDelta;
+  memo.changeDelta = identity->changeDelta;
+  memo.mimeType = *mimeType;
+  memo.duration = stream.duration;
+  memo.timescale = stream.timescale;
+  memo.date = stream.date;
   memo.title = stream.title ? std::string_view(*stream.title) : std::string_view();
+  memo.flags = memo.title.empty() ? 0 : kHasTitle;
+  if (stream.mediaType == MediaType_Image && !stream.streamInfo.empty()) {
+    memo.flags |= kIsPicture;
+    memo.width = stream.streamInfo[0].width;
+    memo.height = stream.streamInfo[0].height;
+  }
+  if (stream.streamInfo.empty()) memo.flags |= kNoStreams;
+  if (stream.date != 0) memo.flags |= kHasDate;
+  if (stream.coverLength > 0) {
+    memo.flags |= kHasCover;
+    memo.coverType = *coverType;
+    memo.coverOffset = static_cast<uint64_t>(stream.coverOffset);
+    memo.coverLength = static_cast<uint64_t>(stream.coverLength);
+  }
   const std::array<const std::optional<std::string>*, 3> texts = {&stream.artist, &stream.album, &stream.genre};
-  uint8_t flags = memo.title.empty() ? 0 : kHasTitle;
-  const bool picture = stream.mediaType == MediaType_Image && !stream.streamInfo.empty();
-  if (picture) flags |= kIsPicture;
-  if (stream.streamInfo.empty()) flags |= kNoStreams;
-  if (stream.date != 0) flags |= kHasDate;
-  if (stream.coverLength > 0) flags |= kHasCover;
   for (size_t index = 0; index < texts.size(); ++index) {
     if (!*texts[index]) continue;
-    memo.texts[index] = sharedTexts.acquire(**texts[index]);
-    if (!memo.texts[index]) {
+    memo.shared[index] = sharedTexts.acquire(**texts[index]);
+    if (!memo.shared[index]) {
       releaseTexts(memo);
       return 0;
     }
-    flags |= kTextFlags[index];
+    memo.flags |= kTextFlags[index];
   }
-
   MemoWriter writer(out);
-  writer.byte(flags);
-  writer.byte(*mimeType);
-  writer.number(static_cast<uint64_t>(file.st_size));
-  writer.number(Varint_Zigzag(identity->modificationDelta));
-  writer.number(Varint_Zigzag(identity->changeDelta));
-  writer.number(stream.duration);
-  writer.number(stream.timescale);
-  if (flags & kHasDate) {
-    const auto date = static_cast<uint32_t>(stream.date);
-    writer.bytes(&date, sizeof date);
-  }
-  if (picture) {
-    writer.number(stream.streamInfo[0].width);
-    writer.number(stream.streamInfo[0].height);
-  }
-  if (flags & kHasCover) {
-    writer.byte(*coverType);
-    writer.number(static_cast<uint64_t>(stream.coverOffset));
-    writer.number(static_cast<uint64_t>(stream.coverLength));
-  }
-  if (flags & kHasTitle) {
-    writer.number(memo.title.size());
-    writer.bytes(memo.title.data(), memo.title.size());
-  }
-  for (const SharedText* text : memo.texts) {
-    if (text) writer.bytes(&text, sizeof text);
-  }
+  writeMemo(writer, memo, Form::Memory);
   if (writer.length() == 0) releaseTexts(memo);
   return writer.length();
 }
@@ -361,47 +444,20 @@ void DmsMemo_Release(const uint8_t* memo) { releaseTexts(decode(memo)); }
 
 bool DmsMemo_Matches(const DmsObject* item, const struct stat& file) {
   const uint8_t* bytes = DmsObject_Memo(item);
-  if (!bytes || !isItemFile(item, file)) return false;
-  const std::optional<Identity> identity = identityOf(file, item->modificationTime);
-  const Memo memo = decode(bytes);
-  return identity && memo.size == static_cast<uint64_t>(file.st_size) &&
-         memo.modificationDelta == identity->modificationDelta && memo.changeDelta == identity->changeDelta;
+  return bytes && item->kind == DmsKind_Item && describes(decode(bytes), item->modificationTime, file);
 }
 
 DmsItemFacts DmsMemo_Facts(const DmsObject* item, const struct stat& file) {
-  const Memo memo = decode(DmsObject_Memo(item));
-  DmsItemFacts facts;
-  facts.recognised = true;
-  facts.mimeType = DmsMemo_TypeText(memo.mimeType);
-  facts.streams = !(memo.flags & kNoStreams);
-  facts.size = static_cast<int64_t>(memo.size);
-  facts.modificationTime = static_cast<int64_t>(file.st_mtime);
-  facts.title = memo.title;
-  std::optional<std::string_view>* texts[] = {&facts.artist, &facts.album, &facts.genre};
-  for (size_t index = 0; index < memo.texts.size(); ++index) {
-    if (memo.texts[index]) *texts[index] = memo.texts[index]->text();
-  }
-  facts.duration = memo.duration;
-  facts.timescale = memo.timescale;
-  facts.date = memo.date;
-  facts.picture = memo.flags & kIsPicture;
-  facts.width = memo.width;
-  facts.height = memo.height;
-  if (memo.flags & kHasCover) {
-    facts.coverMimeType = DmsMemo_TypeText(memo.coverType);
-    facts.coverOffset = static_cast<int64_t>(memo.coverOffset);
-    facts.coverLength = static_cast<int64_t>(memo.coverLength);
-  }
-  return facts;
+  return factsOf(decode(DmsObject_Memo(item)), file);
 }
 
 namespace {
 
 // Replaces the memo of `item` by one of `stream`, parsed from the regular
-// file `file`, when that is the item's file and the memo fits the item's block.
+// file `file` at the item's path, when the new memo fits the item's block.
 void refreshMemo(const DmsObject* item, const struct stat& file, const MediaStream& stream) {
   uint8_t* bytes = DmsObject_Memo(item);
-  if (!bytes || !isItemFile(item, file)) return;
+  if (!bytes || item->kind != DmsKind_Item || !S_ISREG(file.st_mode)) return;
   uint8_t fresh[DmsMemo_MaxSize];
   const size_t length = DmsMemo_Encode(stream, file, item->modificationTime, fresh);
   if (length == 0) return;
@@ -413,6 +469,12 @@ void refreshMemo(const DmsObject* item, const struct stat& file, const MediaStre
   std::memcpy(bytes, fresh, length);
 }
 
+// Reads a memo-file record: the item's modification second, then its memo.
+bool readRecord(VarintReader& in, std::span<const std::string_view> texts, int64_t& seconds, Memo& memo) {
+  seconds = Varint_Unzigzag(in.number());
+  return readMemo(in, memo, Form::File, texts);
+}
+
 }  // namespace
 
 DmsItemFacts DmsMemo_Parse(const DmsObject* item, int fd, const struct stat& file) {
@@ -421,33 +483,43 @@ DmsItemFacts DmsMemo_Parse(const DmsObject* item, int fd, const struct stat& fil
   return facts;
 }
 
-bool DmsMemo_Content(const DmsObject* item, uint32_t save, uint32_t& textCount, DmsMemoContent& content) {
+size_t DmsMemo_NumberTexts(const DmsObject* item, uint32_t save, uint32_t& textCount,
+                           std::array<std::string_view, 3>& met) {
+  const uint8_t* bytes = DmsObject_Memo(item);
+  if (!bytes) return 0;
+  size_t count = 0;
+  for (const SharedText* shared : decode(bytes).shared) {
+    auto* text = const_cast<SharedText*>(shared);
+    if (!text || text->save == save) continue;
+    text->save = save;
+    text->number = textCount++;
+    met[count++] = text->text();
+  }
+  return count;
+}
+
+bool DmsMemo_Write(const DmsObject* item, DmsMemoSink& out) {
   const uint8_t* bytes = DmsObject_Memo(item);
   if (!bytes) return false;
-  const Memo memo = decode(bytes);
-  int64_t change = 0;
-  if (__builtin_add_overflow(memo.modificationDelta, memo.changeDelta, &change)) return false;
-  // Times from nanoseconds after the start of the item's second.
-  auto timeAfter = [item](int64_t nanoseconds) {
-    const int64_t seconds = nanoseconds / kNanosecondsPerSecond - (nanoseconds % kNanosecondsPerSecond < 0);
-    return timespec{static_cast<time_t>(item->modificationTime + seconds),
-                    static_cast<long>(nanoseconds - seconds * kNanosecondsPerSecond)};
-  };
-  content.size = static_cast<int64_t>(memo.size);
-  content.modification = timeAfter(memo.modificationDelta);
-  content.change = timeAfter(change);
-  struct stat file {};
-  file.st_mtim = content.modification;
-  content.facts = DmsMemo_Facts(item, file);
-  for (size_t index = 0; index < memo.texts.size(); ++index) {
-    auto* text = const_cast<SharedText*>(memo.texts[index]);
-    if (!text) continue;
-    content.firstUse[index] = text->save != save;
-    if (content.firstUse[index]) {
-      text->save = save;
-      text->number = textCount++;
-    }
-    content.textNumbers[index] = text->number;
-  }
+  putNumber(out, Varint_Zigzag(item->modificationTime));
+  writeMemo(out, decode(bytes), Form::File);
   return true;
+}
+
+bool DmsMemo_Check(const uint8_t*& at, const uint8_t* end, std::span<const std::string_view> texts) {
+  VarintReader in(at, end);
+  int64_t seconds = 0;
+  Memo memo;
+  if (!readRecord(in, texts, seconds, memo)) return false;
+  at = in.position();
+  return true;
+}
+
+MediaStreamPtr DmsMemo_Take(const uint8_t* at, const uint8_t* end, std::span<const std::string_view> texts,
+                            const struct stat& file) {
+  VarintReader in(at, end);
+  int64_t seconds = 0;
+  Memo memo;
+  if (!readRecord(in, texts, seconds, memo) || !describes(memo, seconds, file)) return nullptr;
+  return streamOf(factsOf(memo, file));
 }

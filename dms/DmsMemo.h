@@ -1,8 +1,8 @@
 // The memo of an item: what describing it in Browse and serving its cover take
 // from a parse of its file, kept in the item's own block together with the
 // identity of the file it was parsed from (size, modification and
-// status-change times in nanoseconds; device and inode are the item's id).
-// While an lstat of the file still gives that identity, the item is described
+// status-change times in nanoseconds). While an lstat of the item's path
+// still gives that identity, the item is described
 // from its memo without opening the file; otherwise the file is parsed again
 // and the memo refreshed. Texts that many items share (artist, album, genre)
 // are kept once, counted by the memos that use them. Everything here runs
@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string_view>
 
 #include "media/MediaStream.h"
@@ -74,27 +75,49 @@ size_t DmsMemo_Encode(const MediaStream& stream, const struct stat& file, int64_
 // Gives back the shared texts of a memo that goes.
 void DmsMemo_Release(const uint8_t* memo);
 
+// The rule by which a memo describes a file: the file is found by its path
+// (the item's, or the path a memo-file record names) and taken for the one
+// the memo was made from only when it is a regular file of the same size,
+// modification and status-change times. Device and inode numbers play no
+// part: on FAT and exFAT they change at each mount, and another file may
+// then have the number.
 // True when `item` has a memo made from the file that `file`, an lstat of its
 // path, describes.
 bool DmsMemo_Matches(const DmsObject* item, const struct stat& file);
 // The facts kept in the memo of `item`, which matches `file`.
 DmsItemFacts DmsMemo_Facts(const DmsObject* item, const struct stat& file);
 // The facts of a fresh parse of `fd`, the open file of `item` that `file`
-// describes; the item's memo is made again from them when it is that file's
-// and the new memo fits the item's block.
+// describes; the item's memo is made again from them when the new memo fits
+// the item's block.
 DmsItemFacts DmsMemo_Parse(const DmsObject* item, int fd, const struct stat& file);
 
-// A memo as the memo file keeps it (DmsCache.h): the full identity of the
-// item's file and the facts. A save numbers the shared texts from 0 in the
-// order it meets them; each is written out where it is met first.
-struct DmsMemoContent {
-  int64_t size = 0;
-  timespec modification{};
-  timespec change{};
-  DmsItemFacts facts;                 // artist, album and genre as in the memo
-  std::array<uint32_t, 3> textNumbers{};  // of artist, album and genre, when present
-  std::array<bool, 3> firstUse{};         // the save meets that text here first
+// The memo file (DmsCache.h) keeps each memo in the form memory keeps it,
+// after the item's modification second, with its shared texts named by
+// number instead of address: a save numbers the texts from 0 in the order it
+// meets them and writes them all before the memos.
+
+// Where the memo file's writer puts bytes.
+class DmsMemoSink {
+ public:
+  virtual void bytes(const void* data, size_t count) = 0;
+
+ protected:
+  ~DmsMemoSink() = default;
 };
-// The memo of `item` for the save numbered `save`, which has numbered
-// `textCount` texts so far; false when the item keeps no memo.
-bool DmsMemo_Content(const DmsObject* item, uint32_t save, uint32_t& textCount, DmsMemoContent& content);
+// Numbers, for the save `save` (which has numbered `textCount` texts so
+// far), the shared texts of the memo of `item` that it meets here first, and
+// returns how many: they are the first ones of `met`.
+size_t DmsMemo_NumberTexts(const DmsObject* item, uint32_t save, uint32_t& textCount,
+                           std::array<std::string_view, 3>& met);
+// Writes the memo of `item` as the memo file keeps it, its texts numbered by
+// the same save; false, writing nothing, when the item keeps no memo.
+bool DmsMemo_Write(const DmsObject* item, DmsMemoSink& out);
+// Reads a memo as the memo file keeps it from `at` on, never at or past
+// `end`, its texts named in `texts`, and moves `at` behind it; false when
+// the bytes there are no such memo.
+bool DmsMemo_Check(const uint8_t*& at, const uint8_t* end, std::span<const std::string_view> texts);
+// The stream that the memo file's memo at `at`, which DmsMemo_Check passed,
+// gives the file `file` (an lstat of it); null when it was made from
+// another file or memory runs out.
+MediaStreamPtr DmsMemo_Take(const uint8_t* at, const uint8_t* end, std::span<const std::string_view> texts,
+                            const struct stat& file);

@@ -157,7 +157,7 @@ bool idleWait() {
 // is unfinished, then the refresh interval in 5-second waits before the next,
 // or less once the watch has seen the library change.
 // With a cache directory, the memo file is loaded before the first pass and
-// saved at the end of each pass.
+// saved at the end of each pass that saw the library.
 void refreshLoop() {
   ServerState& s = state();
   int32_t pass = 0;
@@ -184,10 +184,7 @@ void refreshLoop() {
         DmsObject* folder = DmsObject_Find(DmsId_MediaDirectory);
         lastResult = folder ? DmsLibrary_Scan(folder, pass, &spent) : 1;
         if (lastResult == 1) DmsWatch_PassDone();
-        if (lastResult == 1 && cached) {
-          DmsCache_Unload();
-          DmsCache_Save(s.cacheDirectory, s.mediaPath, lock);
-        }
+        if (lastResult == 1 && cached) DmsCache_PassEnded(s.cacheDirectory, s.mediaPath, lock);
       }
     }
     // A pass the watch asked for and the busy mutex put off is tried again soon.

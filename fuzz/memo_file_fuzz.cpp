@@ -1,7 +1,7 @@
 // Any bytes as the memo file of a library published at "/media": the input,
 // closed by its own checksum so that the loader looks past it, is loaded,
-// and the items 1.1 and 2.2 are looked up for a regular file whose size and
-// times are all 0.
+// and the memos of a few files of the demo library (the seeds are memo files
+// of it) are looked up for a regular file whose size and times are all 0.
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "dms/DmsCache.h"
@@ -40,7 +41,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   DmsCache_Load(CacheDirectory(), "/media");
   struct stat regular {};
   regular.st_mode = S_IFREG;
-  for (const DmsObjectId id : {DmsObjectId{1, 1}, DmsObjectId{2, 2}}) DmsCache_Take(id, regular);
+  const std::string_view lookups[][2] = {{"/media", "a.mp3"},
+                                          {"/media/Pictures", "Gradient.png"},
+                                          {"/media/Music/Demo Artist/Demo Album", "01 Demo Song.mp3"}};
+  for (const auto& [folder, name] : lookups) DmsCache_Take(folder, name, regular);
   DmsCache_Unload();
   return 0;
 }

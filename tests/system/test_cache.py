@@ -1,11 +1,17 @@
 # The memos kept across restarts in CACHE_DIRECTORY: a start with the memo
 # file lists and serves the library byte for byte as a start without it,
 # whatever changed while the server was stopped, and a bad memo file is a
-# memo file that is not there.
+# memo file that is not there. On a USB stick (exFAT, whose inode numbers
+# change at each mount) that is still so, without opening unchanged files,
+# and a pass that does not see the stick never costs the memo file.
 import os
+import re
 import shutil
 import subprocess
+import threading
 import time
+
+import pytest
 
 from conftest import BUILD
 from dms_client import browse, get
@@ -41,6 +47,13 @@ def listing(port):
                 found[o["id"]] = [(r.status, r.body) for r in (get(port, f"/mediaitem/{o['id']}"),
                                                                get(port, f"/thumbnail/{o['id']}"))]
     return found
+
+
+def masked(found):
+    # A listing with what a remount may change left out: the ids of scanned objects (in URLs too) and of
+    # groups (made in the order a folder lists its files), update ids.
+    values = [(v[0], v[1][:2]) if isinstance(v, tuple) else v for v in found.values()]
+    return re.sub(r"\b([1-9][0-9]*\.[0-9]+|0\.1[0-9]{4,})\b", "ID", repr(values))
 
 
 def served(dms, media, cache=None):
@@ -111,3 +124,116 @@ def test_a_restart_with_memos_lists_and_serves_as_without(dms, tmp_path):
     (cache / FILE).write_bytes(written)
     change_library(media)
     assert served(dms, media, cache) == served(dms, media)
+
+
+class Stick:
+    # The demo library on an exFAT image, plugged in at `mount` through a loop device and exfat-fuse,
+    # which numbers inodes in the order files are looked up; `opened` tells which files were opened on it.
+
+    def __init__(self, root):
+        self.image, self.mount, self.daemon = root / "stick.img", root / "stick", None
+        self.mount.mkdir()
+        self.image.touch()
+        os.truncate(self.image, 32 << 20)
+        subprocess.run(["mkfs.exfat", str(self.image)], check=True, capture_output=True)
+        self.plug()
+        subprocess.run([str(BUILD / "dms-mkdemo"), str(root / "demo")], check=True)
+        shutil.copytree(root / "demo", self.mount, dirs_exist_ok=True)
+        (self.mount / "notes.txt").write_text("not media")
+
+    def run(self, *argv):
+        return subprocess.run(argv, check=True, capture_output=True, text=True).stdout.strip()
+
+    def plug(self):
+        # Mounted again, and every file looked up in the reverse order of the last mount's.
+        self.device = self.run("losetup", "-f", "--show", str(self.image))
+        self.daemon = subprocess.Popen(["mount.exfat-fuse", "-d", self.device, str(self.mount)],
+                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        deadline = time.monotonic() + 10
+        while not os.path.ismount(self.mount):
+            assert time.monotonic() < deadline and self.daemon.poll() is None, "exfat-fuse did not mount"
+            time.sleep(0.05)
+        for path in sorted(self.mount.rglob("*"), reverse=True):
+            path.stat()
+        self.events, self.watch = [], subprocess.Popen(
+            ["inotifywait", "-m", "-r", "-e", "open", "--format", "%e %w%f", str(self.mount)],
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        while "Watches established" not in self.watch.stderr.readline():
+            assert self.watch.poll() is None, "inotifywait failed"
+        threading.Thread(target=lambda: self.events.extend(map(str.strip, self.watch.stdout)), daemon=True).start()
+
+    def opened(self):
+        # The files opened since the mount or the last look: an open of our own, seen last, shows that all were seen.
+        marker, deadline = str(self.mount / "notes.txt"), time.monotonic() + 10
+        while not any(e.endswith(marker) for e in self.events) and time.monotonic() < deadline:
+            (self.mount / "notes.txt").read_text()
+            time.sleep(0.1)
+        seen = self.events[:]
+        del self.events[:len(seen)]
+        return [e for e in seen if "ISDIR" not in e and not e.endswith(marker)]
+
+    def unplug(self):
+        self.watch.terminate()
+        self.run("umount", "-l", str(self.mount))
+        self.daemon.wait(timeout=10)
+        self.run("losetup", "-d", self.device)
+        self.daemon = None
+
+
+def fuse_missing():
+    # Why FUSE cannot mount anything here, or None (the tools come from tools/install-deps).
+    try:
+        os.close(os.open("/dev/fuse", os.O_RDWR))
+    except OSError as error:
+        return f"no FUSE: /dev/fuse: {error}"
+
+
+def views_hold(port, counts, timeout):
+    # Waits for a pass to fill the views with `counts` items, answering all the while.
+    deadline = time.monotonic() + timeout
+    while [browse(port, view)[3] for view in VIEWS] != counts:
+        assert time.monotonic() < deadline, counts
+        time.sleep(0.5)
+
+
+VIEWS = ("0.10", "0.20", "0.30")
+PASS_SECONDS = 60  # the next pass comes about 40 s after the last with the shortest refresh interval
+STICK_CASES = [  # what happens to the stick before the start, and then under the running server
+    ("remounted", ["unplug", "plug"], []),
+    ("not mounted yet", ["unplug"], ["plug"]),
+    ("unplugged and plugged back in", [], ["unplug", "plug"]),
+]
+
+
+def test_a_library_on_an_exfat_stick_keeps_its_memos(dms, tmp_path):
+    # Every mount gives the files other inode numbers, so other ids and URLs.
+    if reason := fuse_missing():
+        pytest.skip(reason)
+    stick, cache = Stick(tmp_path), tmp_path / "cache"
+    try:
+        cache.mkdir()
+        found = served(dms, stick.mount)
+        views, expected = [found[view][1][1] for view in VIEWS], masked(found)
+        assert masked(served(dms, stick.mount, cache)) == expected
+        memo = (cache / FILE).read_bytes()
+        for case, before, during in STICK_CASES:
+            for step in before:
+                getattr(stick, step)()
+            if stick.daemon:
+                stick.opened()  # what the cases before opened
+            server = dms(f'path = "{stick.mount}"\nrefreshInterval = "30"\n', env={"CACHE_DIRECTORY": str(cache)})
+            port = server.wait_ready()
+            for step in [None, *during]:
+                if step:
+                    assert not stick.daemon or stick.opened() == [], case
+                    getattr(stick, step)()
+                if step == "unplug":  # answered, though the files are gone
+                    listing(port)
+                views_hold(port, views if stick.daemon else [0, 0, 0], PASS_SECONDS if step else 20)
+                assert (cache / FILE).read_bytes() == memo, case
+            # Not one file opened again, by the scan nor by Browse.
+            assert stick.opened() == [] and masked(listing(port)) == expected, case
+            assert server.stop()[1] == 0 and (cache / FILE).read_bytes() == memo, case
+    finally:
+        if stick.daemon:
+            stick.unplug()
