@@ -359,17 +359,16 @@ size_t DmsMemo_Encode(const MediaStream& stream, const struct stat& file, int64_
 
 void DmsMemo_Release(const uint8_t* memo) { releaseTexts(decode(memo)); }
 
-bool DmsMemo_Matches(const DmsObject* item, const struct stat& file) {
-  const uint8_t* bytes = DmsObject_Memo(item);
-  if (!bytes || !isItemFile(item, file)) return false;
+namespace {
+
+// True when `memo`, the memo of `item`, was made from the file `file` describes.
+bool memoMatches(const DmsObject* item, const Memo& memo, const struct stat& file) {
   const std::optional<Identity> identity = identityOf(file, item->modificationTime);
-  const Memo memo = decode(bytes);
   return identity && memo.size == static_cast<uint64_t>(file.st_size) &&
          memo.modificationDelta == identity->modificationDelta && memo.changeDelta == identity->changeDelta;
 }
 
-DmsItemFacts DmsMemo_Facts(const DmsObject* item, const struct stat& file) {
-  const Memo memo = decode(DmsObject_Memo(item));
+DmsItemFacts memoFacts(const Memo& memo, const struct stat& file) {
   DmsItemFacts facts;
   facts.recognised = true;
   facts.mimeType = DmsMemo_TypeText(memo.mimeType);
@@ -393,6 +392,26 @@ DmsItemFacts DmsMemo_Facts(const DmsObject* item, const struct stat& file) {
     facts.coverLength = static_cast<int64_t>(memo.coverLength);
   }
   return facts;
+}
+
+}  // namespace
+
+bool DmsMemo_Matches(const DmsObject* item, const struct stat& file) {
+  const uint8_t* bytes = DmsObject_Memo(item);
+  return bytes && isItemFile(item, file) && memoMatches(item, decode(bytes), file);
+}
+
+DmsItemFacts DmsMemo_Facts(const DmsObject* item, const struct stat& file) {
+  return memoFacts(decode(DmsObject_Memo(item)), file);
+}
+
+bool DmsMemo_Read(const DmsObject* item, const struct stat& file, DmsItemFacts& facts) {
+  const uint8_t* bytes = DmsObject_Memo(item);
+  if (!bytes || !isItemFile(item, file)) return false;
+  const Memo memo = decode(bytes);
+  if (!memoMatches(item, memo, file)) return false;
+  facts = memoFacts(memo, file);
+  return true;
 }
 
 namespace {

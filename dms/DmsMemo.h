@@ -79,6 +79,8 @@ void DmsMemo_Release(const uint8_t* memo);
 bool DmsMemo_Matches(const DmsObject* item, const struct stat& file);
 // The facts kept in the memo of `item`, which matches `file`.
 DmsItemFacts DmsMemo_Facts(const DmsObject* item, const struct stat& file);
+// Both at once, the memo read once: false when the memo does not match.
+bool DmsMemo_Read(const DmsObject* item, const struct stat& file, DmsItemFacts& facts);
 // The facts of a fresh parse of `fd`, the open file of `item` that `file`
 // describes; the item's memo is made again from them when it is that file's
 // and the new memo fits the item's block.
