@@ -158,12 +158,11 @@ class ChunkStream {
 // pointer kept across the unlock), and a child rendered for a page it did not
 // fit opens the next page instead of being parsed from its file again.
 // Children are rendered straight into the page.
-void sendChildren(ChunkStream& chunks, BrowseRequest& browse, const char* host, uint16_t port, int32_t childCount,
+void sendChildren(ChunkStream& chunks, BrowseRequest& browse, DmsDidlRenderer& renderer, int32_t childCount,
                   uint32_t updateId, Counts& counts) {
   std::string page, carried;
   page.reserve(2 * kPageSpace);
   std::optional<DmsObjectId> resume;  // the next child to send, after the first page
-  DmsDidlFolders folders;             // the items' folders, each opened once
   bool more = true;
   while (more && (browse.requestedCount == 0 || counts.numberReturned < browse.requestedCount)) {
     page.clear();
@@ -185,7 +184,7 @@ void sendChildren(ChunkStream& chunks, BrowseRequest& browse, const char* host, 
         if (browse.requestedCount != 0 && counts.numberReturned >= browse.requestedCount) break;
         const size_t before = page.size();
         if (carried.empty()) {
-          DmsDidl_AppendObject(page, child, host, port, browse.filter, &folders);
+          renderer.append(page, child);
         } else {
           page += carried;
           carried.clear();
@@ -252,7 +251,8 @@ void browseOrThrow(HTTPRequest* request, const char* serviceType, const char* ac
       const int32_t childCount = object->childCount;
       const uint32_t updateId = object->updateId;
       lock.unlock();
-      sendChildren(chunks, browse, host, port, childCount, updateId, counts);
+      DmsDidlRenderer renderer(host, port, browse.filter);
+      sendChildren(chunks, browse, renderer, childCount, updateId, counts);
     } else {
       const std::string rendered = DmsDidl_RenderObject(object, host, port, browse.filter);
       lock.unlock();
