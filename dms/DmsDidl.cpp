@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <cassert>
 #include <charconv>
-#include <cstring>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <optional>
 
