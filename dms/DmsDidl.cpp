@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cassert>
 #include <charconv>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <optional>
