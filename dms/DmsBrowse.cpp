@@ -4,6 +4,7 @@
 // listing early instead of producing an inconsistent page.
 #include "dms/DmsBrowse.h"
 
+#include <array>
 #include <cassert>
 #include <cinttypes>
 #include <cstdio>
@@ -151,6 +152,54 @@ class ChunkStream {
   std::string pending_;
 };
 
+// Where the latest listings started and stopped: a television that scrolls
+// a view of thousands of items asks for it page after page, and walking the
+// list from its first child to each page's start cost more than rendering
+// the page. While a container's child count and update id are unchanged its
+// list is the same, so a listing may start from a child an earlier one met
+// at a known position (found again by id). Guarded by the content mutex.
+struct ListingMark {
+  DmsObjectId container;
+  int32_t childCount = 0;
+  uint32_t updateId = 0;
+  uint32_t position = 0;  // of the child below
+  DmsObjectId child;
+};
+constexpr size_t kListingMarks = 16;
+std::array<std::optional<ListingMark>, kListingMarks> listingMarks;
+size_t oldestListingMark = 0;
+
+bool sameList(const ListingMark& mark, const DmsObject* container) {
+  return mark.container == container->id && mark.childCount == container->childCount &&
+         mark.updateId == container->updateId;
+}
+
+// The child at `position`, walked to from the first child or from the
+// nearest mark before it.
+const DmsObject* childAt(const DmsObject* container, uint32_t position) {
+  const DmsObject* child = container->firstChild;
+  uint32_t at = 0;
+  for (const std::optional<ListingMark>& mark : listingMarks) {
+    if (!mark || !sameList(*mark, container) || mark->position > position || mark->position < at) continue;
+    const DmsObject* known = DmsObject_Find(mark->child);
+    if (known && known->parent == container) {
+      child = known;
+      at = mark->position;
+    }
+  }
+  for (; child && at < position; ++at) child = child->nextSibling;
+  return child;
+}
+
+void markListing(const DmsObject* container, uint32_t position, const DmsObject* child) {
+  for (const std::optional<ListingMark>& mark : listingMarks) {
+    if (mark && sameList(*mark, container) && mark->position == position) return;
+  }
+  listingMarks[oldestListingMark] = ListingMark{container->id, container->childCount, container->updateId, position,
+                                                child->id};
+  oldestListingMark = (oldestListingMark + 1) % kListingMarks;
+}
+
 // Sends the children of the container, page by page. Each page re-checks
 // the container under the content mutex before it is built. While its child
 // count and update id are unchanged its list is the same, so a page resumes
@@ -158,12 +207,11 @@ class ChunkStream {
 // pointer kept across the unlock), and a child rendered for a page it did not
 // fit opens the next page instead of being parsed from its file again.
 // Children are rendered straight into the page.
-void sendChildren(ChunkStream& chunks, BrowseRequest& browse, const char* host, uint16_t port, int32_t childCount,
+void sendChildren(ChunkStream& chunks, BrowseRequest& browse, DmsDidlRenderer& renderer, int32_t childCount,
                   uint32_t updateId, Counts& counts) {
   std::string page, carried;
   page.reserve(2 * kPageSpace);
   std::optional<DmsObjectId> resume;  // the next child to send, after the first page
-  DmsDidlFolders folders;             // the items' folders, each opened once
   bool more = true;
   while (more && (browse.requestedCount == 0 || counts.numberReturned < browse.requestedCount)) {
     page.clear();
@@ -174,18 +222,14 @@ void sendChildren(ChunkStream& chunks, BrowseRequest& browse, const char* host, 
           container->updateId != updateId) {
         return;
       }
-      const DmsObject* child = container->firstChild;
-      if (resume) {
-        child = DmsObject_Find(*resume);
-        if (!child || child->parent != container) return;
-      } else {
-        for (uint32_t position = 0; child && position < browse.startingIndex; ++position) child = child->nextSibling;
-      }
+      const DmsObject* child = resume ? DmsObject_Find(*resume) : childAt(container, browse.startingIndex);
+      if (resume && (!child || child->parent != container)) return;
+      if (!resume && child && browse.startingIndex > 0) markListing(container, browse.startingIndex, child);
       for (; child; child = child->nextSibling) {
         if (browse.requestedCount != 0 && counts.numberReturned >= browse.requestedCount) break;
         const size_t before = page.size();
         if (carried.empty()) {
-          DmsDidl_AppendObject(page, child, host, port, browse.filter, &folders);
+          renderer.append(page, child);
         } else {
           page += carried;
           carried.clear();
@@ -199,7 +243,11 @@ void sendChildren(ChunkStream& chunks, BrowseRequest& browse, const char* host, 
         browse.startingIndex += 1;
       }
       more = child != nullptr;
-      if (more) resume = child->id;
+      if (more) {
+        resume = child->id;
+        // Where the next page of a scrolling client starts.
+        if (counts.numberReturned == browse.requestedCount) markListing(container, browse.startingIndex, child);
+      }
     }
     assert(page.size() <= kPageSpace);
     if (page.empty() || !chunks.add(page)) return;
@@ -252,7 +300,8 @@ void browseOrThrow(HTTPRequest* request, const char* serviceType, const char* ac
       const int32_t childCount = object->childCount;
       const uint32_t updateId = object->updateId;
       lock.unlock();
-      sendChildren(chunks, browse, host, port, childCount, updateId, counts);
+      DmsDidlRenderer renderer(host, port, browse.filter);
+      sendChildren(chunks, browse, renderer, childCount, updateId, counts);
     } else {
       const std::string rendered = DmsDidl_RenderObject(object, host, port, browse.filter);
       lock.unlock();

@@ -7,9 +7,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cassert>
 #include <charconv>
-#include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <optional>
 
@@ -64,8 +65,9 @@ DmsItemFacts parseItem(const DmsObject* target, int folderFd) {
 // The item as its file is now: from its memo while the file is unchanged.
 DmsItemFacts readItemFacts(const DmsObject* target, int folderFd) {
   struct stat info {};
-  if (target->kind == DmsKind_Item && statItem(target, folderFd, info) && DmsMemo_Matches(target, info)) {
-    return DmsMemo_Facts(target, info);
+  DmsItemFacts facts;
+  if (target->kind == DmsKind_Item && statItem(target, folderFd, info) && DmsMemo_Read(target, info, facts)) {
+    return facts;
   }
   return parseItem(target, folderFd);
 }
@@ -82,113 +84,156 @@ const char* publishedClass(const DmsObject* object) {
   return upnpClass ? upnpClass : "";
 }
 
-// Appends the text doubly escaped.
-void appendEscaped(std::string& out, std::string_view text) { XML_AppendEscaped(out, text, true); }
+// Writes an element straight into the page it is rendered into. Each piece
+// makes sure of its room with one comparison, and room is made for many
+// pieces at a time, so a piece costs about its copy.
+class Cursor {
+ public:
+  explicit Cursor(std::string& out) : out_(out), at_(out.data() + out.size()), end_(at_) {}
+  Cursor(const Cursor&) = delete;
+  Cursor& operator=(const Cursor&) = delete;
+  ~Cursor() { out_.resize(static_cast<size_t>(at_ - out_.data())); }
+
+  // A literal: its length is known here, so the copy is a few moves.
+  template <size_t Size>
+  [[gnu::always_inline]] Cursor& operator<<(const char (&text)[Size]) {
+    return put(text, Size - 1);
+  }
+  Cursor& operator<<(std::string_view text) { return put(text.data(), text.size()); }
+  Cursor& operator<<(char c) {
+    room(1);
+    *at_++ = c;
+    return *this;
+  }
+  // `text` doubly escaped.
+  void escaped(std::string_view text) {
+    room(text.size() * XML_MaxEscapedTwice);
+    at_ = XML_WriteEscaped(at_, text, true);
+  }
+  template <typename Number>
+  void number(Number value) {
+    room(kNumberRoom);
+    at_ = std::to_chars(at_, end_, value).ptr;
+  }
+  // `value` in at least two digits, with a leading zero.
+  void twoDigits(uint32_t value) {
+    if (value < 10) *this << '0';
+    number(value);
+  }
+  // `value` in at least six digits, with leading zeros.
+  void sixDigits(uint32_t value) {
+    room(kNumberRoom);
+    for (uint32_t limit = 100000; limit > 1 && value < limit; limit /= 10) *at_++ = '0';
+    at_ = std::to_chars(at_, end_, value).ptr;
+  }
+
+ private:
+  static constexpr size_t kNumberRoom = 24;
+  static constexpr size_t kStep = 1024;  // room made at a time: most of an element
+
+  [[gnu::always_inline]] Cursor& put(const char* text, size_t length) {
+    room(length);
+    std::memcpy(at_, text, length);
+    at_ += length;
+    return *this;
+  }
+  [[gnu::always_inline]] void room(size_t length) {
+    if (static_cast<size_t>(end_ - at_) < length) grow(length);
+  }
+  [[gnu::noinline]] void grow(size_t length) {
+    const size_t used = static_cast<size_t>(at_ - out_.data());
+    out_.resize(used + std::max(length, kStep));
+    at_ = out_.data() + used;
+    end_ = out_.data() + out_.size();
+  }
+
+  std::string& out_;
+  char* at_;
+  char* end_;
+};
+
+// The text form of an object's id, formed once for the several places that name it.
+struct IdText {
+  explicit IdText(DmsObjectId id) : length(static_cast<size_t>(DmsObjectId_Format(id, text))) {}
+  std::string_view view() const { return {text, length}; }
+  char text[DmsObjectId_TextSize];
+  size_t length;
+};
+
+// The id as DIDL-Lite names it: the root is "0".
+std::string_view didlId(const DmsObject* object, const IdText& id) {
+  return object->id == DmsObjectId{0, 0} ? std::string_view("0") : id.view();
+}
 
 // The title from the file's tags, or else the object's title without its extension.
-void appendItemTitle(std::string& out, const DmsObject* target, const DmsItemFacts& facts) {
+void writeItemTitle(Cursor& out, const DmsObject* target, const DmsItemFacts& facts) {
   if (!facts.title.empty()) {
-    appendEscaped(out, facts.title);
+    out.escaped(facts.title);
     return;
   }
   const std::string_view title = target->title();
-  appendEscaped(out, title.substr(0, title.rfind('.')));
+  out.escaped(title.substr(0, title.rfind('.')));
 }
 
-template <typename Number>
-void appendNumber(std::string& out, Number value) {
-  char text[24];
-  out.append(text, std::to_chars(text, text + sizeof text, value).ptr);
-}
-
-void appendId(std::string& out, DmsObjectId id) {
-  char text[DmsObjectId_TextSize];
-  out.append(text, static_cast<size_t>(DmsObjectId_Format(id, text)));
-}
-
-void appendDidlId(std::string& out, const DmsObject* object) {
-  if (object->id == DmsObjectId{0, 0}) out += '0';
-  else appendId(out, object->id);
-}
-
-// "http://host:port" + `path` + the id: the media and thumbnail URLs.
-void appendUrl(std::string& out, const char* host, uint16_t port, const char* path, DmsObjectId id) {
-  out += "http://";
-  out += host;
-  out += ':';
-  appendNumber(out, port);
-  out += path;
-  appendId(out, id);
-}
-
-void appendTag(std::string& out, const char* name, const std::optional<std::string_view>& value, bool wanted) {
+void writeTag(Cursor& out, std::string_view open, std::string_view close,
+              const std::optional<std::string_view>& value, bool wanted) {
   if (!wanted || !value) return;
-  out += "&lt;";
-  out += name;
-  out += "&gt;";
-  appendEscaped(out, *value);
-  out += "&lt;/";
-  out += name;
-  out += "&gt;";
-}
-
-// `value` in at least `width` digits, with leading zeros.
-void appendPadded(std::string& out, uint32_t value, size_t width) {
-  char text[16];
-  const size_t length = static_cast<size_t>(std::to_chars(text, text + sizeof text, value).ptr - text);
-  if (length < width) out.append(width - length, '0');
-  out.append(text, length);
+  out << open;
+  out.escaped(*value);
+  out << close;
 }
 
 // duration="h:mm:ss.ffffff": hours as many digits as they take.
-void appendDuration(std::string& out, uint32_t duration, uint32_t timescale) {
+void writeDuration(Cursor& out, uint32_t duration, uint32_t timescale) {
   if (timescale == 0) timescale = 1;
   const uint32_t seconds = duration / timescale;
   const auto fraction = static_cast<uint32_t>(static_cast<uint64_t>(duration % timescale) * 1000000u / timescale);
-  out += "duration=\"";
-  appendNumber(out, seconds / 3600);
-  out += ':';
-  appendPadded(out, (seconds % 3600) / 60, 2);
-  out += ':';
-  appendPadded(out, seconds % 60, 2);
-  out += '.';
-  appendPadded(out, fraction, 6);
-  out += '"';
+  out << "duration=\"";
+  out.number(seconds / 3600);
+  out << ':';
+  out.twoDigits((seconds % 3600) / 60);
+  out << ':';
+  out.twoDigits(seconds % 60);
+  out << '.';
+  out.sixDigits(fraction);
+  out << '"';
 }
+
+// What an item's elements need beyond the item: the URLs' start and its id.
+struct ItemUrls {
+  std::string_view prefix;  // "http://host:port"
+  std::string_view id;
+};
 
 // The media `res` element (duration or resolution first), and for items with
 // a cover a second one pointing at the thumbnail.
-void appendResources(std::string& out, const DmsObject* target, const DmsItemFacts& facts, const char* host,
-                     uint16_t port, bool image) {
+void writeResources(Cursor& out, const DmsObject* target, const DmsItemFacts& facts, const ItemUrls& urls,
+                    bool image) {
   const char* mime = target->mimeType ? target->mimeType : (image ? "image/*" : "*");
-  out += "&lt;res ";
+  out << "&lt;res ";
   if (image) {
-    out += "resolution=\"";
-    appendNumber(out, facts.width);
-    out += 'x';
-    appendNumber(out, facts.height);
-    out += '"';
+    out << "resolution=\"";
+    out.number(facts.width);
+    out << 'x';
+    out.number(facts.height);
+    out << '"';
   } else {
-    appendDuration(out, facts.duration, facts.timescale);
+    writeDuration(out, facts.duration, facts.timescale);
   }
-  out += " size=\"";
-  appendNumber(out, facts.size);
-  out += "\" protocolInfo=\"http-get:*:";
-  out += mime;
-  out += ":DLNA.ORG_OP=01\"&gt;";
-  appendUrl(out, host, port, "/mediaitem/", target->id);
-  out += "&lt;/res&gt;";
+  out << " size=\"";
+  out.number(facts.size);
+  out << "\" protocolInfo=\"http-get:*:" << std::string_view(mime) << ":DLNA.ORG_OP=01\"&gt;" << urls.prefix
+      << "/mediaitem/" << urls.id << "&lt;/res&gt;";
   if (!facts.hasThumbnail()) return;
-  out += "&lt;res protocolInfo=\"http-get:*:image/jpeg:DLNA.ORG_PN=JPEG_TN;DLNA.ORG_OP=01;DLNA.ORG_CI=1\"&gt;";
-  appendUrl(out, host, port, "/thumbnail/", target->id);
-  out += "&lt;/res&gt;";
+  out << "&lt;res protocolInfo=\"http-get:*:image/jpeg:DLNA.ORG_PN=JPEG_TN;DLNA.ORG_OP=01;DLNA.ORG_CI=1\"&gt;"
+      << urls.prefix << "/thumbnail/" << urls.id << "&lt;/res&gt;";
 }
 
-void renderItemBody(std::string& out, const DmsObject* target, const DmsItemFacts& facts, const char* host,
-                    uint16_t port, uint32_t filter) {
-  appendTag(out, "upnp:artist", facts.artist, filter & DmsFilter_Artist);
-  appendTag(out, "upnp:album", facts.album, filter & DmsFilter_Album);
-  appendTag(out, "upnp:genre", facts.genre, filter & DmsFilter_Genre);
+void writeItemBody(Cursor& out, const DmsObject* target, const DmsItemFacts& facts, const ItemUrls& urls,
+                   uint32_t filter) {
+  writeTag(out, "&lt;upnp:artist&gt;", "&lt;/upnp:artist&gt;", facts.artist, filter & DmsFilter_Artist);
+  writeTag(out, "&lt;upnp:album&gt;", "&lt;/upnp:album&gt;", facts.album, filter & DmsFilter_Album);
+  writeTag(out, "&lt;upnp:genre&gt;", "&lt;/upnp:genre&gt;", facts.genre, filter & DmsFilter_Genre);
   if (target->kind != DmsKind_Item) return;
 
   const bool image = target->upnpClass() == dlnaMediaClasses[DmsClass_ImageItem];
@@ -198,17 +243,16 @@ void renderItemBody(std::string& out, const DmsObject* target, const DmsItemFact
     const time_t date = static_cast<time_t>(facts.shownDate());
     struct tm day {};
     char text[64];
-    if (gmtime_r(&date, &day) && std::strftime(text, sizeof text, "&lt;dc:date&gt;%Y-%m-%d&lt;/dc:date&gt;", &day)) {
-      out += text;
+    if (gmtime_r(&date, &day)) {
+      out << std::string_view(text, std::strftime(text, sizeof text, "&lt;dc:date&gt;%Y-%m-%d&lt;/dc:date&gt;", &day));
     }
   }
   if (facts.hasThumbnail() && (filter & DmsFilter_AlbumArt)) {
-    out += "&lt;upnp:albumArtURI dlna:profileID=\"JPEG_TN\" xmlns:dlna=\"urn:schemas-dlna-org:metadata-1-0/\"&gt;";
-    appendUrl(out, host, port, "/thumbnail/", target->id);
-    out += "&lt;/upnp:albumArtURI&gt;";
+    out << "&lt;upnp:albumArtURI dlna:profileID=\"JPEG_TN\" xmlns:dlna=\"urn:schemas-dlna-org:metadata-1-0/\"&gt;"
+        << urls.prefix << "/thumbnail/" << urls.id << "&lt;/upnp:albumArtURI&gt;";
   }
   if (facts.recognised && (image || audioVideo) && (filter & DmsFilter_Res)) {
-    appendResources(out, target, facts, host, port, image);
+    writeResources(out, target, facts, urls, image);
   }
 }
 
@@ -227,8 +271,7 @@ uint32_t DmsDidl_ParseFilter(std::string_view filter) {
 
 std::string DmsDidl_Escape(std::string_view text) {
   std::string out;
-  out.reserve(text.size());
-  appendEscaped(out, text);
+  XML_AppendEscaped(out, text, true);
   return out;
 }
 
@@ -240,66 +283,71 @@ DmsDidlFolders::~DmsDidlFolders() {
 
 int DmsDidlFolders::descriptor(const DmsObject* folder) {
   if (!folder || !DmsObject_IsFolder(folder)) return -1;
-  if (last_ < count_ && folders_[last_].id == folder->id) return folders_[last_].fd;
-  for (size_t index = 0; index < count_; ++index) {
-    if (folders_[index].id == folder->id) return folders_[last_ = index].fd;
+  // Open addressing: the items of a view come from folder after folder.
+  const uint64_t hash = (folder->id.high * 0x9e3779b97f4a7c15ull) ^ (folder->id.low * 0xc2b2ae3d27d4eb4full);
+  size_t slot = static_cast<size_t>(hash >> 32) & (kSlots - 1);
+  for (; slots_[slot] != 0; slot = (slot + 1) & (kSlots - 1)) {
+    const Folder& known = folders_[slots_[slot] - 1];
+    if (known.id == folder->id) return known.fd;
   }
   if (count_ == kMaxFolders) return -1;
   const std::string path = DmsObject_GetPath(folder);
   const int fd = path.empty() ? -1 : ::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-  folders_[last_ = count_++] = {folder->id, fd};
+  folders_[count_] = {folder->id, fd};
+  slots_[slot] = static_cast<uint8_t>(++count_);
   return fd;
 }
 
-std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint16_t port, uint32_t filter,
-                                 DmsDidlFolders* folders) {
-  std::string out;
-  DmsDidl_AppendObject(out, object, host, port, filter, folders);
-  return out;
+DmsDidlRenderer::DmsDidlRenderer(const char* host, uint16_t port, uint32_t filter) : filter_(filter) {
+  char portText[8];
+  urlPrefix_.append("http://").append(host).append(1, ':');
+  urlPrefix_.append(portText, std::to_chars(portText, portText + sizeof portText, port).ptr);
 }
 
-void DmsDidl_AppendObject(std::string& out, const DmsObject* object, const char* host, uint16_t port,
-                          uint32_t filter, DmsDidlFolders* folders) {
+void DmsDidlRenderer::append(std::string& page, const DmsObject* object) {
   assert(DmsContent_Guarded());
   if (!object) return;
   const bool container = object->kind == DmsKind_Container;
-  const char* element = container ? "container" : "item";
+  const std::string_view element = container ? "container" : "item";
+  const DmsObject* parent = object->parent;
+  if (parent && (parentText_.empty() || !(parent->id == parentId_))) {
+    parentId_ = parent->id;
+    parentText_ = didlId(parent, IdText(parent->id));
+  }
+  const IdText id(object->id);
+  const DmsObject* target = object->kind == DmsKind_Reference && object->item ? object->item : object;
+  const std::optional<IdText> otherTargetId = target == object ? std::nullopt : std::optional<IdText>(target->id);
+  const std::string_view targetId = otherTargetId ? otherTargetId->view() : id.view();
 
-  out += "&lt;";
-  out += element;
-  out += " id=\"";
-  appendDidlId(out, object);
-  out += "\" parentID=\"";
-  if (object->parent) appendDidlId(out, object->parent);
-  else out += "-1";
-  out += "\" ";
-  if ((filter & DmsFilter_RefId) && object->kind == DmsKind_Reference && object->item) {
-    out += "refID=\"";
-    appendId(out, object->item->id);
-    out += '"';
+  Cursor out(page);
+  out << "&lt;" << element << " id=\"" << didlId(object, id) << "\" parentID=\""
+      << (parent ? std::string_view(parentText_) : "-1") << "\" ";
+  if ((filter_ & DmsFilter_RefId) && object->kind == DmsKind_Reference && object->item) {
+    out << "refID=\"" << targetId << '"';
   }
-  out += " restricted=\"0\" ";
-  if (container && (filter & DmsFilter_ChildCount)) {
-    out += "childCount=\"";
-    appendNumber(out, object->childCount < 0 ? 0 : object->childCount);
-    out += '"';
+  out << " restricted=\"0\" ";
+  if (container && (filter_ & DmsFilter_ChildCount)) {
+    out << "childCount=\"";
+    out.number(object->childCount < 0 ? 0 : object->childCount);
+    out << '"';
   }
-  out += "&gt;&lt;upnp:class&gt;";
-  out += publishedClass(object);
-  out += "&lt;/upnp:class&gt;&lt;dc:title&gt;";
+  out << "&gt;&lt;upnp:class&gt;" << std::string_view(publishedClass(object)) << "&lt;/upnp:class&gt;&lt;dc:title&gt;";
   if (container) {
     const bool volume = object->upnpClass() == dlnaMediaClasses[DmsClass_StorageVolume];
-    if (volume) out += "Volume";
-    else appendEscaped(out, object->title());
-    out += "&lt;/dc:title&gt;";
+    if (volume) out << "Volume";
+    else out.escaped(object->title());
+    out << "&lt;/dc:title&gt;";
   } else {
-    const DmsObject* target = object->kind == DmsKind_Reference && object->item ? object->item : object;
-    const DmsItemFacts facts = readItemFacts(target, folders ? folders->descriptor(target->parent) : -1);
-    appendItemTitle(out, target, facts);
-    out += "&lt;/dc:title&gt;";
-    renderItemBody(out, target, facts, host, port, filter);
+    const DmsItemFacts facts = readItemFacts(target, folders_.descriptor(target->parent));
+    writeItemTitle(out, target, facts);
+    out << "&lt;/dc:title&gt;";
+    writeItemBody(out, target, facts, ItemUrls{urlPrefix_, targetId}, filter_);
   }
-  out += "&lt;/";
-  out += element;
-  out += "&gt;";
+  out << "&lt;/" << element << "&gt;";
+}
+
+std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint16_t port, uint32_t filter) {
+  std::string out;
+  DmsDidlRenderer(host, port, filter).append(out, object);
+  return out;
 }

@@ -43,23 +43,37 @@ class DmsDidlFolders {
 
  private:
   static constexpr size_t kMaxFolders = 64;
+  static constexpr size_t kSlots = 4 * kMaxFolders;  // a power of two: the hash table of the folders
   struct Folder {
     DmsObjectId id;
     int fd;  // -1: the folder could not be opened
   };
   std::array<Folder, kMaxFolders> folders_{};
+  std::array<uint8_t, kSlots> slots_{};  // 1 + the index of a folder; 0: a free slot
   size_t count_ = 0;
-  size_t last_ = 0;  // the folder found last: the next item is often in it too
 };
 
-// One `item` or `container` element, escaped for the SOAP body. `host` and
-// `port` form the media and thumbnail URLs. An item is described as its file
-// is now; `folders`, when given, holds its folder open for the lookup.
-std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint16_t port, uint32_t filter,
-                                 DmsDidlFolders* folders = nullptr);
-// The same element appended to `out`: Browse renders a page into one buffer.
-void DmsDidl_AppendObject(std::string& out, const DmsObject* object, const char* host, uint16_t port,
-                          uint32_t filter, DmsDidlFolders* folders = nullptr);
+// Renders the objects of one Browse. What every element of the reply
+// shares is formed once: the "http://host:port" of the URLs and the id text
+// of the last parent met; the items' folders are opened once.
+class DmsDidlRenderer {
+ public:
+  // `host` and `port` form the media and thumbnail URLs.
+  DmsDidlRenderer(const char* host, uint16_t port, uint32_t filter);
+  // Appends the `item` or `container` element of `object`, escaped for the
+  // SOAP body. An item is described as its file is now.
+  void append(std::string& out, const DmsObject* object);
+
+ private:
+  DmsDidlFolders folders_;
+  std::string urlPrefix_;
+  uint32_t filter_;
+  DmsObjectId parentId_;
+  std::string parentText_;  // the DIDL-Lite parentID of children of parentId_; empty: none formed yet
+};
+
+// One element as DmsDidlRenderer::append writes it.
+std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint16_t port, uint32_t filter);
 
 // Doubly escapes the five XML special characters.
 std::string DmsDidl_Escape(std::string_view text);

@@ -442,13 +442,13 @@ size_t DmsMemo_Encode(const MediaStream& stream, const struct stat& file, int64_
 
 void DmsMemo_Release(const uint8_t* memo) { releaseTexts(decode(memo)); }
 
-bool DmsMemo_Matches(const DmsObject* item, const struct stat& file) {
+bool DmsMemo_Read(const DmsObject* item, const struct stat& file, DmsItemFacts& facts) {
   const uint8_t* bytes = DmsObject_Memo(item);
-  return bytes && item->kind == DmsKind_Item && describes(decode(bytes), item->modificationTime, file);
-}
-
-DmsItemFacts DmsMemo_Facts(const DmsObject* item, const struct stat& file) {
-  return factsOf(decode(DmsObject_Memo(item)), file);
+  if (!bytes || item->kind != DmsKind_Item) return false;
+  const Memo memo = decode(bytes);
+  if (!describes(memo, item->modificationTime, file)) return false;
+  facts = factsOf(memo, file);
+  return true;
 }
 
 namespace {

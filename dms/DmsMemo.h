@@ -81,11 +81,9 @@ void DmsMemo_Release(const uint8_t* memo);
 // modification and status-change times. Device and inode numbers play no
 // part: on FAT and exFAT they change at each mount, and another file may
 // then have the number.
-// True when `item` has a memo made from the file that `file`, an lstat of its
-// path, describes.
-bool DmsMemo_Matches(const DmsObject* item, const struct stat& file);
-// The facts kept in the memo of `item`, which matches `file`.
-DmsItemFacts DmsMemo_Facts(const DmsObject* item, const struct stat& file);
+// Fills `facts` from the memo of `item` when it has one made from the file
+// that `file`, an lstat of its path, describes; false otherwise.
+bool DmsMemo_Read(const DmsObject* item, const struct stat& file, DmsItemFacts& facts);
 // The facts of a fresh parse of `fd`, the open file of `item` that `file`
 // describes; the item's memo is made again from them when the new memo fits
 // the item's block.

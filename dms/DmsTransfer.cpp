@@ -68,9 +68,7 @@ void answerThumbnail(HTTPResponse* response, const DmsObject* item, const char* 
   struct stat info {};
   if (path.empty() || ::lstat(path.c_str(), &info) != 0) return;
   DmsItemFacts facts;
-  if (DmsMemo_Matches(item, info)) {
-    facts = DmsMemo_Facts(item, info);
-  } else {
+  if (!DmsMemo_Read(item, info, facts)) {
     // A FIFO in the file's place must not hold the content mutex: open without waiting.
     const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!fd.valid()) return;

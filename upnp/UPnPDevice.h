@@ -52,3 +52,8 @@ std::string XML_Escape(const char* text);
 // escapes the ampersand of each entity once more ("&amp;lt;"), for XML that
 // travels escaped inside other XML.
 void XML_AppendEscaped(std::string& out, std::string_view text, bool twice);
+// The most characters one character becomes escaped twice ("&amp;quot;").
+inline constexpr size_t XML_MaxEscapedTwice = 10;
+// The same escaping written at `out`, which has room for XML_MaxEscapedTwice
+// characters per character of `text`; returns the end of what it wrote.
+char* XML_WriteEscaped(char* out, std::string_view text, bool twice);

@@ -1,6 +1,7 @@
 // The device description and service description (SCPD) documents, built
 // straight from the device tables. Both have a fixed size: a longer document
 // is cut silently, which keeps the cost of serving them bounded.
+#include <algorithm>
 #include <cassert>
 #include <cstdio>
 #include <new>
@@ -95,17 +96,27 @@ const char* XmlEntityName(char c) {
 
 }  // namespace
 
-void XML_AppendEscaped(std::string& out, std::string_view text, bool twice) {
-  constexpr std::string_view kSpecial = "&\"'<>";
-  // Plain runs are copied whole: most texts hold no special character at all.
-  for (size_t next = text.find_first_of(kSpecial); next != std::string_view::npos;
-       next = text.find_first_of(kSpecial)) {
-    out.append(text.substr(0, next));
-    out += twice ? "&amp;" : "&";
-    out += XmlEntityName(text[next]);
-    text.remove_prefix(next + 1);
+char* XML_WriteEscaped(char* out, std::string_view text, bool twice) {
+  // The five special characters all lie below 64: one test of a bit mask
+  // passes every other character straight through.
+  constexpr uint64_t kSpecial = 1ull << '&' | 1ull << '"' | 1ull << '\'' | 1ull << '<' | 1ull << '>';
+  for (const char c : text) {
+    const auto code = static_cast<unsigned char>(c);
+    if (code >= 64 || !(kSpecial >> code & 1)) {
+      *out++ = c;
+      continue;
+    }
+    *out++ = '&';
+    if (twice) out = std::copy_n("amp;", 4, out);
+    for (const char* entity = XmlEntityName(c); *entity; ++entity) *out++ = *entity;
   }
-  out.append(text);
+  return out;
+}
+
+void XML_AppendEscaped(std::string& out, std::string_view text, bool twice) {
+  const size_t start = out.size();
+  out.resize(start + text.size() * XML_MaxEscapedTwice);
+  out.resize(static_cast<size_t>(XML_WriteEscaped(out.data() + start, text, twice) - out.data()));
 }
 
 std::string XML_Escape(const char* text) {
