@@ -115,6 +115,18 @@ TEST_F(LibraryScan, RenameInPlaceRecreatesWithTheSameId) {
             std::tuple("new.m4a", id, std::vector<std::string>{"new.m4a"}, std::vector<std::string>{"new.m4a"}));
 }
 
+// A step ends within its budget also while it takes away what went from disk.
+TEST_F(LibraryScan, RemovalsStopAtTheStepBudget) {
+  for (const char* name : {"a.m4a", "b.m4a"}) write(name, song(name));
+  scan(0);
+  for (const char* name : {"/a.m4a", "/b.m4a"}) fs::remove(dir + name);
+  int64_t spent = DmsLibrary_StepBudget;  // reading the volume uses up the rest
+  EXPECT_EQ(DmsLibrary_Scan(volume, 1, &spent), 0);
+  EXPECT_EQ(titles(volume), std::vector<std::string>{"b.m4a"});
+  scan(1);
+  EXPECT_EQ(volume->firstChild, nullptr);
+}
+
 TEST_F(LibraryScan, HardLinkStaysWhereFirstSeen) {
   write("A/song.m4a", song("Linked"));
   fs::create_directories(dir + "/B");
