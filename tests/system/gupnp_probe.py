@@ -1,17 +1,11 @@
 # A third-party control point for the system tests, built on GSSDP and GUPnP.
 #
-# `gupnp_probe.py ssdp IFACE SECONDS` prints, as JSON, every resource that a
-# GSSDP browser for ssdp:all saw on IFACE (USN and locations).
 # `gupnp_probe.py device IFACE SECONDS` waits for a MediaServer device proxy,
 # introspects every service it lists and prints its fields, action names and
 # state variable names. Exits 1 when nothing was found in time.
 # `gupnp_probe.py browse IFACE SECONDS` waits for a ContentDirectory service
 # proxy, walks the whole tree from "0" through its Browse action, parses every
 # Result with GUPnP-AV's DIDL-Lite parser and prints what that parser saw.
-# `gupnp_probe.py events IFACE SECONDS PORT COUNT` subscribes to the
-# ContentDirectory of the MediaServer whose description is served on PORT and
-# prints one JSON line per SystemUpdateID value GUPnP delivers; it exits 0
-# after COUNT values.
 import json
 import sys
 
@@ -39,15 +33,6 @@ def run_loop(loop, seconds, source, signal, handler):
 def control_point(loop, interface, seconds, target, signal, handler):
     context = GUPnP.Context.new_full(interface, None, 0, GSSDP.UDAVersion.VERSION_1_0)
     return context, run_loop(loop, seconds, GUPnP.ControlPoint.new(context, target), signal, handler)
-
-
-def browse_ssdp(interface, seconds):
-    seen = {}
-    client = GSSDP.Client.new_full(interface, None, 0, GSSDP.UDAVersion.VERSION_1_0)
-    run_loop(GLib.MainLoop(), seconds, GSSDP.ResourceBrowser.new(client, "ssdp:all"), "resource-available",
-             lambda _browser, usn, locations: seen.__setitem__(usn, list(locations)))
-    print(json.dumps(seen))
-    return 0 if seen else 1
 
 
 def introspect_device(interface, seconds):
@@ -129,27 +114,7 @@ def walk_tree(interface, seconds):
     return 0
 
 
-def watch_events(interface, seconds, port, count):
-    loop, state = GLib.MainLoop(), {"proxy": None, "values": 0}
-
-    def notified(_proxy, variable, value):
-        print(json.dumps({variable: value}), flush=True)
-        state["values"] += 1
-        if state["values"] >= int(count):
-            loop.quit()
-
-    def available(_control_point, device):
-        if state["proxy"] or f":{port}/" not in device.get_location():
-            return
-        state["proxy"] = device.get_service(CONTENT_DIRECTORY)
-        state["proxy"].add_notify("SystemUpdateID", GObject.TYPE_UINT, notified)
-        state["proxy"].set_subscribed(True)
-
-    control_point(loop, interface, seconds, MEDIA_SERVER, "device-proxy-available", available)
-    return 0 if state["values"] >= int(count) else 1
-
-
-MODES = {"ssdp": browse_ssdp, "device": introspect_device, "browse": walk_tree, "events": watch_events}
+MODES = {"device": introspect_device, "browse": walk_tree}
 
 if __name__ == "__main__":
-    sys.exit(MODES[sys.argv[1]](sys.argv[2], int(sys.argv[3]), *sys.argv[4:]))
+    sys.exit(MODES[sys.argv[1]](sys.argv[2], int(sys.argv[3])))

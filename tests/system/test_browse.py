@@ -70,7 +70,7 @@ def test_fixed_tree_exact_didl_with_full_and_empty_filters(library):
 
 def test_metadata_versus_children_and_items(library):
     port, _ = library
-    _, objects, returned, total, update, _ = browse(port, "0", flag="BrowseMetadata")
+    _, objects, returned, total, update, _ = browse(port, " \t0\r\n", flag="BrowseMetadata")  # values are trimmed
     root = objects[0]
     assert (returned, total, root["id"], root["parentID"], root["childCount"]) == (1, 1, "0", "-1", "4")
 
@@ -155,9 +155,15 @@ def test_item_rendering_and_thumbnail_of_an_mp3(library):
     assert (reply.status, reply.body, reply.headers["content-type"], reply.headers["transfermode.dlna.org"],
             reply.headers["contentfeatures.dlna.org"]) == ("HTTP/1.1 200 OK", picture, "image/jpeg", "Interactive",
                                                            "DLNA.ORG_PN=JPEG_TN;DLNA.ORG_OP=01;DLNA.ORG_CI=1")
-    reply = get(port, f"/thumbnail/{item['id']}", "Range: bytes=0-99")
-    assert (reply.status, reply.headers["content-range"], reply.body) == \
-        ("HTTP/1.1 206 Partial Content", f"bytes 0-99/{len(picture)}", picture[:100])
+    # A cover is a region of its file, and the region is the resource.
+    n = len(picture)
+    for value, status, content_range, body in (
+            (f"bytes={n - 10}-", "206 Partial Content", f"bytes {n - 10}-{n - 1}/{n}", picture[-10:]),
+            (f"bytes={n}-", "200 OK", None, b""),
+            (f"bytes={n + 1}-", "416 Requested Range Not Satisfiable", None, b"")):
+        reply = get(port, f"/thumbnail/{item['id']}", f"Range: {value}")
+        assert (reply.status, reply.headers.get("content-range"), reply.body) == \
+            ("HTTP/1.1 " + status, content_range, body), value
 
 
 def test_media_transfer_rules(library):
@@ -169,10 +175,6 @@ def test_media_transfer_rules(library):
     assert (reply.status, reply.body, reply.headers["content-type"], reply.headers["accept-ranges"],
             reply.headers["transfermode.dlna.org"], reply.headers["contentfeatures.dlna.org"]) == \
         ("HTTP/1.1 200 OK", wav, "audio/wave", "bytes", "Streaming", "DLNA.ORG_OP=01")
-    reply = get(port, path, "Range: bytes=10-19")
-    assert (reply.status, reply.body) == ("HTTP/1.1 206 Partial Content", wav[10:20])
-    reply = get(port, path, method="HEAD")
-    assert (reply.status, reply.headers["content-length"]) == ("HTTP/1.1 200 OK", str(len(wav)))
 
     picture = media_item(port, "Demo Gradient", "0.30")["id"]
     cases = [
@@ -214,7 +216,7 @@ def test_photo_and_video_metadata_in_didl(library):
     assert (mkv["upnp:class"], mkv["res"][0]["duration"]) == ("object.item.videoItem", "0:00:12.500000")
 
 
-def test_ranges_of_a_file_and_of_a_cover_inside_one(library):
+def test_ranges_and_head_of_a_file(library):
     port, media = library
     data = (media / "Music/Demo Artist/tone.wav").read_bytes()
     size, path = len(data), f"/mediaitem/{media_item(port, 'Tone')['id']}"
@@ -226,24 +228,16 @@ def test_ranges_of_a_file_and_of_a_cover_inside_one(library):
         (f"bytes={size}-", whole, None, b""), (f"bytes={size + 1}-", "416 Requested Range Not Satisfiable", None, b""),
         ("bytes=-500", "400 Bad Request", None, b""), ("bytes=9-3", "400 Bad Request", None, b""),
         ("bytes=", partial, f"bytes 0-{size - 1}/{size}", data),
-        ("bytes=10-19,30-39", partial, f"bytes 10-19/{size}", data[10:20]),
+        ("bytes=10-19,30-39", partial, f"bytes 10-19/{size}", data[10:20]), ("items=1-2", whole, None, data),
         ("bytes=0-9223372036854775807", partial, f"bytes 0-{size - 1}/{size}", data),
     ]
     for value, status, content_range, body in cases:
         reply = get(port, path, *([f"Range: {value}"] if value is not None else []))
         assert (reply.status, reply.headers.get("content-range"), reply.body) == \
             ("HTTP/1.1 " + status, content_range, body), value
-    # A cover is a region of its file, and the region is the resource.
-    mp3 = [o for o in browse(port, "0.10")[1] if o["res"][0]["protocolInfo"].startswith("http-get:*:audio/mpeg")][0]
-    _, picture = cover_bytes(media, "Music/Demo Artist/Demo Album/01 Demo Song.mp3")
-    n, path = len(picture), f"/thumbnail/{mp3['refID']}"
-    for value, status, body in ((f"bytes={n - 10}-", partial, picture[-10:]), (f"bytes={n}-", whole, b""),
-                                (f"bytes={n + 1}-", "416 Requested Range Not Satisfiable", b"")):
-        reply = get(port, path, f"Range: {value}")
-        assert (reply.status, reply.body) == ("HTTP/1.1 " + status, body), value
     # HEAD sends the same header lines (the date aside) without the body.
     client = Client(port)
-    for target in (path, f"/mediaitem/{media_item(port, 'Tone')['id']}"):
+    for target in (f"/thumbnail/{media_item(port, 'Harbour at dawn', '0.30')['id']}", path):
         head, full = client.get(target, "Range: bytes=1-", method="HEAD"), client.get(target, "Range: bytes=1-")
         head.headers.pop("date", None), full.headers.pop("date", None)
         assert (head.status, head.order, head.headers) == (full.status, full.order, full.headers) and full.body
@@ -255,10 +249,10 @@ def test_bodies_in_pieces_and_slow_clients(library):
     data = (library[1] / "Big.gif").read_bytes()
     client = Client(port, timeout=30)
     path = "/" + big["res"][0]["url"].split("/", 3)[3]
-    assert client.get(path).body == data
     start, end = 4 * 1024 * 1024 - 100, 8 * 1024 * 1024 + 100
     reply = client.get(path, f"Range: bytes={start}-{end}")
     assert (reply.headers["content-range"], reply.body) == (f"bytes {start}-{end}/{BIG}", data[start:end + 1])
+    assert client.get(path).body == data  # the next request on the connection starts afresh
     # Twenty connections in the middle of their headers hold nobody up.
     slow = [Client(port).send(b"GET /DMS/Device HTTP/1.1\r\n") for _ in range(20)]
     assert get(port, "/DMS/Device").status == "HTTP/1.1 200 OK"
@@ -273,7 +267,9 @@ def test_keep_alive_continue_and_header_limit(library):
     assert kept.get("/DMS/Device", "Connection: Keep-Alive", version="HTTP/1.0").headers["connection"] == "keep-alive"
     assert (kept.get("/DMS/Device", version="HTTP/1.0").headers["connection"], kept.closed()) == ("close", True)
     # Two requests in one segment: the header reader takes exactly one block at a time.
-    pipelined = Client(port).send(b"GET /DMS/Device HTTP/1.1\r\n\r\nGET /DMS/Device HTTP/1.1\r\nConnection: close\r\n\r\n")
+    # The second names its target in the absolute form.
+    pipelined = Client(port).send(b"GET /DMS/Device HTTP/1.1\r\n\r\nGET http://test:80/DMS/Device HTTP/1.1\r\n"
+                                  b"Connection: close\r\n\r\n")
     assert [r.status for r in pipelined.replies()] == ["HTTP/1.1 200 OK"] * 2
     # No version at all is answered (the device writes HTTP/1.1), and the connection closes.
     bare = Client(port).send(b"GET /DMS/Device\r\n\r\n")

@@ -189,18 +189,6 @@ def test_stop_is_prompt_after_the_interface_lost_its_address(responder, peer):
     assert proc.stop(timeout=10.0) == ("", 0)
 
 
-def test_invalid_service_makes_creation_fail(responder):
-    binary = str(BUILD / "mdns_test_responder")
-    for services in ([("Zero", "_z._tcp", "0", "t")],
-                     [("Good", "_g._tcp", "80", "t"), ("Zero", "_z._tcp", "0", "t")],
-                     []):
-        args = [binary, "zero", ADDR] + [field for service in services for field in service]
-        result = subprocess.run(args, capture_output=True, timeout=10)
-        assert result.returncode == 1 and result.stdout == b"", services
-    # The same arguments with a real port start a responder.
-    responder("zero", ("Good", "_g._tcp", 80, "t"))
-
-
 def test_device_thread_runs_a_responder_per_interface(process, peer):
     # A UPnP device that lists a service: its interface check starts a
     # responder on dms0 named after the hardware address, advertising the bound

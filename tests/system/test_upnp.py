@@ -40,8 +40,9 @@ def replies(port, raw, host="127.0.0.1"):
 
 def test_description_for_each_local_address_and_method(server):
     for host in ("127.0.0.1", os.environ["DMS_NETNS_ADDR"]):
-        for method in ("GET", "POST", "SUBSCRIBE"):
-            [(status, headers, body)] = replies(server.port, request(method, "/DMS/Device"), host)
+        # The path is URL-decoded before it is looked up.
+        for method, path in (("GET", "/DMS/Device"), ("POST", "/DMS/Device"), ("SUBSCRIBE", "/DMS/%44evic%65")):
+            [(status, headers, body)] = replies(server.port, request(method, path), host)
             assert (status, headers["content-type"], headers["server"]) == \
                 ("HTTP/1.1 200 OK", XML_TYPE, dms_client.server_token())
             assert "ext" not in headers

@@ -1,10 +1,9 @@
-// The content tree: the id table, recursive removal with references and
-// their update ids, and the id text forms (order and child counts are
-// browsed on the wire).
+// The content tree: recursive removal with references and their update ids,
+// and the id text forms (lookups, order and child counts are browsed on the
+// wire).
 #include <gtest/gtest.h>
 
 #include <tuple>
-#include <vector>
 
 #include "dms/DmsObject.h"
 
@@ -17,18 +16,6 @@ class ContentTree : public ::testing::Test {
   void TearDown() override { DmsObject_Free({0, 0}); }
   DmsObject* root = DmsObject_New({0, 0}, "Root", cls(DmsClass_Container), DmsKind_Container, nullptr, nullptr);
 };
-
-TEST_F(ContentTree, IdTableKeepsIdsApart) {
-  // 7.5 shares its low part with 0.5 and differs from it only in the high part.
-  DmsObject* first = DmsObject_New({0, 5}, "five", cls(DmsClass_Item), DmsKind_Item, root, nullptr);
-  DmsObject* second = DmsObject_New({0, 256}, "256", cls(DmsClass_Item), DmsKind_Item, root, nullptr);
-  DmsObject* third = DmsObject_New({7, 5}, "7.5", cls(DmsClass_Item), DmsKind_Item, root, nullptr);
-  auto found = [] { return std::vector{DmsObject_Find({0, 5}), DmsObject_Find({0, 256}), DmsObject_Find({7, 5}),
-                                       DmsObject_Find({7, 256})}; };
-  EXPECT_EQ(found(), (std::vector<DmsObject*>{first, second, third, nullptr}));
-  DmsObject_Free({0, 256});
-  EXPECT_EQ(found(), (std::vector<DmsObject*>{first, nullptr, third, nullptr}));
-}
 
 TEST_F(ContentTree, RecursiveRemovalTakesReferencesAlong) {
   DmsObject* view = DmsObject_New({0, 10}, "All", cls(DmsClass_Container), DmsKind_Container, root, nullptr);

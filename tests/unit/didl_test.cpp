@@ -1,6 +1,6 @@
-// DIDL-Lite rendering: the filter tokens, the doubled escaping, the file-name
-// fallback and which files are parsed (the exact DIDL-Lite of the fixed
-// containers is pinned on the wire).
+// DIDL-Lite rendering: the filter tokens, the doubled escaping and which files
+// are parsed (the exact DIDL-Lite of the fixed containers, and items whose
+// file went away, are checked on the wire).
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -35,22 +35,6 @@ class DidlContainers : public ::testing::Test {
   DmsObject* root =
       DmsObject_New({0, 0}, "My <Box>", dlnaMediaClasses[DmsClass_Container], DmsKind_Container, nullptr, nullptr);
 };
-
-TEST_F(DidlContainers, UnreadableItemFallsBackToItsFileName) {
-  DmsObject* volume = DmsObject_New({0, 1}, "/nonexistent-dms-media", dlnaMediaClasses[DmsClass_StorageVolume],
-                                    DmsKind_Container, root, nullptr);
-  DmsObject* item = DmsObject_New({5, 9}, "Track.One.mp3", dlnaMediaClasses[DmsClass_AudioItem], DmsKind_Item,
-                                  volume, nullptr);
-  DmsObject* reference = DmsObject_New({5 | (2ull << 32), 9}, nullptr, item->upnpClass(), DmsKind_Reference, root,
-                                       nullptr);
-  reference->item = item;
-  item->references = reference;
-  const std::string rendered = DmsDidl_RenderObject(reference, "h", 1, DmsFilter_All);
-  EXPECT_EQ(rendered,
-            "&lt;item id=\"8589934597.9\" parentID=\"0\" refID=\"5.9\" restricted=\"0\" &gt;"
-            "&lt;upnp:class&gt;object.item.audioItem&lt;/upnp:class&gt;"
-            "&lt;dc:title&gt;Track.One&lt;/dc:title&gt;&lt;/item&gt;");
-}
 
 // Only a regular file is parsed: a symbolic link or a FIFO under an item's
 // name renders like a missing file, and the FIFO must not block the render.

@@ -1,6 +1,7 @@
-// The mDNS packet side without sockets (the system tests decode whole
-// announcements and query the responder on the wire; the fuzz replay walks
-// the decoder): cut labels and texts, the buffer bound, the query forms that match.
+// The mDNS records and announcement without sockets: no records without a
+// usable service; labels and texts too long for a packet are cut and the
+// buffer bound holds (the system tests decode whole announcements and query
+// the responder on the wire; the fuzz replay walks the decoder).
 #include <gtest/gtest.h>
 
 #include <array>
@@ -9,7 +10,6 @@
 
 #include "mdns/DNSMessage.h"
 #include "mdns/MDNS.h"
-#include "tests/fixtures/ByteWriter.h"
 
 namespace {
 
@@ -18,18 +18,6 @@ MDNSRecords MakeRecords(const char* host, std::vector<MDNSService> services) {
   EXPECT_TRUE(MDNS_MakeRecords(host, "192.168.100.200 and more", services.data(), static_cast<int32_t>(services.size()),
                                records));
   return records;
-}
-
-ByteWriter& Labels(ByteWriter& w, std::initializer_list<std::string_view> labels) {
-  for (std::string_view label : labels) w.u8(static_cast<uint8_t>(label.size())).text(label);
-  return w;
-}
-
-std::vector<uint8_t> Query(uint16_t type, std::initializer_list<std::string_view> name) {
-  ByteWriter w;
-  w.u16be(0x1234).u16be(0).u16be(1).u16be(0).u16be(0).u16be(0);
-  Labels(w, name).u8(0).u16be(type).u16be(dnsClassIN);
-  return w.data();
 }
 
 TEST(MDNSAnnouncement, LongLabelsAndTextsAreCutAndTheBufferHolds) {
@@ -54,19 +42,11 @@ TEST(MDNSAnnouncement, LongLabelsAndTextsAreCutAndTheBufferHolds) {
   EXPECT_EQ(packet[7], 61);  // 1 + 3 * 20 answers are still counted
 }
 
-TEST(MDNSQuery, PointerQueriesMatchByLabelPrefix) {
-  MDNSRecords records = MakeRecords("box", {{"Media", "_http._tcp", 80, ""}, {"Files", "_smb._tcp", 445, ""}});
-  // "_tcpx" matches as a byte prefix. A malformed packet is ignored as a
-  // whole, matching question or not.
-  std::vector<uint8_t> cut = Query(dnsTypePTR, {"_http", "_tcp", "local"});
-  cut[5] = 2;
-  const std::vector<uint8_t> queries[] = {
-      Query(dnsTypePTR, {"_smb", "_tcp", "local"}), Query(dnsTypePTR, {"_http", "_tcpx"}),
-      Query(dnsTypePTR, {"_HTTP", "_tcp", "local"}), Query(dnsTypePTR, {"x", "_http", "_tcp", "local"}), cut,
-      std::vector<uint8_t>(11, 0)};
-  std::vector<bool> wanted;
-  for (const auto& query : queries) wanted.push_back(MDNS_WantsAnnouncement(records, query));
-  EXPECT_EQ(wanted, (std::vector<bool>{true, true, false, false, false, false}));
+TEST(MDNSRecords, RefusedWithoutServicesOrWithPortZero) {
+  const MDNSService portless{"Zero", "_z._tcp", 0, "t"};
+  MDNSRecords records;
+  EXPECT_FALSE(MDNS_MakeRecords("box", "10.0.0.1", &portless, 1, records) ||
+               MDNS_MakeRecords("box", "10.0.0.1", &portless, 0, records));
 }
 
 }  // namespace

@@ -1,27 +1,13 @@
-// UUID layout and the strictness of the text parser.
+// The UUID text forms and the strictness of the parser (generated UUIDs are
+// seen on the wire as the SIDs of subscriptions).
 #include <gtest/gtest.h>
 
-#include <set>
 #include <string>
 #include <tuple>
 
 #include "upnp/UUID.h"
 
 namespace {
-
-TEST(Uuid, GeneratedLayoutAndUniqueness) {
-  std::set<std::string> seen;
-  for (int i = 0; i < 50; ++i) {
-    UUID uuid{};
-    UUID_Generate(uuid);
-    char text[UUID_TextSize];
-    ASSERT_EQ(UUID_Unparse(uuid, text), 36);
-    EXPECT_EQ(std::tuple(uuid[6], uuid[8], std::string(text).substr(14, 2), std::string(text).substr(19, 2)),
-              std::tuple(0x10, 0x80, "10", "80"));
-    seen.insert(text);
-  }
-  EXPECT_EQ(seen.size(), 50u);
-}
 
 TEST(Uuid, TextRoundTripsInBothCases) {
   const UUID original = {0xDE, 0xAD, 0xBE, 0xEF, 0x01, 0x02, 0x10, 0x00,
