@@ -24,6 +24,7 @@
 
 #include "dms/DmsFolder.h"
 #include "dms/DmsLibrary.h"
+#include "dms/DmsNames.h"
 #include "media/MediaNotes.h"
 #include "media/MediaStream.h"
 
@@ -198,8 +199,8 @@ std::optional<ProbeResult> probeFile(const std::string& path, int64_t size) {
   result.stream = MediaStream_new(file.fd(), 0, size, true);
   mediaNotes = nullptr;
   const std::string_view name = std::string_view(path).substr(path.rfind('/') + 1);
-  if (DmsLibrary_IsHiddenName(name.data())) result.reason = kHiddenName;
-  else if (!DmsLibrary_HasMediaExtension(name)) result.reason = kNoMediaExtension;
+  if (DmsNames_IsHidden(name.data())) result.reason = kHiddenName;
+  else if (!DmsNames_HasMediaExtension(name)) result.reason = kNoMediaExtension;
   else if (!DmsLibrary_ItemClass(result.stream.get())) {
     result.reason = result.notes.reason ? result.notes.reason : result.stream ? kNoStream : kUnrecognised;
   }
@@ -273,7 +274,7 @@ int probeFolder(const std::string& folder, ProbeSummary& summary) {
     if (::lstat(path.c_str(), &info) != 0) {
       std::fprintf(stderr, "%s: %s\n", path.c_str(), std::strerror(errno));
       summary.allExamined = false;
-    } else if (DmsLibrary_IsHiddenName(name.c_str())) {
+    } else if (DmsNames_IsHidden(name.c_str())) {
       probePrintSkipped(path, kHiddenName);
       if (S_ISDIR(info.st_mode)) continue;  // the summary counts files
       ++summary.files;
