@@ -29,7 +29,6 @@
 #include "base/Fnv.h"
 #include "base/UniqueFd.h"
 #include "base/Varint.h"
-#include "dms/DmsLibrary.h"
 #include "dms/DmsMemo.h"
 
 namespace {

@@ -29,10 +29,3 @@ bool DmsLibrary_IsHiddenName(const char* name);
 bool DmsLibrary_HasMediaExtension(std::string_view name);
 // The class of the item made of a probed file, or null when none is made.
 const char* DmsLibrary_ItemClass(const MediaStream* stream);
-
-// Ids of the fixed containers.
-inline constexpr DmsObjectId DmsId_Root{0, 0};
-inline constexpr DmsObjectId DmsId_MediaDirectory{0, 1};
-inline constexpr DmsObjectId DmsId_Pictures{0, 2};
-inline constexpr DmsObjectId DmsId_Videos{0, 3};
-inline constexpr DmsObjectId DmsId_Music{0, 4};
