@@ -77,18 +77,21 @@ class FolderChildren {
  public:
   explicit FolderChildren(DmsObject* folder) : folder_(folder) {}
 
+  // Makes room in the list for one more entry; std::bad_alloc, before
+  // anything changed, when memory for it runs out.
+  void makeRoom() {
+    gather();
+    if (children_.size() == children_.capacity()) children_.reserve(2 * children_.size() + 1);
+  }
+
   // Creates an entry of the folder at its sorted place, an item with its
-  // memo. Null when memory runs out for the object; std::bad_alloc, before
-  // anything changed, when it runs out for the list.
+  // memo, which it passes to DmsObject_New. Null when memory runs out for the
+  // object; std::bad_alloc, before anything changed, when it runs out for the
+  // list (never after makeRoom).
   DmsObject* add(DmsObjectId id, const char* name, const char* upnpClass, DmsObjectKind kind,
                  const uint8_t* memo = nullptr, uint8_t memoSize = 0) {
-    try {
-      gather();
-      if (children_.size() == children_.capacity()) children_.reserve(2 * children_.size() + 1);
-    } catch (const std::bad_alloc&) {
-      if (memoSize > 0) DmsMemo_Release(memo);  // the memo's texts go with it, as in DmsObject_New
-      throw;
-    }
+    assert(memoSize == 0 || (gathered_ && children_.size() < children_.capacity()));
+    makeRoom();
     const auto at = std::lower_bound(children_.begin(), children_.end(), name, [](const DmsObject* child, const char* key) {
       return strcasecmp(child->title().c_str(), key) < 0;
     });
@@ -200,6 +203,8 @@ bool scanFile(FolderChildren& children, DmsObject* folder, const std::string& fo
   }
   const char* itemClass = DmsLibrary_ItemClass(stream.get());
   if (!itemClass) return changed;
+  // Room first: from its encoding on, the memo's texts are the item's, made or not.
+  children.makeRoom();
   uint8_t memo[DmsMemo_MaxSize];
   const size_t memoSize = DmsMemo_Encode(*stream, info, static_cast<int64_t>(info.st_mtime), memo);
   if (stream->date == 0) stream->date = static_cast<int32_t>(info.st_mtime);
