@@ -24,7 +24,7 @@
 #include "base/MemoryReserve.h"
 #include "base/Text.h"
 #include "base/UniqueFd.h"
-#include "dms/DmsCache.h"
+#include "dms/DmsMemoFile.h"
 #include "dms/DmsMemo.h"
 #include "dms/DmsServerState.h"
 #include "dms/DmsWatch.h"
@@ -191,7 +191,7 @@ bool scanFile(FolderChildren& children, DmsObject* folder, const std::string& fo
 
   if (MemoryReserve_Short()) return changed;
   // A file whose memo the memo file keeps (found by its path) is not opened.
-  MediaStreamPtr stream = DmsCache_Take(folderPath, name, info);
+  MediaStreamPtr stream = DmsMemoFile_Take(folderPath, name, info);
   if (!stream) {
     UniqueFd file(::openat(dirFd, name, O_RDONLY | O_CLOEXEC));
     if (file.get() < 0) return changed;

@@ -92,7 +92,7 @@ DmsItemFacts DmsMemo_Facts(const DmsObject* item, const struct stat& file);
 // the item's block.
 DmsItemFacts DmsMemo_Parse(const DmsObject* item, int fd, const struct stat& file);
 
-// The memo file (DmsCache.h) keeps each memo in the form memory keeps it,
+// The memo file (DmsMemoFile.h) keeps each memo in the form memory keeps it,
 // after the item's modification second, with its shared texts named by
 // number instead of address: a save numbers the texts from 0 in the order it
 // meets them and writes them all before the memos.

@@ -10,7 +10,7 @@
 //   an FNV-1a checksum of all bytes before it (8 bytes, little-endian).
 // The loader reads the file into memory of its own, checks it whole and
 // keeps an index by path until a pass that saw the library ends.
-#include "dms/DmsCache.h"
+#include "dms/DmsMemoFile.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -311,19 +311,19 @@ Counts writeFile(Writer& out, const std::string& publishedPath) {
 
 }  // namespace
 
-void DmsCache_Load(const std::string& directory, const std::string& publishedPath) {
-  DmsCache_Unload();
+void DmsMemoFile_Load(const std::string& directory, const std::string& publishedPath) {
+  DmsMemoFile_Unload();
   knownChecksum = 0;
   knownMemos = 0;
   try {
-    if (std::optional<Mapping> bytes = readFile(directory + "/" + DmsCache_FileName)) {
+    if (std::optional<Mapping> bytes = readFile(directory + "/" + DmsMemoFile_Name)) {
       index(std::move(*bytes), publishedPath);
     }
   } catch (const std::bad_alloc&) {  // without memory to read it, no file
   }
 }
 
-MediaStreamPtr DmsCache_Take(std::string_view folderPath, std::string_view name, const struct stat& file) {
+MediaStreamPtr DmsMemoFile_Take(std::string_view folderPath, std::string_view name, const struct stat& file) {
   if (!loaded.slotCount || !folderPath.starts_with(loaded.publishedPath)) return nullptr;
   const std::string_view folder = folderPath.substr(loaded.publishedPath.size());
   const Slot* slots = slotTable();
@@ -339,10 +339,10 @@ MediaStreamPtr DmsCache_Take(std::string_view folderPath, std::string_view name,
   return nullptr;
 }
 
-void DmsCache_Unload() { loaded = Loaded{}; }
+void DmsMemoFile_Unload() { loaded = Loaded{}; }
 
-void DmsCache_PassEnded(const std::string& directory, const std::string& publishedPath,
-                        std::unique_lock<DmsContentMutex>& lock) {
+void DmsMemoFile_PassEnded(const std::string& directory, const std::string& publishedPath,
+                           std::unique_lock<DmsContentMutex>& lock) {
   Counts counts;
   try {
     Writer measure(-1);
@@ -355,16 +355,16 @@ void DmsCache_PassEnded(const std::string& directory, const std::string& publish
   // memos stay at hand for the pass that sees the library again.
   if (counts.items == 0 && knownMemos > 0) {
     lock.unlock();
-    if (!loaded.slotCount) DmsCache_Load(directory, publishedPath);
+    if (!loaded.slotCount) DmsMemoFile_Load(directory, publishedPath);
     return;
   }
-  DmsCache_Unload();
+  DmsMemoFile_Unload();
   if (counts.checksum == knownChecksum) return;
 
   std::string path, next;
   try {
-    path = directory + "/" + DmsCache_FileName;
-    next = directory + "/" + DmsCache_NewFileName;
+    path = directory + "/" + DmsMemoFile_Name;
+    next = directory + "/" + DmsMemoFile_NewName;
   } catch (const std::bad_alloc&) {  // the previous file stays
     return;
   }
