@@ -57,7 +57,7 @@ constexpr int64_t kRefileTime = INT64_MIN;
 constexpr size_t kMaxViews = 4;
 
 // Group containers (one artist, album, genre or day) take ids 0.10001 on;
-// the counter is never reset, not even by a rescan.
+// the counter is never reset, not even by a rescan. Guarded by the content mutex.
 uint64_t lastGroupId = 10000;
 
 const char* mediaClass(DmsMediaClass index) { return dlnaMediaClasses[index]; }
@@ -156,6 +156,7 @@ struct Placement {
 // whole list. A step that finds very many files links them in batches, so
 // that the list of pending references stays small.
 constexpr size_t kMaxPending = 4096;
+// Guarded by the content mutex; empty whenever a step ends.
 std::vector<Placement> pendingPlacements;
 
 void placeItem(DmsObject* item, const MediaStream& metadata, std::vector<Placement>& placements);

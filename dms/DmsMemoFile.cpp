@@ -20,6 +20,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <optional>
 #include <span>
@@ -96,10 +97,16 @@ struct Loaded {
   size_t textCount = 0;
   std::string_view publishedPath;  // in `bytes`
 };
+// The memo file's state between calls, guarded by `fileMutex`: every
+// DmsMemoFile_ function holds it throughout, taking it after the content
+// mutex when it needs both, so that a save may release the content mutex
+// and still record what it wrote.
+std::mutex fileMutex;
 Loaded loaded;
 // The file as loaded or last written: its checksum (0 for none) and how many memos it holds.
 uint64_t knownChecksum = 0;
 uint32_t knownMemos = 0;
+// The number of the last save, by which DmsMemo_NumberTexts numbers the shared texts.
 uint32_t lastSave = 0;
 
 size_t slotOf(std::string_view folder, std::string_view name, size_t slotCount) {
@@ -309,10 +316,11 @@ Counts writeFile(Writer& out, const std::string& publishedPath) {
   return counts;
 }
 
-}  // namespace
+void unload() { loaded = Loaded{}; }
 
-void DmsMemoFile_Load(const std::string& directory, const std::string& publishedPath) {
-  DmsMemoFile_Unload();
+// Loads the file, with `fileMutex` held.
+void load(const std::string& directory, const std::string& publishedPath) {
+  unload();
   knownChecksum = 0;
   knownMemos = 0;
   try {
@@ -323,7 +331,15 @@ void DmsMemoFile_Load(const std::string& directory, const std::string& published
   }
 }
 
+}  // namespace
+
+void DmsMemoFile_Load(const std::string& directory, const std::string& publishedPath) {
+  const std::lock_guard fileLock(fileMutex);
+  load(directory, publishedPath);
+}
+
 MediaStreamPtr DmsMemoFile_Take(std::string_view folderPath, std::string_view name, const struct stat& file) {
+  const std::lock_guard fileLock(fileMutex);
   if (!loaded.slotCount || !folderPath.starts_with(loaded.publishedPath)) return nullptr;
   const std::string_view folder = folderPath.substr(loaded.publishedPath.size());
   const Slot* slots = slotTable();
@@ -339,10 +355,14 @@ MediaStreamPtr DmsMemoFile_Take(std::string_view folderPath, std::string_view na
   return nullptr;
 }
 
-void DmsMemoFile_Unload() { loaded = Loaded{}; }
+void DmsMemoFile_Unload() {
+  const std::lock_guard fileLock(fileMutex);
+  unload();
+}
 
 void DmsMemoFile_PassEnded(const std::string& directory, const std::string& publishedPath,
                            std::unique_lock<DmsContentMutex>& lock) {
+  const std::lock_guard fileLock(fileMutex);
   Counts counts;
   try {
     Writer measure(-1);
@@ -355,10 +375,10 @@ void DmsMemoFile_PassEnded(const std::string& directory, const std::string& publ
   // memos stay at hand for the pass that sees the library again.
   if (counts.items == 0 && knownMemos > 0) {
     lock.unlock();
-    if (!loaded.slotCount) DmsMemoFile_Load(directory, publishedPath);
+    if (!loaded.slotCount) load(directory, publishedPath);
     return;
   }
-  DmsMemoFile_Unload();
+  unload();
   if (counts.checksum == knownChecksum) return;
 
   std::string path, next;

@@ -7,7 +7,8 @@
 // of a pass after which it would read otherwise; a pass that did not see the
 // library leaves it as it is. A file that fails any check (format, word
 // size, byte order, published path, a count, length or offset beyond its
-// bytes, the checksum) is treated as absent.
+// bytes, the checksum) is treated as absent. The module's state has a mutex
+// of its own, which its functions take after the content mutex.
 #pragma once
 
 #include <sys/stat.h>

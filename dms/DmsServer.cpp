@@ -67,6 +67,9 @@ constexpr std::array<FixedContainer, 14> kFixedContainers = {{
     {{0, 30}, DmsId_Pictures, "All Pictures", DmsClass_Container},
 }};
 
+// Written by start-up and shutdown, on the caller's thread while no refresh
+// thread runs (`open` is an atomic, and `wake` is waited on under `sleepMutex`);
+// the refresh thread reads it.
 struct ServerState {
   std::atomic<bool> open{false};
   std::string cacheDirectory;  // empty: no memo file
