@@ -26,8 +26,8 @@
 #include <string_view>
 #include <vector>
 
-#include "dms/DmsMemoFile.h"
 #include "dms/DmsLibrary.h"
+#include "dms/DmsMemoFile.h"
 #include "dms/DmsServer.h"
 #include "dms/DmsObject.h"
 #include "dms/DmsServerState.h"

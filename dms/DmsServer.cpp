@@ -23,9 +23,9 @@
 
 #include "base/MemoryReserve.h"
 #include "base/NetworkInterface.h"
-#include "dms/DmsMemoFile.h"
 #include "dms/DmsDevice.h"
 #include "dms/DmsLibrary.h"
+#include "dms/DmsMemoFile.h"
 #include "dms/DmsObject.h"
 #include "dms/DmsServerState.h"
 #include "dms/DmsWatch.h"
