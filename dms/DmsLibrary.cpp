@@ -11,19 +11,17 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cassert>
 #include <chrono>
 #include <climits>
 #include <ctime>
 #include <new>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "base/MemoryReserve.h"
-#include "base/Text.h"
 #include "base/UniqueFd.h"
+#include "dms/DmsFolder.h"
 #include "dms/DmsMemo.h"
 #include "dms/DmsMemoFile.h"
 #include "dms/DmsServerState.h"
@@ -31,10 +29,6 @@
 #include "media/MediaStream.h"
 
 namespace {
-
-constexpr std::array<std::string_view, 27> kExtensions = {
-    ".jpeg", ".jpg", ".png",  ".bmp", ".tiff", ".tif", ".gif", ".avi",  ".wave", ".wav", ".mp3", ".mov", ".mp4", ".m4v",
-    ".m4a",  ".m4p", ".m4b",  ".m4r", ".mkv",  ".mka", ".webm", ".3gpp", ".3gp", ".aac", ".flac", ".fla", ".flc"};
 
 // Reference ids carry the kind of view in the top word of the high part.
 constexpr uint8_t kViewAll = 2;
@@ -172,7 +166,7 @@ void flushPlacements() {
 // Handles one regular file of a folder being read; true when the library changed.
 bool scanFile(FolderChildren& children, DmsObject* folder, const std::string& folderPath, int dirFd, const char* name,
               const struct stat& info, int32_t pass) {
-  if (!DmsLibrary_HasMediaExtension(name)) return false;
+  if (!DmsFolder_HasMediaExtension(name)) return false;
   const DmsObjectId id{static_cast<uint64_t>(info.st_dev) + 1, static_cast<uint64_t>(info.st_ino)};
   bool changed = false;
   if (DmsObject* existing = DmsObject_Find(id)) {
@@ -249,7 +243,7 @@ enum class FolderRead { Unreadable, Unchanged, Changed };
   bool changed = false;
   FolderChildren children(folder);
   while (const dirent* entry = directory.next()) {
-    if (DmsLibrary_IsHiddenName(entry->d_name)) continue;
+    if (DmsFolder_IsHiddenName(entry->d_name)) continue;
     struct stat info {};
     if (::fstatat(directory.fd(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
     // An entry that runs out of memory is left out (it may have replaced an
@@ -429,18 +423,6 @@ int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent) {
   flushPlacements();
   std::vector<Placement>().swap(pendingPlacements);
   return result;
-}
-
-bool DmsLibrary_IsHiddenName(const char* name) { return name[0] == '.'; }
-
-bool DmsLibrary_HasMediaExtension(std::string_view name) {
-  size_t dot = name.rfind('.');
-  if (dot == std::string_view::npos) return false;
-  std::string_view extension = name.substr(dot);
-  for (std::string_view accepted : kExtensions) {
-    if (Text_EqualsNoCase(extension, accepted)) return true;
-  }
-  return false;
 }
 
 const char* DmsLibrary_ItemClass(const MediaStream* stream) {

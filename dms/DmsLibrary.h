@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string_view>
 
 #include "dms/DmsObject.h"
 
@@ -21,11 +20,7 @@ int DmsLibrary_Scan(DmsObject* folder, int32_t pass, int64_t* spent);
 // Creates the references of a new item in the views of its media kind.
 void DmsLibrary_Categorise(DmsObject* item, const MediaStream& metadata);
 
-// The rules by which the scan passes over a directory entry or publishes it;
-// dms-probe applies the same ones to explain what the scan does.
-// True for a name the scan never looks at (a dot-file or dot-folder).
-bool DmsLibrary_IsHiddenName(const char* name);
-// True when a regular file of this name is probed at all.
-bool DmsLibrary_HasMediaExtension(std::string_view name);
+// The rule by which the scan publishes a probed file (the names it looks at
+// are in DmsFolder.h); dms-probe applies it to explain what the scan does.
 // The class of the item made of a probed file, or null when none is made.
 const char* DmsLibrary_ItemClass(const MediaStream* stream);

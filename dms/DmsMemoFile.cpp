@@ -316,11 +316,11 @@ Counts writeFile(Writer& out, const std::string& publishedPath) {
   return counts;
 }
 
-void unload() { loaded = Loaded{}; }
+void forgetLoaded() { loaded = Loaded{}; }
 
 // Loads the file, with `fileMutex` held.
-void load(const std::string& directory, const std::string& publishedPath) {
-  unload();
+void loadFile(const std::string& directory, const std::string& publishedPath) {
+  forgetLoaded();
   knownChecksum = 0;
   knownMemos = 0;
   try {
@@ -335,7 +335,7 @@ void load(const std::string& directory, const std::string& publishedPath) {
 
 void DmsMemoFile_Load(const std::string& directory, const std::string& publishedPath) {
   const std::lock_guard fileLock(fileMutex);
-  load(directory, publishedPath);
+  loadFile(directory, publishedPath);
 }
 
 MediaStreamPtr DmsMemoFile_Take(std::string_view folderPath, std::string_view name, const struct stat& file) {
@@ -357,7 +357,7 @@ MediaStreamPtr DmsMemoFile_Take(std::string_view folderPath, std::string_view na
 
 void DmsMemoFile_Unload() {
   const std::lock_guard fileLock(fileMutex);
-  unload();
+  forgetLoaded();
 }
 
 void DmsMemoFile_PassEnded(const std::string& directory, const std::string& publishedPath,
@@ -375,10 +375,10 @@ void DmsMemoFile_PassEnded(const std::string& directory, const std::string& publ
   // memos stay at hand for the pass that sees the library again.
   if (counts.items == 0 && knownMemos > 0) {
     lock.unlock();
-    if (!loaded.slotCount) load(directory, publishedPath);
+    if (!loaded.slotCount) loadFile(directory, publishedPath);
     return;
   }
-  unload();
+  forgetLoaded();
   if (counts.checksum == knownChecksum) return;
 
   std::string path, next;

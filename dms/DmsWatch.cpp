@@ -16,7 +16,7 @@
 #include <cstring>
 
 #include "base/UniqueFd.h"
-#include "dms/DmsLibrary.h"
+#include "dms/DmsFolder.h"
 
 namespace {
 
@@ -53,8 +53,8 @@ WatchState watch;
 bool matters(const inotify_event& event) {
   if (event.mask & IN_Q_OVERFLOW) return true;  // events were lost
   if (event.len == 0) return (event.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_ATTRIB)) != 0;
-  if (DmsLibrary_IsHiddenName(event.name)) return false;
-  return (event.mask & IN_ISDIR) || DmsLibrary_HasMediaExtension(event.name);
+  if (DmsFolder_IsHiddenName(event.name)) return false;
+  return (event.mask & IN_ISDIR) || DmsFolder_HasMediaExtension(event.name);
 }
 
 // Reads every pending event; true when one of them matters.

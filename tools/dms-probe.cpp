@@ -198,8 +198,8 @@ std::optional<ProbeResult> probeFile(const std::string& path, int64_t size) {
   result.stream = MediaStream_new(file.fd(), 0, size, true);
   mediaNotes = nullptr;
   const std::string_view name = std::string_view(path).substr(path.rfind('/') + 1);
-  if (DmsLibrary_IsHiddenName(name.data())) result.reason = kHiddenName;
-  else if (!DmsLibrary_HasMediaExtension(name)) result.reason = kNoMediaExtension;
+  if (DmsFolder_IsHiddenName(name.data())) result.reason = kHiddenName;
+  else if (!DmsFolder_HasMediaExtension(name)) result.reason = kNoMediaExtension;
   else if (!DmsLibrary_ItemClass(result.stream.get())) {
     result.reason = result.notes.reason ? result.notes.reason : result.stream ? kNoStream : kUnrecognised;
   }
@@ -273,7 +273,7 @@ int probeFolder(const std::string& folder, ProbeSummary& summary) {
     if (::lstat(path.c_str(), &info) != 0) {
       std::fprintf(stderr, "%s: %s\n", path.c_str(), std::strerror(errno));
       summary.allExamined = false;
-    } else if (DmsLibrary_IsHiddenName(name.c_str())) {
+    } else if (DmsFolder_IsHiddenName(name.c_str())) {
       probePrintSkipped(path, kHiddenName);
       if (S_ISDIR(info.st_mode)) continue;  // the summary counts files
       ++summary.files;
