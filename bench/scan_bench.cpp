@@ -26,8 +26,8 @@
 #include <string_view>
 #include <vector>
 
-#include "dms/DmsCache.h"
 #include "dms/DmsLibrary.h"
+#include "dms/DmsMemoFile.h"
 #include "dms/DmsServer.h"
 #include "dms/DmsObject.h"
 #include "dms/DmsServerState.h"
@@ -402,28 +402,28 @@ int main(int argc, char** argv) {
   const bool memoWritten = InChild([&] {
     TreeScan(TreeBuild(library.root), 1);
     std::unique_lock lock(DmsServer_ContentMutex());
-    DmsCache_PassEnded(memoDirectory, library.root, lock);
-    return fs::exists(memoDirectory + "/" + DmsCache_FileName) ? 0 : 1;
+    DmsMemoFile_PassEnded(memoDirectory, library.root, lock);
+    return fs::exists(memoDirectory + "/" + DmsMemoFile_Name) ? 0 : 1;
   });
   const bool memoMeasured = memoWritten && InChild([&] {
     // After the fork the code comes back into memory a page at a time as it
     // runs: one folder first, from the memo file too.
-    DmsCache_Load(memoDirectory, library.root);
+    DmsMemoFile_Load(memoDirectory, library.root);
     TreeScan(TreeBuild(library.root + "/Artist 00/Album 00"), 1);
     DmsObject_Free(DmsId_Root);
-    DmsCache_Unload();
+    DmsMemoFile_Unload();
     const int64_t residentBefore = residentBytes();
     DmsObject* volume = TreeBuild(library.root);
-    DmsCache_Load(memoDirectory, library.root);
+    DmsMemoFile_Load(memoDirectory, library.root);
     const PassTiming pass = TreeScan(volume, 1);
-    DmsCache_Unload();
+    DmsMemoFile_Unload();
     TreeCount counted;
     TreeCountBelow(DmsObject_Find(DmsId_Root), counted);
     const double perItem = static_cast<double>(residentBytes() - residentBefore) / std::max(counted.items, 1);
     std::printf("first pass with the memo file of an earlier one (%lld bytes, %.0f an item), page cache warm: "
                 "%.3f s wall, %.3f s cpu\n",
-                static_cast<long long>(fs::file_size(memoDirectory + "/" + DmsCache_FileName)),
-                static_cast<double>(fs::file_size(memoDirectory + "/" + DmsCache_FileName)) / shape.fileCount(),
+                static_cast<long long>(fs::file_size(memoDirectory + "/" + DmsMemoFile_Name)),
+                static_cast<double>(fs::file_size(memoDirectory + "/" + DmsMemoFile_Name)) / shape.fileCount(),
                 pass.time.seconds, pass.time.cpu);
     std::printf("  resident memory (VmRSS) after it, the loaded file let go: %.0f bytes per item  [%s target <= %.0f "
                 "on %s]\n", perItem, sizeof(void*) == 4 ? verdict(perItem <= kBytesPerItem) : "n/a", kBytesPerItem,

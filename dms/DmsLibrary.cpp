@@ -17,13 +17,12 @@
 #include <ctime>
 #include <new>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "base/MemoryReserve.h"
 #include "base/UniqueFd.h"
-#include "dms/DmsCache.h"
 #include "dms/DmsMemo.h"
+#include "dms/DmsMemoFile.h"
 #include "dms/DmsNames.h"
 #include "dms/DmsServerState.h"
 #include "dms/DmsWatch.h"
@@ -52,7 +51,7 @@ constexpr int64_t kRefileTime = INT64_MIN;
 constexpr size_t kMaxViews = 4;
 
 // Group containers (one artist, album, genre or day) take ids 0.10001 on;
-// the counter is never reset, not even by a rescan.
+// the counter is never reset, not even by a rescan. Guarded by the content mutex.
 uint64_t lastGroupId = 10000;
 
 const char* mediaClass(DmsMediaClass index) { return dlnaMediaClasses[index]; }
@@ -72,18 +71,21 @@ class FolderChildren {
  public:
   explicit FolderChildren(DmsObject* folder) : folder_(folder) {}
 
+  // Makes room in the list for one more entry; std::bad_alloc, before
+  // anything changed, when memory for it runs out.
+  void makeRoom() {
+    gather();
+    if (children_.size() == children_.capacity()) children_.reserve(2 * children_.size() + 1);
+  }
+
   // Creates an entry of the folder at its sorted place, an item with its
-  // memo. Null when memory runs out for the object; std::bad_alloc, before
-  // anything changed, when it runs out for the list.
+  // memo, which it passes to DmsObject_New. Null when memory runs out for the
+  // object; std::bad_alloc, before anything changed, when it runs out for the
+  // list (never after makeRoom).
   DmsObject* add(DmsObjectId id, const char* name, const char* upnpClass, DmsObjectKind kind,
                  const uint8_t* memo = nullptr, uint8_t memoSize = 0) {
-    try {
-      gather();
-      if (children_.size() == children_.capacity()) children_.reserve(2 * children_.size() + 1);
-    } catch (const std::bad_alloc&) {
-      if (memoSize > 0) DmsMemo_Release(memo);  // the memo's texts go with it, as in DmsObject_New
-      throw;
-    }
+    assert(memoSize == 0 || (gathered_ && children_.size() < children_.capacity()));
+    makeRoom();
     const auto at = std::lower_bound(children_.begin(), children_.end(), name, [](const DmsObject* child, const char* key) {
       return strcasecmp(child->title().c_str(), key) < 0;
     });
@@ -148,6 +150,7 @@ struct Placement {
 // whole list. A step that finds very many files links them in batches, so
 // that the list of pending references stays small.
 constexpr size_t kMaxPending = 4096;
+// Guarded by the content mutex; empty whenever a step ends.
 std::vector<Placement> pendingPlacements;
 
 void placeItem(DmsObject* item, const MediaStream& metadata, std::vector<Placement>& placements);
@@ -183,7 +186,7 @@ bool scanFile(FolderChildren& children, DmsObject* folder, const std::string& fo
 
   if (MemoryReserve_Short()) return changed;
   // A file whose memo the memo file keeps (found by its path) is not opened.
-  MediaStreamPtr stream = DmsCache_Take(folderPath, name, info);
+  MediaStreamPtr stream = DmsMemoFile_Take(folderPath, name, info);
   if (!stream) {
     UniqueFd file(::openat(dirFd, name, O_RDONLY | O_CLOEXEC));
     if (file.get() < 0) return changed;
@@ -195,6 +198,8 @@ bool scanFile(FolderChildren& children, DmsObject* folder, const std::string& fo
   }
   const char* itemClass = DmsLibrary_ItemClass(stream.get());
   if (!itemClass) return changed;
+  // Room first: from its encoding on, the memo's texts are the item's, made or not.
+  children.makeRoom();
   uint8_t memo[DmsMemo_MaxSize];
   const size_t memoSize = DmsMemo_Encode(*stream, info, static_cast<int64_t>(info.st_mtime), memo);
   if (stream->date == 0) stream->date = static_cast<int32_t>(info.st_mtime);

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string_view>
 
 #include "dms/DmsObject.h"
 
@@ -24,10 +23,3 @@ void DmsLibrary_Categorise(DmsObject* item, const MediaStream& metadata);
 // The class of the item made of a probed file, or null when none is made;
 // dms-probe applies the same rule to explain what the scan does.
 const char* DmsLibrary_ItemClass(const MediaStream* stream);
-
-// Ids of the fixed containers.
-inline constexpr DmsObjectId DmsId_Root{0, 0};
-inline constexpr DmsObjectId DmsId_MediaDirectory{0, 1};
-inline constexpr DmsObjectId DmsId_Pictures{0, 2};
-inline constexpr DmsObjectId DmsId_Videos{0, 3};
-inline constexpr DmsObjectId DmsId_Music{0, 4};

@@ -7,6 +7,7 @@
 #include "dms/DmsMemo.h"
 
 #include <array>
+#include <cassert>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -14,6 +15,7 @@
 #include "base/Fnv.h"
 #include "base/Varint.h"
 #include "dms/DmsObject.h"
+#include "dms/DmsServerState.h"
 
 namespace {
 
@@ -35,7 +37,7 @@ struct SharedText {
   uint32_t hash;
   uint32_t refs;
   uint32_t length;
-  uint32_t save;    // the last save of the memo file that numbered it
+  uint32_t save;    // the last save of the memo file that numbered it (DmsMemo_NumberTexts)
   uint32_t number;  // its number in that save
   std::string_view text() const { return {reinterpret_cast<const char*>(this + 1), length}; }
 };
@@ -45,7 +47,7 @@ struct SharedText {
 class SharedTexts {
  public:
   // The text, counted once more; null when memory runs out.
-  const SharedText* acquire(std::string_view text) {
+  SharedText* acquire(std::string_view text) {
     const uint32_t hash = hashOf(text);
     if (buckets_) {
       for (SharedText* entry = buckets_[hash & mask()]; entry; entry = entry->next) {
@@ -59,6 +61,8 @@ class SharedTexts {
     if (!buckets_) return nullptr;
     void* block = ::operator new(sizeof(SharedText) + text.size(), std::nothrow);
     if (!block) return nullptr;
+    // From the first text counted on, the tree gives its memos back here.
+    if (count_ == 0) DmsObject_SetMemoRelease(DmsMemo_Release);
     auto* entry = new (block) SharedText{buckets_[hash & mask()], hash, 1, static_cast<uint32_t>(text.size()), 0, 0};
     text.copy(reinterpret_cast<char*>(entry + 1), text.size());
     buckets_[hash & mask()] = entry;
@@ -66,7 +70,7 @@ class SharedTexts {
     return entry;
   }
 
-  // Counts the text once less; the last release frees it.
+  // Counts the text once less; the last release frees it. Only releaseTexts calls it.
   void release(const SharedText* text) {
     SharedText** at = &buckets_[text->hash & mask()];
     while (*at != text) at = &(*at)->next;
@@ -105,6 +109,7 @@ class SharedTexts {
   uint32_t count_ = 0;
 };
 
+// Guarded by the content mutex, as are the memos that count its texts.
 SharedTexts sharedTexts;
 
 // A memo decoded: the identity of its file and the facts.
@@ -123,7 +128,7 @@ struct Memo {
   uint64_t coverOffset = 0;
   uint64_t coverLength = 0;
   std::string_view title;
-  std::array<const SharedText*, 3> shared{};                // artist, album, genre: in memory
+  std::array<SharedText*, 3> shared{};                      // artist, album, genre: in memory
   std::array<std::optional<std::string_view>, 3> texts{};  // the same texts, wherever they are
 };
 
@@ -257,6 +262,8 @@ bool describes(const Memo& memo, int64_t seconds, const struct stat& file) {
          memo.modificationDelta == identity->modificationDelta && memo.changeDelta == identity->changeDelta;
 }
 
+// Gives back the counts of a memo's shared texts: every memo that goes, from
+// an item's block or from one being made, goes through here.
 void releaseTexts(const Memo& memo) {
   for (const SharedText* text : memo.shared) {
     if (text) sharedTexts.release(text);
@@ -393,6 +400,7 @@ DmsItemFacts parsedFacts(MediaStreamPtr stream, const struct stat& file) {
 
 size_t DmsMemo_Encode(const MediaStream& stream, const struct stat& file, int64_t itemSeconds,
                       uint8_t out[DmsMemo_MaxSize]) {
+  assert(DmsContent_Guarded());
   const std::optional<Identity> identity = identityOf(file, itemSeconds);
   const std::optional<uint8_t> mimeType = DmsMemo_TypeNumber(stream.mimeType);
   const std::optional<uint8_t> coverType = DmsMemo_TypeNumber(stream.coverLength > 0 ? stream.coverMimeType : nullptr);
@@ -440,9 +448,13 @@ size_t DmsMemo_Encode(const MediaStream& stream, const struct stat& file, int64_
   return writer.length();
 }
 
-void DmsMemo_Release(const uint8_t* memo) { releaseTexts(decode(memo)); }
+void DmsMemo_Release(const uint8_t* memo) {
+  assert(DmsContent_Guarded());
+  releaseTexts(decode(memo));
+}
 
 bool DmsMemo_Read(const DmsObject* item, const struct stat& file, DmsItemFacts& facts) {
+  assert(DmsContent_Guarded());
   const uint8_t* bytes = DmsObject_Memo(item);
   if (!bytes || item->kind != DmsKind_Item) return false;
   const Memo memo = decode(bytes);
@@ -478,6 +490,7 @@ bool readRecord(VarintReader& in, std::span<const std::string_view> texts, int64
 }  // namespace
 
 DmsItemFacts DmsMemo_Parse(const DmsObject* item, int fd, const struct stat& file) {
+  assert(DmsContent_Guarded());
   DmsItemFacts facts = parsedFacts(MediaStream_new(fd, 0, static_cast<int64_t>(file.st_size), true), file);
   if (facts.parsed) refreshMemo(item, file, *facts.parsed);
   return facts;
@@ -485,11 +498,11 @@ DmsItemFacts DmsMemo_Parse(const DmsObject* item, int fd, const struct stat& fil
 
 size_t DmsMemo_NumberTexts(const DmsObject* item, uint32_t save, uint32_t& textCount,
                            std::array<std::string_view, 3>& met) {
+  assert(DmsContent_Guarded());
   const uint8_t* bytes = DmsObject_Memo(item);
   if (!bytes) return 0;
   size_t count = 0;
-  for (const SharedText* shared : decode(bytes).shared) {
-    auto* text = const_cast<SharedText*>(shared);
+  for (SharedText* text : decode(bytes).shared) {
     if (!text || text->save == save) continue;
     text->save = save;
     text->number = textCount++;
@@ -499,6 +512,7 @@ size_t DmsMemo_NumberTexts(const DmsObject* item, uint32_t save, uint32_t& textC
 }
 
 bool DmsMemo_Write(const DmsObject* item, DmsMemoSink& out) {
+  assert(DmsContent_Guarded());
   const uint8_t* bytes = DmsObject_Memo(item);
   if (!bytes) return false;
   putNumber(out, Varint_Zigzag(item->modificationTime));

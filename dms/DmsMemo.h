@@ -18,12 +18,12 @@
 #include <span>
 #include <string_view>
 
+#include "dms/DmsObject.h"
 #include "media/MediaStream.h"
 
-struct DmsObject;
-
-// The largest memo an item keeps; a longer one (a very long title tag) is not kept.
-inline constexpr size_t DmsMemo_MaxSize = 255;
+// The largest memo an item keeps, all its block has room for; a longer one
+// (a very long title tag) is not kept.
+inline constexpr size_t DmsMemo_MaxSize = DmsObject_MaxMemoSize;
 
 // The MIME types a parse gives, of files and of the covers inside them: a
 // memo and the memo file keep a type as its position here.
@@ -72,7 +72,8 @@ struct DmsItemFacts {
 // texts it names are counted until DmsMemo_Release.
 size_t DmsMemo_Encode(const MediaStream& stream, const struct stat& file, int64_t itemSeconds,
                       uint8_t out[DmsMemo_MaxSize]);
-// Gives back the shared texts of a memo that goes.
+// Gives back the shared texts of a memo that goes; the tree calls it for
+// its items' memos (DmsObject_SetMemoRelease).
 void DmsMemo_Release(const uint8_t* memo);
 
 // The rule by which a memo describes a file: the file is found by its path
@@ -89,7 +90,7 @@ bool DmsMemo_Read(const DmsObject* item, const struct stat& file, DmsItemFacts& 
 // the item's block.
 DmsItemFacts DmsMemo_Parse(const DmsObject* item, int fd, const struct stat& file);
 
-// The memo file (DmsCache.h) keeps each memo in the form memory keeps it,
+// The memo file (DmsMemoFile.h) keeps each memo in the form memory keeps it,
 // after the item's modification second, with its shared texts named by
 // number instead of address: a save numbers the texts from 0 in the order it
 // meets them and writes them all before the memos.

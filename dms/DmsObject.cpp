@@ -14,7 +14,6 @@
 #include <new>
 #include <vector>
 
-#include "dms/DmsMemo.h"
 #include "dms/DmsServerState.h"
 
 const std::array<const char*, DmsClass_Count> dlnaMediaClasses = {
@@ -92,7 +91,7 @@ class ObjectPool {
   static constexpr size_t kSlabBytes = 32768;
   // A file name is at most 255 bytes, and its memo as many; longer titles (a
   // configured path) are rare.
-  static constexpr size_t kLargestPooled = sizeof(DmsObject) + 256 + DmsMemo_MaxSize;
+  static constexpr size_t kLargestPooled = sizeof(DmsObject) + 256 + DmsObject_MaxMemoSize;
 
   static constexpr size_t kSlabHeader = (sizeof(Slab) + kGranule - 1) / kGranule * kGranule;
 
@@ -186,8 +185,10 @@ class IdTable {
   uint32_t count_ = 0;
 };
 
+// The tree's state, guarded by the content mutex.
 ObjectPool pool;
 IdTable idTable;
+DmsObject_MemoRelease memoRelease = nullptr;
 // Written under the content mutex; read without it by the eventing thread.
 std::atomic<uint32_t> systemUpdateId{0};
 
@@ -196,6 +197,11 @@ uint8_t classIndex(const char* upnpClass) {
     if (dlnaMediaClasses[index] == upnpClass) return static_cast<uint8_t>(index);
   }
   return DmsClass_None;
+}
+
+// Gives back what the memo of `size` bytes at `memo` holds.
+void releaseMemo(const uint8_t* memo, uint8_t size) {
+  if (size > 0 && memoRelease) memoRelease(memo);
 }
 
 // The object, its title and an item's memo share one block.
@@ -232,7 +238,7 @@ void freeObject(DmsObject* object) {
     parent->updateId += 1;
   }
   const size_t bytes = blockSize(object->title().c_str(), object->memoSize);
-  if (object->memoSize > 0) DmsMemo_Release(DmsObject_Memo(object));
+  releaseMemo(DmsObject_Memo(object), object->memoSize);
   object->~DmsObject();
   pool.release(object, bytes);
 }
@@ -263,6 +269,11 @@ bool DmsObject_IsFolder(const DmsObject* object) {
   return object->mediaClass == DmsClass_StorageFolder || object->mediaClass == DmsClass_StorageVolume;
 }
 
+void DmsObject_SetMemoRelease(DmsObject_MemoRelease release) {
+  assert(DmsContent_Guarded());
+  memoRelease = release;
+}
+
 DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClass, DmsObjectKind kind,
                          DmsObject* parent, DmsObject* after, const uint8_t* memo, uint8_t memoSize) {
   assert(DmsContent_Guarded());
@@ -271,7 +282,7 @@ DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClas
   const size_t bytes = blockSize(title, memoSize);
   void* block = pool.allocate(bytes);
   if (!block) {
-    if (memoSize > 0) DmsMemo_Release(memo);
+    releaseMemo(memo, memoSize);
     return nullptr;
   }
   auto* object = new (block) DmsObject;
@@ -298,6 +309,7 @@ DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClas
     object->updateId = DmsContent_SystemUpdateId();
   }
   if (!idTable.insert(object)) {
+    releaseMemo(memo, memoSize);
     pool.release(object, bytes);
     return nullptr;
   }

@@ -21,6 +21,16 @@ int DmsObjectId_Format(DmsObjectId id, char text[DmsObjectId_TextSize]);
 // Parses "high.low" in decimal; false for anything else.
 bool DmsObjectId_Parse(const char* text, DmsObjectId& id);
 
+// Ids of the fixed containers.
+inline constexpr DmsObjectId DmsId_Root{0, 0};
+inline constexpr DmsObjectId DmsId_MediaDirectory{0, 1};
+inline constexpr DmsObjectId DmsId_Pictures{0, 2};
+inline constexpr DmsObjectId DmsId_Videos{0, 3};
+inline constexpr DmsObjectId DmsId_Music{0, 4};
+
+// The most memo bytes an item's block keeps (their count is one byte).
+inline constexpr size_t DmsObject_MaxMemoSize = 255;
+
 enum DmsObjectKind : uint8_t {
   DmsKind_Container = 1,
   DmsKind_Item = 2,
@@ -99,6 +109,13 @@ struct DmsObject {
   // An entry of dlnaMediaClasses.
   const char* upnpClass() const { return dlnaMediaClasses[mediaClass]; }
 };
+
+// Gives back what an item's memo holds (the counts of its shared texts) when
+// the memo goes: with its item, or with an item that could not be made. The
+// memo module sets it when it first counts a shared text; until then no memo
+// holds anything to give back.
+using DmsObject_MemoRelease = void (*)(const uint8_t* memo);
+void DmsObject_SetMemoRelease(DmsObject_MemoRelease release);
 
 // Creates an object and links it into `parent` after `after` (at the head of
 // the children when `after` is null). Null when memory runs out. An item's

@@ -23,9 +23,9 @@
 
 #include "base/MemoryReserve.h"
 #include "base/NetworkInterface.h"
-#include "dms/DmsCache.h"
 #include "dms/DmsDevice.h"
 #include "dms/DmsLibrary.h"
+#include "dms/DmsMemoFile.h"
 #include "dms/DmsObject.h"
 #include "dms/DmsServerState.h"
 #include "dms/DmsWatch.h"
@@ -67,6 +67,9 @@ constexpr std::array<FixedContainer, 14> kFixedContainers = {{
     {{0, 30}, DmsId_Pictures, "All Pictures", DmsClass_Container},
 }};
 
+// Written by start-up and shutdown, on the caller's thread while no refresh
+// thread runs (`open` is an atomic, and `wake` is waited on under `sleepMutex`);
+// the refresh thread reads it.
 struct ServerState {
   std::atomic<bool> open{false};
   std::string cacheDirectory;  // empty: no memo file
@@ -165,7 +168,7 @@ void refreshLoop() {
   int lastResult = 0;
   bool changed = false;  // the watch saw changes: a pass as soon as the mutex is free
   const bool cached = !s.cacheDirectory.empty();
-  if (cached) DmsCache_Load(s.cacheDirectory, s.mediaPath);
+  if (cached) DmsMemoFile_Load(s.cacheDirectory, s.mediaPath);
   while (s.open) {
     if (lastResult == 1 && waited <= DmsServer_Info().refreshInterval && !changed) {
       waited += kRefreshWaitStep;
@@ -184,7 +187,7 @@ void refreshLoop() {
         DmsObject* folder = DmsObject_Find(DmsId_MediaDirectory);
         lastResult = folder ? DmsLibrary_Scan(folder, pass, &spent) : 1;
         if (lastResult == 1) DmsWatch_PassDone();
-        if (lastResult == 1 && cached) DmsCache_PassEnded(s.cacheDirectory, s.mediaPath, lock);
+        if (lastResult == 1 && cached) DmsMemoFile_PassEnded(s.cacheDirectory, s.mediaPath, lock);
       }
     }
     // A pass the watch asked for and the busy mutex put off is tried again soon.
@@ -193,7 +196,7 @@ void refreshLoop() {
   }
   std::lock_guard lock(DmsServer_ContentMutex());
   freeTree();
-  DmsCache_Unload();
+  DmsMemoFile_Unload();
 }
 
 }  // namespace

@@ -21,7 +21,7 @@ int DMS_Open(const char* friendlyName, const char* manufacturer, const char* mod
              uint32_t flags);
 void DMS_Close();
 // The directory in which the memos of the library are kept across restarts
-// (dms/DmsCache.h), as the environment's CACHE_DIRECTORY names it: the first
+// (dms/DmsMemoFile.h), as the environment's CACHE_DIRECTORY names it: the first
 // of a list separated by ':'. Null or empty keeps none. Read by the next
 // DMS_Open. False when memory ran out: nothing is kept then.
 bool DMS_SetCacheDirectory(const char* directory);

@@ -7,11 +7,13 @@
 
 namespace {
 
+// Written by start-up alone while the server is closed; read by any thread while it is open.
 DmsServerInfo& storedInfo() {
   static DmsServerInfo info;
   return info;
 }
 
+// Written by start-up and shutdown; an atomic, read by any thread.
 std::atomic<bool> treeShared{false};
 
 }  // namespace

@@ -44,6 +44,9 @@ struct WatchState {
   Clock::time_point lastChange;
 };
 
+// Used by the refresh thread alone, and by DmsWatch_Open and DmsWatch_Close
+// while it does not run; DmsWatch_Wake, on the closing thread, only writes
+// to `wake`, which DmsWatch_Open made before the refresh thread started.
 WatchState watch;
 
 // True when the event may change what the scan publishes.

@@ -7,7 +7,8 @@
 // of a pass after which it would read otherwise; a pass that did not see the
 // library leaves it as it is. A file that fails any check (format, word
 // size, byte order, published path, a count, length or offset beyond its
-// bytes, the checksum) is treated as absent.
+// bytes, the checksum) is treated as absent. The module's state has a mutex
+// of its own, which its functions take after the content mutex.
 #pragma once
 
 #include <sys/stat.h>
@@ -22,19 +23,19 @@
 
 // The name of the memo file in the cache directory, and of the file a save
 // writes before it takes that name.
-inline constexpr char DmsCache_FileName[] = "dms.memo";
-inline constexpr char DmsCache_NewFileName[] = "dms.memo.new";
+inline constexpr char DmsMemoFile_Name[] = "dms.memo";
+inline constexpr char DmsMemoFile_NewName[] = "dms.memo.new";
 
 // Loads the memo file of `directory` when it was written for the library
 // published at `publishedPath` by a build of this format, word size and byte
 // order. Without a usable file nothing is loaded.
-void DmsCache_Load(const std::string& directory, const std::string& publishedPath);
+void DmsMemoFile_Load(const std::string& directory, const std::string& publishedPath);
 // The stream the loaded memo of the file `name` in the folder `folderPath`
 // (the path of a folder of the library) gives when it was made from the
 // file that `file` (its lstat) describes; null otherwise.
-MediaStreamPtr DmsCache_Take(std::string_view folderPath, std::string_view name, const struct stat& file);
+MediaStreamPtr DmsMemoFile_Take(std::string_view folderPath, std::string_view name, const struct stat& file);
 // Forgets what was loaded.
-void DmsCache_Unload();
+void DmsMemoFile_Unload();
 
 // At the end of a pass: writes the memos of the tree under the
 // media-directory container to the memo file of `directory` when the file
@@ -45,5 +46,5 @@ void DmsCache_Unload();
 // content mutex held by `lock`; the file is written under it, and flushed to
 // the device and renamed after the lock is released. A failure leaves the
 // previous file as it was.
-void DmsCache_PassEnded(const std::string& directory, const std::string& publishedPath,
-                        std::unique_lock<DmsContentMutex>& lock);
+void DmsMemoFile_PassEnded(const std::string& directory, const std::string& publishedPath,
+                           std::unique_lock<DmsContentMutex>& lock);

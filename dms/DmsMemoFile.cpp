@@ -10,7 +10,7 @@
 //   an FNV-1a checksum of all bytes before it (8 bytes, little-endian).
 // The loader reads the file into memory of its own, checks it whole and
 // keeps an index by path until a pass that saw the library ends.
-#include "dms/DmsCache.h"
+#include "dms/DmsMemoFile.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -20,6 +20,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <optional>
 #include <span>
@@ -29,7 +30,6 @@
 #include "base/Fnv.h"
 #include "base/UniqueFd.h"
 #include "base/Varint.h"
-#include "dms/DmsLibrary.h"
 #include "dms/DmsMemo.h"
 
 namespace {
@@ -97,10 +97,16 @@ struct Loaded {
   size_t textCount = 0;
   std::string_view publishedPath;  // in `bytes`
 };
+// The memo file's state between calls, guarded by `fileMutex`: every
+// DmsMemoFile_ function holds it throughout, taking it after the content
+// mutex when it needs both, so that a save may release the content mutex
+// and still record what it wrote.
+std::mutex fileMutex;
 Loaded loaded;
 // The file as loaded or last written: its checksum (0 for none) and how many memos it holds.
 uint64_t knownChecksum = 0;
 uint32_t knownMemos = 0;
+// The number of the last save, by which DmsMemo_NumberTexts numbers the shared texts.
 uint32_t lastSave = 0;
 
 size_t slotOf(std::string_view folder, std::string_view name, size_t slotCount) {
@@ -310,21 +316,30 @@ Counts writeFile(Writer& out, const std::string& publishedPath) {
   return counts;
 }
 
-}  // namespace
+void forgetLoaded() { loaded = Loaded{}; }
 
-void DmsCache_Load(const std::string& directory, const std::string& publishedPath) {
-  DmsCache_Unload();
+// Loads the file, with `fileMutex` held.
+void loadFile(const std::string& directory, const std::string& publishedPath) {
+  forgetLoaded();
   knownChecksum = 0;
   knownMemos = 0;
   try {
-    if (std::optional<Mapping> bytes = readFile(directory + "/" + DmsCache_FileName)) {
+    if (std::optional<Mapping> bytes = readFile(directory + "/" + DmsMemoFile_Name)) {
       index(std::move(*bytes), publishedPath);
     }
   } catch (const std::bad_alloc&) {  // without memory to read it, no file
   }
 }
 
-MediaStreamPtr DmsCache_Take(std::string_view folderPath, std::string_view name, const struct stat& file) {
+}  // namespace
+
+void DmsMemoFile_Load(const std::string& directory, const std::string& publishedPath) {
+  const std::lock_guard fileLock(fileMutex);
+  loadFile(directory, publishedPath);
+}
+
+MediaStreamPtr DmsMemoFile_Take(std::string_view folderPath, std::string_view name, const struct stat& file) {
+  const std::lock_guard fileLock(fileMutex);
   if (!loaded.slotCount || !folderPath.starts_with(loaded.publishedPath)) return nullptr;
   const std::string_view folder = folderPath.substr(loaded.publishedPath.size());
   const Slot* slots = slotTable();
@@ -340,10 +355,14 @@ MediaStreamPtr DmsCache_Take(std::string_view folderPath, std::string_view name,
   return nullptr;
 }
 
-void DmsCache_Unload() { loaded = Loaded{}; }
+void DmsMemoFile_Unload() {
+  const std::lock_guard fileLock(fileMutex);
+  forgetLoaded();
+}
 
-void DmsCache_PassEnded(const std::string& directory, const std::string& publishedPath,
-                        std::unique_lock<DmsContentMutex>& lock) {
+void DmsMemoFile_PassEnded(const std::string& directory, const std::string& publishedPath,
+                           std::unique_lock<DmsContentMutex>& lock) {
+  const std::lock_guard fileLock(fileMutex);
   Counts counts;
   try {
     Writer measure(-1);
@@ -356,16 +375,16 @@ void DmsCache_PassEnded(const std::string& directory, const std::string& publish
   // memos stay at hand for the pass that sees the library again.
   if (counts.items == 0 && knownMemos > 0) {
     lock.unlock();
-    if (!loaded.slotCount) DmsCache_Load(directory, publishedPath);
+    if (!loaded.slotCount) loadFile(directory, publishedPath);
     return;
   }
-  DmsCache_Unload();
+  forgetLoaded();
   if (counts.checksum == knownChecksum) return;
 
   std::string path, next;
   try {
-    path = directory + "/" + DmsCache_FileName;
-    next = directory + "/" + DmsCache_NewFileName;
+    path = directory + "/" + DmsMemoFile_Name;
+    next = directory + "/" + DmsMemoFile_NewName;
   } catch (const std::bad_alloc&) {  // the previous file stays
     return;
   }
