@@ -176,12 +176,12 @@ bool sameList(const ListingMark& mark, const DmsObject* container) {
 
 // The child at `position`, walked to from the first child or from the
 // nearest mark before it.
-const DmsObject* childAt(const DmsObject* container, uint32_t position) {
-  const DmsObject* child = container->firstChild;
+DmsObject* childAt(const DmsObject* container, uint32_t position) {
+  DmsObject* child = container->firstChild;
   uint32_t at = 0;
   for (const std::optional<ListingMark>& mark : listingMarks) {
     if (!mark || !sameList(*mark, container) || mark->position > position || mark->position < at) continue;
-    const DmsObject* known = DmsObject_Find(mark->child);
+    DmsObject* known = DmsObject_Find(mark->child);
     if (known && known->parent == container) {
       child = known;
       at = mark->position;
@@ -222,7 +222,7 @@ void sendChildren(ChunkStream& chunks, BrowseRequest& browse, DmsDidlRenderer& r
           container->updateId != updateId) {
         return;
       }
-      const DmsObject* child = resume ? DmsObject_Find(*resume) : childAt(container, browse.startingIndex);
+      DmsObject* child = resume ? DmsObject_Find(*resume) : childAt(container, browse.startingIndex);
       if (resume && (!child || child->parent != container)) return;
       if (!resume && child && browse.startingIndex > 0) markListing(container, browse.startingIndex, child);
       for (; child; child = child->nextSibling) {
@@ -292,7 +292,7 @@ void browseOrThrow(HTTPRequest* request, const char* serviceType, const char* ac
 
   Counts counts;
   std::unique_lock lock(DmsServer_ContentMutex());
-  if (const DmsObject* object = DmsObject_Find(browse.objectId)) {
+  if (DmsObject* object = DmsObject_Find(browse.objectId)) {
     const bool container = object->kind == DmsKind_Container;
     counts.updateId = container && !(object->id == DmsObjectId{0, 0}) ? object->updateId : DmsContent_SystemUpdateId();
     if (browse.directChildren && container) {

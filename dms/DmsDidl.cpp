@@ -55,7 +55,7 @@ bool statItem(const DmsObject* target, int folderFd, struct stat& info) {
 }
 
 // A fresh parse of the item's file, which refreshes its memo.
-DmsItemFacts parseItem(const DmsObject* target, int folderFd) {
+DmsItemFacts parseItem(DmsObject* target, int folderFd) {
   struct stat info {};
   const UniqueFd fd(openItem(target, folderFd));
   if (!fd.valid() || ::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) return {};
@@ -63,7 +63,7 @@ DmsItemFacts parseItem(const DmsObject* target, int folderFd) {
 }
 
 // The item as its file is now: from its memo while the file is unchanged.
-DmsItemFacts readItemFacts(const DmsObject* target, int folderFd) {
+DmsItemFacts readItemFacts(DmsObject* target, int folderFd) {
   struct stat info {};
   DmsItemFacts facts;
   if (target->kind == DmsKind_Item && statItem(target, folderFd, info) && DmsMemo_Read(target, info, facts)) {
@@ -304,7 +304,7 @@ DmsDidlRenderer::DmsDidlRenderer(const char* host, uint16_t port, uint32_t filte
   urlPrefix_.append(portText, std::to_chars(portText, portText + sizeof portText, port).ptr);
 }
 
-void DmsDidlRenderer::append(std::string& page, const DmsObject* object) {
+void DmsDidlRenderer::append(std::string& page, DmsObject* object) {
   assert(DmsContent_Guarded());
   if (!object) return;
   const bool container = object->kind == DmsKind_Container;
@@ -315,7 +315,7 @@ void DmsDidlRenderer::append(std::string& page, const DmsObject* object) {
     parentText_ = didlId(parent, IdText(parent->id));
   }
   const IdText id(object->id);
-  const DmsObject* target = object->kind == DmsKind_Reference && object->item ? object->item : object;
+  DmsObject* target = object->kind == DmsKind_Reference && object->item ? object->item : object;
   const std::optional<IdText> otherTargetId = target == object ? std::nullopt : std::optional<IdText>(target->id);
   const std::string_view targetId = otherTargetId ? otherTargetId->view() : id.view();
 
@@ -346,7 +346,7 @@ void DmsDidlRenderer::append(std::string& page, const DmsObject* object) {
   out << "&lt;/" << element << "&gt;";
 }
 
-std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint16_t port, uint32_t filter) {
+std::string DmsDidl_RenderObject(DmsObject* object, const char* host, uint16_t port, uint32_t filter) {
   std::string out;
   DmsDidlRenderer(host, port, filter).append(out, object);
   return out;

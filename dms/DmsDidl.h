@@ -62,7 +62,7 @@ class DmsDidlRenderer {
   DmsDidlRenderer(const char* host, uint16_t port, uint32_t filter);
   // Appends the `item` or `container` element of `object`, escaped for the
   // SOAP body. An item is described as its file is now.
-  void append(std::string& out, const DmsObject* object);
+  void append(std::string& out, DmsObject* object);
 
  private:
   DmsDidlFolders folders_;
@@ -73,7 +73,7 @@ class DmsDidlRenderer {
 };
 
 // One element as DmsDidlRenderer::append writes it.
-std::string DmsDidl_RenderObject(const DmsObject* object, const char* host, uint16_t port, uint32_t filter);
+std::string DmsDidl_RenderObject(DmsObject* object, const char* host, uint16_t port, uint32_t filter);
 
 // Doubly escapes the five XML special characters.
 std::string DmsDidl_Escape(std::string_view text);

@@ -467,7 +467,7 @@ namespace {
 
 // Replaces the memo of `item` by one of `stream`, parsed from the regular
 // file `file` at the item's path, when the new memo fits the item's block.
-void refreshMemo(const DmsObject* item, const struct stat& file, const MediaStream& stream) {
+void refreshMemo(DmsObject* item, const struct stat& file, const MediaStream& stream) {
   uint8_t* bytes = DmsObject_Memo(item);
   if (!bytes || item->kind != DmsKind_Item || !S_ISREG(file.st_mode)) return;
   uint8_t fresh[DmsMemo_MaxSize];
@@ -489,7 +489,7 @@ bool readRecord(VarintReader& in, std::span<const std::string_view> texts, int64
 
 }  // namespace
 
-DmsItemFacts DmsMemo_Parse(const DmsObject* item, int fd, const struct stat& file) {
+DmsItemFacts DmsMemo_Parse(DmsObject* item, int fd, const struct stat& file) {
   assert(DmsContent_Guarded());
   DmsItemFacts facts = parsedFacts(MediaStream_new(fd, 0, static_cast<int64_t>(file.st_size), true), file);
   if (facts.parsed) refreshMemo(item, file, *facts.parsed);

@@ -88,7 +88,7 @@ bool DmsMemo_Read(const DmsObject* item, const struct stat& file, DmsItemFacts& 
 // The facts of a fresh parse of `fd`, the open file of `item` that `file`
 // describes; the item's memo is made again from them when the new memo fits
 // the item's block.
-DmsItemFacts DmsMemo_Parse(const DmsObject* item, int fd, const struct stat& file);
+DmsItemFacts DmsMemo_Parse(DmsObject* item, int fd, const struct stat& file);
 
 // The memo file (DmsMemoFile.h) keeps each memo in the form memory keeps it,
 // after the item's modification second, with its shared texts named by

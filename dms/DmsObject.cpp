@@ -243,6 +243,14 @@ void freeObject(DmsObject* object) {
   pool.release(object, bytes);
 }
 
+// The memo bytes in the block of `object`, writable when the object is.
+template <typename Byte, typename Object>
+Byte* memoBytes(Object* object) {
+  if (object->memoSize == 0) return nullptr;
+  Byte* block = reinterpret_cast<Byte*>(object + 1);
+  return object->hasTitle ? block + object->title().size() + 1 : block;
+}
+
 }  // namespace
 
 int DmsObjectId_Format(DmsObjectId id, char text[DmsObjectId_TextSize]) {
@@ -333,12 +341,9 @@ bool DmsObject_ChildrenConsistent(const DmsObject* container) {
   return count == (container->childCount < 0 ? 0 : container->childCount);
 }
 
-uint8_t* DmsObject_Memo(const DmsObject* object) {
-  if (object->memoSize == 0) return nullptr;
-  // The block is the tree's: the object is const only to those who read it.
-  auto* block = reinterpret_cast<uint8_t*>(const_cast<DmsObject*>(object) + 1);
-  return object->hasTitle ? block + object->title().size() + 1 : block;
-}
+const uint8_t* DmsObject_Memo(const DmsObject* object) { return memoBytes<const uint8_t>(object); }
+
+uint8_t* DmsObject_Memo(DmsObject* object) { return memoBytes<uint8_t>(object); }
 
 void DmsObject_Free(DmsObjectId id) {
   assert(DmsContent_Guarded());

@@ -125,8 +125,10 @@ void DmsObject_SetMemoRelease(DmsObject_MemoRelease release);
 DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClass, DmsObjectKind kind,
                          DmsObject* parent, DmsObject* after, const uint8_t* memo = nullptr, uint8_t memoSize = 0);
 // The memo bytes of an item, or null when it keeps none. They belong to the
-// tree's block of the object and are rewritten under the content mutex.
-uint8_t* DmsObject_Memo(const DmsObject* object);
+// tree's block of the object: whoever may change the object (under the
+// content mutex) may rewrite them.
+const uint8_t* DmsObject_Memo(const DmsObject* object);
+uint8_t* DmsObject_Memo(DmsObject* object);
 // True for an object that stands for a folder of the media directory: a
 // storage folder, or the storage volume that is the directory itself.
 bool DmsObject_IsFolder(const DmsObject* object);

@@ -59,7 +59,7 @@ void answerMedia(HTTPResponse* response, const DmsObject* item, const char* mode
 
 // The cover of the item's file as it is now: from the item's memo while an
 // lstat finds the file unchanged, else from a fresh parse of it.
-void answerThumbnail(HTTPResponse* response, const DmsObject* item, const char* mode) {
+void answerThumbnail(HTTPResponse* response, DmsObject* item, const char* mode) {
   if (!transferModeAccepted(mode, "Interactive")) {
     response->status = "406 Not Acceptable";
     return;
@@ -108,7 +108,7 @@ bool DmsTransfer_HandleRequest(HTTPRequest* request, HTTPResponse* response, con
   DmsObjectId id;
   std::sscanf(idText, "%" SCNu64 ".%" SCNu64, &id.high, &id.low);
   std::lock_guard lock(DmsServer_ContentMutex());
-  const DmsObject* item = DmsObject_Find(id);
+  DmsObject* item = DmsObject_Find(id);
   if (!isPublishedItem(item)) return true;
   if (media) answerMedia(response, item, mode);
   else answerThumbnail(response, item, mode);
