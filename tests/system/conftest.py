@@ -85,6 +85,14 @@ class Process:
         return self.result
 
 
+@pytest.fixture(scope="session")
+def demo(tmp_path_factory):
+    # The demo library as dms-mkdemo writes it, made once: a test copies what it changes.
+    root = tmp_path_factory.mktemp("demo")
+    subprocess.run([str(BUILD / "dms-mkdemo"), str(root)], check=True, stdout=subprocess.DEVNULL, timeout=30)
+    return root
+
+
 @pytest.fixture
 def process(tmp_path):
     # Starts a build/<name> helper executable: process(name, *args).

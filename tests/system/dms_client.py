@@ -228,6 +228,24 @@ def browse(port, object_id, **kwargs):
             int(values["UpdateID"]), reply.sizes)
 
 
+def walk(port, **kwargs):
+    # Every container from "0" down, browsed whole: {object id: browse() result}, in breadth-first order.
+    found, pending = {}, ["0"]
+    while pending:
+        object_id = pending.pop(0)
+        found[object_id] = browse(port, object_id, **kwargs)
+        pending += [o["id"] for o in found[object_id][1] if o["element"] == "container"]
+    return found
+
+
+def until(read, done, timeout=20.0, pause=0.2):
+    # Calls read() until done(its value) holds or `timeout` seconds pass; returns the last value.
+    deadline = time.monotonic() + timeout
+    while not done(value := read()) and time.monotonic() < deadline:
+        time.sleep(pause)
+    return value
+
+
 def didl_object(node):
     found = {"element": node.tag.replace(DIDL, ""), **node.attrib}
     for child in node:

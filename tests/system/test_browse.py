@@ -14,7 +14,7 @@ import pytest
 
 import dms_client
 from conftest import BUILD, Dms
-from dms_client import Client, browse, browse_raw, by_title, get
+from dms_client import Client, browse, browse_raw, by_title, get, until, walk
 
 MANY = 150  # pictures in one folder: well over one 8 KB page
 PROBE = Path(__file__).with_name("gupnp_probe.py")
@@ -22,10 +22,9 @@ BIG = 9 * 1024 * 1024 + 12345
 
 
 @pytest.fixture(scope="module")
-def library(tmp_path_factory):
+def library(tmp_path_factory, demo):
     root = tmp_path_factory.mktemp("browse")
-    media = root / "media"
-    subprocess.run([str(BUILD / "dms-mkdemo"), str(media)], check=True)
+    media = shutil.copytree(demo, root / "media")
     many = media / "Many"
     many.mkdir()
     for index in range(MANY):
@@ -34,13 +33,8 @@ def library(tmp_path_factory):
     (media / "Big.gif").write_bytes(stripes + bytes(range(251)) * ((BIG - len(stripes)) // 251) + b"." * ((BIG - len(stripes)) % 251))
     server = Dms(root / "server", f'path = "{media}"\ndmsModelName = "Model"\nmodelNumber = "7"\n')
     port = server.wait_ready()
-    deadline = time.monotonic() + 20
-    while time.monotonic() < deadline:
-        _, objects, *_ = browse(port, "0.1")
-        folder = [o for o in objects if o.get("dc:title") == "Many"]
-        if folder and browse(port, folder[0]["id"])[3] == MANY:
-            break
-        time.sleep(0.2)
+    folder = until(lambda: [o["id"] for o in browse(port, "0.1")[1] if o.get("dc:title") == "Many"], bool)
+    until(lambda: browse(port, folder[0])[3], MANY.__eq__)
     yield port, media
     server.stop()
 
@@ -330,19 +324,13 @@ def protocol_fields(protocol_info):
 
 def our_walk(port, host):
     # Every container from "0" down, browsed by our client, in the probe's shape.
-    browses, pending = {}, ["0"]
-    while pending:
-        object_id = pending.pop(0)
-        _, objects, returned, total, *_ = browse(port, object_id, host=host)
+    browses = {}
+    for object_id, (_, objects, returned, total, *_) in walk(port, host=host).items():
         assert returned == total == len(objects), object_id
-        found = []
-        for o in objects:
-            entry = {"id": o["id"], "parentID": o["parentID"], "title": o["dc:title"], "class": o["upnp:class"],
-                     "res": [{"uri": r["url"], **protocol_fields(r["protocolInfo"])} for r in o.get("res", [])]}
-            if o["element"] == "container":
-                entry["childCount"] = int(o.get("childCount", -1))
-                pending.append(o["id"])
-            found.append(entry)
+        found = [{"id": o["id"], "parentID": o["parentID"], "title": o["dc:title"], "class": o["upnp:class"],
+                  "res": [{"uri": r["url"], **protocol_fields(r["protocolInfo"])} for r in o.get("res", [])],
+                  **({"childCount": int(o.get("childCount", -1))} if o["element"] == "container" else {})}
+                 for o in objects]
         browses[object_id] = {"objects": found, "total": total}
     return browses
 
@@ -371,11 +359,10 @@ def id3_mp3(audio, title, cover):
     return b"ID3\3\0\0" + size + frames + audio
 
 
-def test_changed_files_are_described_as_they_are_now(dms, tmp_path):
+def test_changed_files_are_described_as_they_are_now(dms, tmp_path, demo):
     # Between the scan and the next rescan an item is described from its file
     # as it is now, in its folder, in the views and in both transfers.
-    demo, media = tmp_path / "demo", tmp_path / "media"
-    subprocess.run([str(BUILD / "dms-mkdemo"), str(demo)], check=True)
+    media = tmp_path / "media"
     tagged = (demo / "Music/Demo Artist/Demo Album/01 Demo Song.mp3").read_bytes()
     audio = tagged[10 + sum(b << (21 - 7 * i) for i, b in enumerate(tagged[6:10])):]
     before = id3_mp3(audio, "Alpha", b"\xff\xd8old cover")
@@ -402,9 +389,7 @@ def test_changed_files_are_described_as_they_are_now(dms, tmp_path):
     for name, *_ in cases:
         (media / name).write_bytes(before)
     port = dms(f'path = "{media}"\nrefreshInterval = "600"\n').wait_ready()
-    deadline = time.monotonic() + 10
-    while browse(port, "0.10")[3] < len(cases) and time.monotonic() < deadline:
-        time.sleep(0.1)
+    until(lambda: browse(port, "0.10")[3], len(cases).__le__, 10, 0.1)
     ids = {name: f"{(media / name).stat().st_dev + 1}.{(media / name).stat().st_ino}" for name, *_ in cases}
     for name, change, *_ in cases:
         if change:

@@ -2,15 +2,14 @@
 # clientCompatibility "on": their requests on the wire in both modes, and a
 # real MPD (Debian's mpd and mpc) in the peer namespace.
 import os
+import shutil
 import subprocess
-import time
 import wave
 
 import pytest
 
 import dms_client
-from conftest import BUILD
-from dms_client import browse, browse_raw
+from dms_client import browse, browse_raw, until
 
 NAME = "Shelf"
 MUSIC = 6  # the demo library's music files and a longer tone
@@ -22,9 +21,8 @@ MPD_CONFIG = ('database {{\nplugin "upnp"\ninterface "dms1"\n}}\naudio_output {{
 
 
 @pytest.fixture(scope="module")
-def media(tmp_path_factory):
-    media = tmp_path_factory.mktemp("clients") / "media"
-    subprocess.run([str(BUILD / "dms-mkdemo"), str(media)], check=True)
+def media(tmp_path_factory, demo):
+    media = shutil.copytree(demo, tmp_path_factory.mktemp("clients") / "media")
     with wave.open(str(media / "Music" / "Long tone.wav"), "wb") as tone:  # 4 seconds
         tone.setparams((1, 2, 8000, 0, "NONE", None)), tone.writeframes(bytes(range(256)) * 250)
     return media
@@ -32,9 +30,8 @@ def media(tmp_path_factory):
 
 def start(dms, media, setting):
     server = dms(f'path = "{media}"\ndeviceName = "{NAME}"\n' + (setting and f'clientCompatibility = "{setting}"\n'))
-    port, deadline = server.wait_ready(), time.monotonic() + 20
-    while browse(port, "0.10")[3] < MUSIC and time.monotonic() < deadline:
-        time.sleep(0.1)
+    port = server.wait_ready()
+    until(lambda: browse(port, "0.10")[3], MUSIC.__le__, pause=0.1)
     return port
 
 
@@ -68,9 +65,7 @@ def test_mpd_lists_and_plays_a_track_from_its_database_only_with_compatibility(d
     def mpc(*args):
         return subprocess.run(["mpc", *args], env={**os.environ, "MPD_HOST": str(tmp_path / "socket")},
                               capture_output=True, text=True, timeout=10)
-    deadline = time.monotonic() + 20
-    while mpc("ls").stdout != NAME + "\n" and time.monotonic() < deadline:
-        time.sleep(0.2)
+    until(lambda: mpc("ls").stdout, (NAME + "\n").__eq__)
     track = f"{NAME}/Music/All Music/Long tone"
     listing = mpc("ls", track.rsplit("/", 1)[0])
     if not setting:
@@ -78,6 +73,5 @@ def test_mpd_lists_and_plays_a_track_from_its_database_only_with_compatibility(d
         return
     assert track in listing.stdout.splitlines()
     assert mpc("add", track).returncode == mpc("play").returncode == 0
-    while "0:01/" not in (status := mpc("status").stdout) and time.monotonic() < deadline:
-        time.sleep(0.2)
+    status = until(lambda: mpc("status").stdout, lambda text: "0:01/" in text)
     assert "[playing]" in status and "0:01/" in status, status

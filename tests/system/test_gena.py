@@ -13,15 +13,13 @@ import os
 import re
 import shutil
 import socket
-import subprocess
 import threading
 import time
 
 import pytest
 
 import dms_client
-from conftest import BUILD
-from dms_client import CONNECTION_MANAGER, CONTENT_DIRECTORY, XML_TYPE, Client, action, browse, get
+from dms_client import CONNECTION_MANAGER, CONTENT_DIRECTORY, XML_TYPE, Client, action, browse, get, until
 
 CD_EVENT = "/DMS/ContentDirectory/event"
 CM_EVENT = "/DMS/ConnectionManager/event"
@@ -139,9 +137,8 @@ class Eventing:
     # The module's server, its callback server and two watching subscribers,
     # all in place before the file arrives.
 
-    def __init__(self, folder):
-        self.demo = folder / "demo"
-        subprocess.run([str(BUILD / "dms-mkdemo"), str(self.demo)], check=True)
+    def __init__(self, folder, demo):
+        self.demo = demo
         self.server = dms_client.start_server(folder)
         self.started = time.monotonic()
         self.port = self.server.port
@@ -167,8 +164,8 @@ class Eventing:
 
 
 @pytest.fixture(scope="module")
-def eventing(tmp_path_factory):
-    yield (found := Eventing(tmp_path_factory.mktemp("gena")))
+def eventing(tmp_path_factory, demo):
+    yield (found := Eventing(tmp_path_factory.mktemp("gena"), demo))
     found.close()
 
 
@@ -271,10 +268,7 @@ def test_unanswering_subscribers_do_not_hold_up_browse_and_transfers(dms, tmp_pa
     shutil.copy(eventing.demo / "Pictures" / "Stripes.gif", media / "Stripes.gif")
     server = dms(dms_client.config_text(media))
     port = server.wait_ready()
-    deadline = time.monotonic() + 10
-    while not (items := [o for o in browse(port, "0.1")[1] if o["element"] == "item"]):
-        assert time.monotonic() < deadline
-        time.sleep(0.1)
+    items = until(lambda: [o for o in browse(port, "0.1")[1] if o["element"] == "item"], bool, 10, 0.1)
     item_path = "/" + items[0]["res"][0]["url"].split("/", 3)[3]
 
     silent = NotifySink(silent=True)

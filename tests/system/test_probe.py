@@ -10,8 +10,6 @@ import struct
 import subprocess
 import zlib
 
-import pytest
-
 from conftest import BUILD
 
 STREAM_KEYS = ["number", "kind", "enabled", "duration", "timescale", "sampleRate", "channels",
@@ -26,13 +24,6 @@ def probe(*paths):
     assert b"Sanitizer" not in result.stderr and b"runtime error" not in result.stderr, result.stderr
     lines = result.stdout.decode("utf-8").splitlines()
     return result.returncode, [json.loads(line) for line in lines], result.stderr.decode(errors="replace")
-
-
-@pytest.fixture(scope="module")
-def demo(tmp_path_factory):
-    root = tmp_path_factory.mktemp("demo")
-    subprocess.run([str(BUILD / "dms-mkdemo"), str(root)], check=True, timeout=30)
-    return root
 
 
 def png_chunk(kind, data):
