@@ -136,7 +136,6 @@ class Eventing:
     # all in place before the file arrives.
 
     def __init__(self, folder, demo):
-        self.demo = demo
         self.server = dms_client.start_server(folder)
         self.started = time.monotonic()
         self.port = self.server.port
@@ -147,7 +146,7 @@ class Eventing:
         self.watchers = {name: headers["sid"][len("uuid:"):] for name, (_, headers, _) in self.replies.items()}
         self.initial_update_id = system_update_id(self.port)
         assert len(self.sink.wait(self.watchers["cd"], 1)) == 1
-        shutil.copy(self.demo / "Pictures" / "Stripes.gif", folder / "media" / "Added.gif")
+        shutil.copy(demo / "Pictures" / "Stripes.gif", folder / "media" / "Added.gif")
 
     def left(self):
         return max(0.0, self.started + CHANGE_DEADLINE - time.monotonic())
@@ -256,10 +255,10 @@ def test_odd_callbacks(eventing):
         assert [status] + statuses == ["HTTP/1.1 200 OK"] * 3
 
 
-def test_unanswering_subscribers_do_not_hold_up_browse_and_transfers(dms, tmp_path, eventing):
+def test_unanswering_subscribers_do_not_hold_up_browse_and_transfers(dms, tmp_path, demo):
     media = tmp_path / "media"
     media.mkdir()
-    shutil.copy(eventing.demo / "Pictures" / "Stripes.gif", media / "Stripes.gif")
+    shutil.copy(demo / "Pictures" / "Stripes.gif", media / "Stripes.gif")
     server = dms(dms_client.config_text(media))
     port = server.wait_ready()
     items = until(lambda: [o for o in browse(port, "0.1")[1] if o["element"] == "item"], bool, 10, 0.1)
