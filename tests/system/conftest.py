@@ -4,7 +4,8 @@
 # tools/netns-run; the fixtures refuse to start anything outside it. `dms`
 # starts a copy of the real server in a temporary folder with a dmsConfig
 # beside it, `process` starts any other helper executable; both find the TCP
-# port the program listens on, and stop it on request or at the end.
+# port the program listens on, and stop it on request or at the end. `demo`
+# is the demo library, written once per run.
 import os
 import shutil
 import signal
