@@ -4,7 +4,8 @@
 # tools/netns-run; the fixtures refuse to start anything outside it. `dms`
 # starts a copy of the real server in a temporary folder with a dmsConfig
 # beside it, `process` starts any other helper executable; both find the TCP
-# port the program listens on, and stop it on request or at the end.
+# port the program listens on, and stop it on request or at the end. `demo`
+# is the demo library, written once per run.
 import os
 import shutil
 import signal
@@ -85,20 +86,27 @@ class Process:
         return self.result
 
 
+@pytest.fixture(scope="session")
+def demo(tmp_path_factory):
+    # The demo library as dms-mkdemo writes it, made once: a test copies what it changes.
+    root = tmp_path_factory.mktemp("demo")
+    subprocess.run([str(BUILD / "dms-mkdemo"), str(root)], check=True, stdout=subprocess.DEVNULL, timeout=30)
+    return root
+
+
+def stopped_at_end(make):
+    # A fixture's body: yields a function that starts make(number, *args) (number counts from 0); each is
+    # stopped at the end.
+    started = []
+    yield lambda *args, **kwargs: started.append(make(len(started), *args, **kwargs)) or started[-1]
+    for proc in started:
+        proc.stop()
+
+
 @pytest.fixture
 def process(tmp_path):
-    # Starts a build/<name> helper executable: process(name, *args).
-    started = []
-
-    def start(name, *args):
-        proc = Process([str(BUILD / name), *map(str, args)], cwd=tmp_path)
-        started.append(proc)
-        return proc
-
-    yield start
-    for proc in started:
-        if proc.result is None:
-            proc.stop(signal.SIGKILL)
+    # process(name, *args) starts a build/<name> helper executable.
+    yield from stopped_at_end(lambda _, name, *args: Process([str(BUILD / name), *map(str, args)], cwd=tmp_path))
 
 
 class Dms(Process):
@@ -121,15 +129,6 @@ class Dms(Process):
 
 @pytest.fixture
 def dms(tmp_path):
-    # Starts the server: dms(config_text or None); config None writes no file.
-    started = []
-
-    def start(config=None, folder=None, env=None):
-        server = Dms(folder or tmp_path / f"server{len(started)}", config, env)
-        started.append(server)
-        return server
-
-    yield start
-    for server in started:
-        if server.result is None:
-            server.stop()
+    # dms(config_text or None, folder=None, env=None) starts the server; config None writes no file.
+    yield from stopped_at_end(lambda number, config=None, folder=None, env=None:
+                              Dms(folder or tmp_path / f"server{number}", config, env))

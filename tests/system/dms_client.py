@@ -2,8 +2,10 @@
 # connection, replies framed by Content-Length or chunks, SOAP actions and
 # Browse results parsed into dicts, and the server's test configuration.
 import ctypes
+import json
 import os
 import socket
+import subprocess
 import time
 import xml.etree.ElementTree as ET
 from pathlib import Path
@@ -19,20 +21,6 @@ DC = "{http://purl.org/dc/elements/1.1/}"
 UPNP = "{urn:schemas-upnp-org:metadata-1-0/upnp/}"
 CLONE_NEWNET = 0x40000000
 SSDP_GROUP, SSDP_PORT = "239.255.255.250", 1900
-# Real clients' Filters, from public property names: Kodi's 37 properties
-# (545 characters), and one as long as a Sony Blu-ray player's (527).
-KODI_FILTER = ("dc:title,dc:creator,dc:date,dc:description,dc:publisher,upnp:userAnnotation,dc:rights,"
-    "res@sampleFrequency,upnp:class,upnp:artist,upnp:album,upnp:genre,upnp:albumArtURI,upnp:originalTrackNumber,"
-    "upnp:longDescription,upnp:rating,upnp:actor,upnp:director,upnp:producer,upnp:author,upnp:episodeNumber,"
-    "upnp:episodeCount,upnp:episodeSeason,upnp:programTitle,upnp:seriesTitle,upnp:lastPlaybackTime,"
-    "upnp:lastPlaybackPosition,upnp:playbackCount,upnp:storageMedium,@refID,res,res@duration,res@size,res@resolution,"
-    "res@bitrate,res@nrAudioChannels,@childCount")
-SONY_FILTER = ("@id,@parentID,@restricted,@searchable,@childCount,@refID,dc:title,dc:creator,dc:date,upnp:class,"
-    "upnp:artist,upnp:artist@role,upnp:album,upnp:genre,upnp:albumArtURI,upnp:albumArtURI@dlna:profileID,"
-    "upnp:originalTrackNumber,upnp:icon,upnp:rating,upnp:actor,upnp:director,upnp:author,upnp:channelNr,"
-    "upnp:lastPlaybackPosition,res,res@size,res@duration,res@bitrate,res@sampleFrequency,res@bitsPerSample,"
-    "res@nrAudioChannels,res@resolution,res@colorDepth,res@protocolInfo,res@dlna:ifoFileURI,upnp:writeStatus,"
-    "dc:description,dc:language")
 CONFIG_VALUES = {"deviceName": "Test DMS & Co", "manufacturer": "ACME <Labs>", "dmsModelName": "DMSModel",
                  "modelNumber": "1.5", "modelDescription": "Unit 'test' > demo"}
 
@@ -172,6 +160,14 @@ def ssdp_search(st, interface, source_port=0, wait=0.6):
         return [data for data in drain(client, wait) if data.startswith(b"HTTP/1.1")]
 
 
+def gupnp(mode, seconds):
+    # What tests/system/gupnp_probe.py, GUPnP's control point, finds on dms0 in `mode` ("device" or "browse").
+    result = subprocess.run(["/usr/bin/python3", str(Path(__file__).with_name("gupnp_probe.py")), mode, "dms0",
+                             str(seconds)], capture_output=True, timeout=seconds + 30)
+    assert result.returncode == 0, result.stderr.decode(errors="replace")
+    return json.loads(result.stdout)
+
+
 def in_peer_namespace(make):
     # Calls make() with this thread moved into the peer namespace; sockets it
     # creates stay there.
@@ -228,6 +224,24 @@ def browse(port, object_id, **kwargs):
             int(values["UpdateID"]), reply.sizes)
 
 
+def walk(port, **kwargs):
+    # Every container from "0" down, browsed whole: {object id: browse() result}, in breadth-first order.
+    found, pending = {}, ["0"]
+    while pending:
+        object_id = pending.pop(0)
+        found[object_id] = browse(port, object_id, **kwargs)
+        pending += [o["id"] for o in found[object_id][1] if o["element"] == "container"]
+    return found
+
+
+def until(read, done, timeout=20.0, pause=0.2):
+    # Calls read() until done(its value) holds or `timeout` seconds pass; returns the last value.
+    deadline = time.monotonic() + timeout
+    while not done(value := read()) and time.monotonic() < deadline:
+        time.sleep(pause)
+    return value
+
+
 def didl_object(node):
     found = {"element": node.tag.replace(DIDL, ""), **node.attrib}
     for child in node:
@@ -243,6 +257,13 @@ def by_title(objects, title):
     matches = [o for o in objects if o.get("dc:title") == title]
     assert len(matches) == 1, (title, [o.get("dc:title") for o in objects])
     return matches[0]
+
+
+def rewrite(path, data):
+    # Writes `data` over the file and puts its times back, as a tool that keeps them does.
+    times = path.stat()
+    path.write_bytes(data)
+    os.utime(path, ns=(times.st_atime_ns, times.st_mtime_ns))
 
 
 def config_text(media_path):

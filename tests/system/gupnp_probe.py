@@ -21,18 +21,15 @@ CONTENT_DIRECTORY = "urn:schemas-upnp-org:service:ContentDirectory:1"
 MAX_BROWSES = 1000  # bounds the walk should a container ever list itself
 
 
-def run_loop(loop, seconds, source, signal, handler):
-    # Connects `handler` to `source`, activates it and runs `loop` for at most `seconds`.
-    source.connect(signal, handler)
-    source.set_active(True)
+def control_point(loop, interface, seconds, target, signal, handler):
+    # A control point for `target` whose `signal` goes to `handler`, active while `loop` runs (`seconds` at most).
+    context = GUPnP.Context.new_full(interface, None, 0, GSSDP.UDAVersion.VERSION_1_0)
+    point = GUPnP.ControlPoint.new(context, target)
+    point.connect(signal, handler)
+    point.set_active(True)
     GLib.timeout_add_seconds(seconds, loop.quit)
     loop.run()
-    return source
-
-
-def control_point(loop, interface, seconds, target, signal, handler):
-    context = GUPnP.Context.new_full(interface, None, 0, GSSDP.UDAVersion.VERSION_1_0)
-    return context, run_loop(loop, seconds, GUPnP.ControlPoint.new(context, target), signal, handler)
+    return context, point
 
 
 def introspect_device(interface, seconds):
@@ -67,12 +64,9 @@ def parsed_object(didl_object):
     if isinstance(didl_object, GUPnPAV.DIDLLiteContainer):
         found["childCount"] = didl_object.get_child_count()
     for resource in didl_object.get_resources():
+        # protocolInfo as GUPnP-AV writes it back from the fields (DLNA profile, operations, ...) it parsed.
         info = resource.get_protocol_info()
-        found["res"].append({
-            "uri": resource.get_uri(), "protocol": info.get_protocol(), "network": info.get_network(),
-            "mime": info.get_mime_type(), "profile": info.get_dlna_profile(),
-            "operation": int(info.get_dlna_operation()), "conversion": int(info.get_dlna_conversion()),
-            "flags": int(info.get_dlna_flags())})
+        found["res"].append({"uri": resource.get_uri(), "mime": info.get_mime_type(), "protocolInfo": info.to_string()})
     return found
 
 

@@ -13,18 +13,17 @@ import os
 import re
 import shutil
 import socket
-import subprocess
 import threading
 import time
 
 import pytest
 
 import dms_client
-from conftest import BUILD
-from dms_client import CONNECTION_MANAGER, CONTENT_DIRECTORY, XML_TYPE, Client, action, browse, get
+from dms_client import CONNECTION_MANAGER, CONTENT_DIRECTORY, XML_TYPE, Client, action, browse, get, until
 
 CD_EVENT = "/DMS/ContentDirectory/event"
 CM_EVENT = "/DMS/ConnectionManager/event"
+ADDRESS = os.environ["DMS_NETNS_ADDR"]
 BLACKHOLE = "10.77.0.3"  # on the namespace's link, but nobody answers there
 CHANGE_DEADLINE = 50.0  # seconds after start; the second refresh pass comes at about 40 s
 EVENT_WAIT = 3.0
@@ -37,10 +36,6 @@ SOURCE_PROTOCOLS = (
 SID = re.compile(r"uuid:[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}")
 
 
-def address():
-    return os.environ["DMS_NETNS_ADDR"]
-
-
 class NotifySink:
     # A callback server on the namespace address that records every request
     # and answers 200; a silent one accepts connections and never reads them.
@@ -48,7 +43,7 @@ class NotifySink:
     def __init__(self, port=0, silent=False):
         self.events, self.connections, self.silent = [], [], silent
         self.changed, self.accepted = threading.Condition(), threading.Event()
-        self.sock = socket.create_server((address(), port), backlog=16)
+        self.sock = socket.create_server((ADDRESS, port), backlog=16)
         self.port = self.sock.getsockname()[1]
         threading.Thread(target=self._accept, daemon=True).start()
 
@@ -88,7 +83,7 @@ class NotifySink:
 
 
 def event_request(port, method, path, *headers):
-    reply = Client(port).request(method, path, f"Host: {address()}:{port}", *headers, "Connection: close")
+    reply = Client(port).request(method, path, f"Host: {ADDRESS}:{port}", *headers, "Connection: close")
     return reply.status, reply.headers, reply.body
 
 
@@ -100,12 +95,15 @@ def subscribe(port, path, callback):
     return headers["sid"][len("uuid:"):]
 
 
+def elements(*values):
+    # <name>value</name> for each (name, value), <name/> for an empty value.
+    return "".join(f"<{name}/>" if value == "" else f"<{name}>{value}</{name}>" for name, value in values)
+
+
 def property_set(*values):
-    body = '<?xml version="1.0" encoding="UTF-8"?><e:propertyset xmlns:e="urn:schemas-upnp-org:event-1-0">'
-    for name, value in values:
-        body += (f"<e:property><{name}/></e:property>" if value == "" else
-                 f"<e:property><{name}>{value}</{name}></e:property>")
-    return (body + "</e:propertyset>").encode()
+    properties = "".join(f"<e:property>{elements(value)}</e:property>" for value in values)
+    return ('<?xml version="1.0" encoding="UTF-8"?><e:propertyset xmlns:e="urn:schemas-upnp-org:event-1-0">'
+            f"{properties}</e:propertyset>").encode()
 
 
 def content_directory_event(update_id):
@@ -117,7 +115,7 @@ CONNECTION_MANAGER_EVENT = property_set(("CurrentConnectionIDs", "0"), ("SourceP
 
 
 def notify_head(path, port, body, sid, seq):
-    return (f"NOTIFY {path} HTTP/1.1\r\nHost: {address()}:{port}\r\n"
+    return (f"NOTIFY {path} HTTP/1.1\r\nHost: {ADDRESS}:{port}\r\n"
             f'Content-Type: text/xml; charset="utf-8"\r\nContent-Length: {len(body)}\r\nConnection: close\r\n'
             f"NT: upnp:event\r\nNTS: upnp:propchange\r\nSID: uuid:{sid}\r\nSEQ: {seq}").encode()
 
@@ -126,9 +124,7 @@ def envelope(name, service, outputs):
     text = ('<?xml version="1.0" encoding="UTF-8"?><s:Envelope '
             's:encodingStyle="http://schemas.xmlsoap.org/soap/encoding/" '
             f'xmlns:s="http://schemas.xmlsoap.org/soap/envelope/"><s:Body><u:{name}Response xmlns:u="{service}">')
-    for output, value in outputs:
-        text += f"<{output}/>" if value == "" else f"<{output}>{value}</{output}>"
-    return (text + f"</u:{name}Response></s:Body></s:Envelope>").encode()
+    return (text + elements(*outputs) + f"</u:{name}Response></s:Body></s:Envelope>").encode()
 
 
 def system_update_id(port):
@@ -139,24 +135,18 @@ class Eventing:
     # The module's server, its callback server and two watching subscribers,
     # all in place before the file arrives.
 
-    def __init__(self, folder):
-        self.demo = folder / "demo"
-        subprocess.run([str(BUILD / "dms-mkdemo"), str(self.demo)], check=True)
+    def __init__(self, folder, demo):
         self.server = dms_client.start_server(folder)
         self.started = time.monotonic()
         self.port = self.server.port
         self.sink = NotifySink()
-        self.replies = {}
-        self.watchers = {}
-        for path, name in ((CD_EVENT, "cd"), (CM_EVENT, "cm")):
-            status, headers, body = event_request(
-                self.port, "SUBSCRIBE", path, f"CALLBACK: <http://{address()}:{self.sink.port}/watch/{name}?x=1>",
-                "NT: upnp:event")
-            self.replies[name] = (status, headers, body)
-            self.watchers[name] = headers["sid"][len("uuid:"):]
+        self.replies = {name: event_request(self.port, "SUBSCRIBE", path,
+                                            f"CALLBACK: <http://{ADDRESS}:{self.sink.port}/watch/{name}?x=1>",
+                                            "NT: upnp:event") for path, name in ((CD_EVENT, "cd"), (CM_EVENT, "cm"))}
+        self.watchers = {name: headers["sid"][len("uuid:"):] for name, (_, headers, _) in self.replies.items()}
         self.initial_update_id = system_update_id(self.port)
         assert len(self.sink.wait(self.watchers["cd"], 1)) == 1
-        shutil.copy(self.demo / "Pictures" / "Stripes.gif", folder / "media" / "Added.gif")
+        shutil.copy(demo / "Pictures" / "Stripes.gif", folder / "media" / "Added.gif")
 
     def left(self):
         return max(0.0, self.started + CHANGE_DEADLINE - time.monotonic())
@@ -167,8 +157,8 @@ class Eventing:
 
 
 @pytest.fixture(scope="module")
-def eventing(tmp_path_factory):
-    yield (found := Eventing(tmp_path_factory.mktemp("gena")))
+def eventing(tmp_path_factory, demo):
+    yield (found := Eventing(tmp_path_factory.mktemp("gena"), demo))
     found.close()
 
 
@@ -208,14 +198,14 @@ def test_small_actions_exact_envelopes(eventing):
 
 def test_renewal_cancellation_and_refusals(eventing):
     port, sink = eventing.port, eventing.sink
-    sid = subscribe(port, CM_EVENT, f"http://{address()}:{sink.port}/renew")
+    sid = subscribe(port, CM_EVENT, f"http://{ADDRESS}:{sink.port}/renew")
     for given in (sid, sid.lower()):
         status, headers, _ = event_request(port, "SUBSCRIBE", CM_EVENT, f"SID: uuid:{given}")
         assert (status, headers["sid"], headers["timeout"]) == ("HTTP/1.1 200 OK", f"uuid:{given}", "Second-300")
 
     # NT together with a SID is a new subscription, with its own initial event.
     status, headers, _ = event_request(port, "SUBSCRIBE", CM_EVENT, f"SID: uuid:{sid}", "NT: upnp:event",
-                                       f"CALLBACK: <http://{address()}:{sink.port}/again>")
+                                       f"CALLBACK: <http://{ADDRESS}:{sink.port}/again>")
     assert status == "HTTP/1.1 200 OK"
     fresh = headers["sid"][len("uuid:"):]
     assert SID.fullmatch(headers["sid"]) and fresh != sid
@@ -231,8 +221,8 @@ def test_renewal_cancellation_and_refusals(eventing):
     refused = [
         ("SUBSCRIBE", CM_EVENT, [f"SID: uuid:{sid}"]),  # renewal of a cancelled subscription
         ("SUBSCRIBE", CD_EVENT, [f"SID: uuid:{fresh}"]),  # known, but on the other service
-        ("SUBSCRIBE", CD_EVENT, [f"CALLBACK: <http://{address()}:{sink.port}/x>"]),
-        ("SUBSCRIBE", CD_EVENT, ["NT: upnp:propchange", f"CALLBACK: <http://{address()}:{sink.port}/x>"]),
+        ("SUBSCRIBE", CD_EVENT, [f"CALLBACK: <http://{ADDRESS}:{sink.port}/x>"]),
+        ("SUBSCRIBE", CD_EVENT, ["NT: upnp:propchange", f"CALLBACK: <http://{ADDRESS}:{sink.port}/x>"]),
         ("SUBSCRIBE", CD_EVENT, [f"SID: {fresh}"]),
         ("UNSUBSCRIBE", CM_EVENT, []),
         ("UNSUBSCRIBE", CM_EVENT, [f"SID: {fresh}"]),
@@ -251,7 +241,7 @@ def test_odd_callbacks(eventing):
     # A callback without a port is notified on port 65535.
     portless = NotifySink(65535)
     try:
-        sid = subscribe(port, CM_EVENT, f"http://{address()}/portless")
+        sid = subscribe(port, CM_EVENT, f"http://{ADDRESS}/portless")
         [event] = portless.wait(sid, 1)
         assert event.head == notify_head("/portless", 65535, CONNECTION_MANAGER_EVENT, sid, 0)
     finally:
@@ -265,16 +255,13 @@ def test_odd_callbacks(eventing):
         assert [status] + statuses == ["HTTP/1.1 200 OK"] * 3
 
 
-def test_unanswering_subscribers_do_not_hold_up_browse_and_transfers(dms, tmp_path, eventing):
+def test_unanswering_subscribers_do_not_hold_up_browse_and_transfers(dms, tmp_path, demo):
     media = tmp_path / "media"
     media.mkdir()
-    shutil.copy(eventing.demo / "Pictures" / "Stripes.gif", media / "Stripes.gif")
+    shutil.copy(demo / "Pictures" / "Stripes.gif", media / "Stripes.gif")
     server = dms(dms_client.config_text(media))
     port = server.wait_ready()
-    deadline = time.monotonic() + 10
-    while not (items := [o for o in browse(port, "0.1")[1] if o["element"] == "item"]):
-        assert time.monotonic() < deadline
-        time.sleep(0.1)
+    items = until(lambda: [o for o in browse(port, "0.1")[1] if o["element"] == "item"], bool, 10, 0.1)
     item_path = "/" + items[0]["res"][0]["url"].split("/", 3)[3]
 
     silent = NotifySink(silent=True)
@@ -287,7 +274,7 @@ def test_unanswering_subscribers_do_not_hold_up_browse_and_transfers(dms, tmp_pa
         # seconds of delivery after the silent one is reached.
         subscribe(port, CD_EVENT, f"http://{BLACKHOLE}:80/first")
         time.sleep(0.3)
-        batch = [(CD_EVENT, f"http://{address()}:{silent.port}/silent")]
+        batch = [(CD_EVENT, f"http://{ADDRESS}:{silent.port}/silent")]
         batch += [(CM_EVENT, f"http://{BLACKHOLE}:{80 + n}/hole") for n in range(3)]
         threads = [threading.Thread(target=subscribe, args=(port, path, callback)) for path, callback in batch]
         for thread in threads:
@@ -298,7 +285,7 @@ def test_unanswering_subscribers_do_not_hold_up_browse_and_transfers(dms, tmp_pa
 
         # A subscription waits for the pass to end; Browse and transfers do not.
         late = []
-        late_callback = f"http://{address()}:{sink.port}/late"
+        late_callback = f"http://{ADDRESS}:{sink.port}/late"
         waiting = threading.Thread(target=lambda: late.append(subscribe(port, CD_EVENT, late_callback)))
         waiting.start()
         for _ in range(3):

@@ -12,22 +12,17 @@ import time
 
 import pytest
 
-from conftest import BUILD, REPO
-from dms_client import Client, browse, browse_arguments, in_peer_namespace, soap, ssdp_search
+from conftest import REPO
+from dms_client import Client, browse, browse_arguments, in_peer_namespace, soap, ssdp_search, until
 
 ADDRESS, PEER_ADDRESS = os.environ["DMS_NETNS_ADDR"], os.environ["DMS_NETNS_PEER_ADDR"]
 UNLINK, LINK = "tools/netns-run --unlink", "tools/netns-run --link"
 
 
-def catches_signal(pid, sig, timeout=10.0):
+def catches_signal(pid, sig):
     # Waits until the process has installed its handler for `sig`.
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        status = open(f"/proc/{pid}/status").read()
-        if int(status.split("SigCgt:")[1].split()[0], 16) >> (sig - 1) & 1:
-            return
-        time.sleep(0.05)
-    raise TimeoutError(f"no handler for signal {sig}")
+    caught = lambda: int(open(f"/proc/{pid}/status").read().split("SigCgt:")[1].split()[0], 16)  # noqa: E731
+    assert until(caught, lambda mask: mask >> (sig - 1) & 1, 10, 0.05) >> (sig - 1) & 1, f"no handler for {sig}"
 
 
 @pytest.mark.parametrize("config, sig, label, errors", [
@@ -52,10 +47,9 @@ def test_signal_stops_promptly_with_both_lines(dms, tmp_path, config, sig, label
         idle.close()
 
 
-def test_stop_in_the_middle_of_browse_replies_and_downloads(dms, tmp_path):
-    media_dir, demo = tmp_path / "media", tmp_path / "demo"
+def test_stop_in_the_middle_of_browse_replies_and_downloads(dms, tmp_path, demo):
+    media_dir = tmp_path / "media"
     media_dir.mkdir()
-    subprocess.run([str(BUILD / "dms-mkdemo"), str(demo)], check=True, stdout=subprocess.DEVNULL)
     for index in range(300):  # a Browse reply of some 200 KB
         shutil.copy(demo / "Pictures" / "Stripes.gif", media_dir / f"picture {index:03d} with a long name.gif")
     with open(media_dir / "Big.mp3", "wb") as big:
@@ -63,9 +57,7 @@ def test_stop_in_the_middle_of_browse_replies_and_downloads(dms, tmp_path):
         big.truncate(64 << 20)
     server = dms(f'path = "{media_dir}"\nmodelDescription = "Shelf"\n')
     port = server.wait_ready()
-    deadline = time.monotonic() + 30
-    while browse(port, "0.1", count=1)[3] < 301 and time.monotonic() < deadline:
-        time.sleep(0.2)
+    until(lambda: browse(port, "0.1", count=1)[3], (301).__le__, 30)
     item = [o["id"] for o in browse(port, "0.1")[1] if o["res"][0].get("size") == str(64 << 20)][0]
 
     download = f"GET /mediaitem/{item} HTTP/1.1\r\nHost: test\r\n\r\n".encode()
@@ -93,11 +85,8 @@ def change_link(script):
 def answered(port, address, within):
     # True once a search from the peer host is answered with the description at `address`.
     location = f"Location: http://{address}:{port}/DMS/Device\r\n".encode()
-    deadline = time.monotonic() + within
-    while time.monotonic() < deadline:
-        if any(location in answer for answer in in_peer_namespace(lambda: ssdp_search("ssdp:all", PEER_ADDRESS))):
-            return True
-    return False
+    search = lambda: in_peer_namespace(lambda: ssdp_search("ssdp:all", PEER_ADDRESS))  # noqa: E731
+    return until(lambda: any(location in answer for answer in search()), bool, within, 0)
 
 
 def census(pid):

@@ -19,7 +19,6 @@ import dns.rdata
 import dns.rdataclass
 import dns.rdatatype
 
-from conftest import BUILD, Process
 from dms_client import in_peer_namespace, multicast_socket
 
 GROUP = "224.0.0.251"
@@ -30,11 +29,6 @@ CACHE_FLUSH = 0x8000
 
 Record = collections.namedtuple("Record", "name type cache_flush ttl rdata")
 Packet = collections.namedtuple("Packet", "id flags counts answers additional raw")
-
-
-def peer_socket():
-    # A socket of the peer host on the mDNS group and port.
-    return in_peer_namespace(lambda: multicast_socket(GROUP, PORT, PEER_ADDR))
 
 
 def decode(raw):
@@ -59,9 +53,9 @@ def decode(raw):
     return Packet(ident, flags, counts, records[:counts[1]], records[counts[1] + counts[2]:], raw)
 
 
-def announcements(sock, host, timeout):
-    # Yields (arrival time, Packet) for every response whose first answer is
-    # the A record of host.local, until `timeout` seconds have passed.
+def next_announcement(sock, host, timeout=5.0):
+    # The next response whose first answer is the A record of host.local, or
+    # None once `timeout` seconds have passed.
     deadline = time.monotonic() + timeout
     owner = f"{host}.local."
     while (left := deadline - time.monotonic()) > 0:
@@ -69,7 +63,7 @@ def announcements(sock, host, timeout):
         try:
             raw = sock.recv(65536)
         except socket.timeout:
-            return
+            return None
         # Only our packets are decoded strictly: responses without questions
         # whose first owner is the host name.
         if len(raw) < 12 or not raw[2] & 0x80 or raw[4:6] != b"\0\0":
@@ -78,37 +72,26 @@ def announcements(sock, host, timeout):
             first, _ = dns.name.from_wire(raw, 12)
         except dns.exception.DNSException:
             continue
-        if first.to_text() != owner:
-            continue
-        packet = decode(raw)
-        if packet.answers and packet.answers[0].type == dns.rdatatype.A:
-            yield time.monotonic(), packet
-
-
-def next_announcement(sock, host, timeout=5.0):
-    return next((packet for _, packet in announcements(sock, host, timeout)), None)
+        if first.to_text() == owner and (packet := decode(raw)).answers and packet.answers[0].type == dns.rdatatype.A:
+            return packet
+    return None
 
 
 @pytest.fixture
-def responder():
+def responder(process):
     # Runs mdns_test_responder: responder(host, *services, address=ADDR), each
     # service (instance, type, port, text).
-    started = []
-
     def start(host, *services, address=ADDR):
-        fields = [str(field) for service in services for field in service]
-        started.append(Process([str(BUILD / "mdns_test_responder"), host, address, *fields], cwd=BUILD))
-        assert started[-1].popen.stdout.readline() == b"ready\n", started[-1].stop()
-        return started[-1]
-
-    yield start
-    for proc in started:
-        proc.stop()
+        proc = process("mdns_test_responder", host, address, *(field for service in services for field in service))
+        assert proc.popen.stdout.readline() == b"ready\n", proc.stop()
+        return proc
+    return start
 
 
 @pytest.fixture
 def peer():
-    with peer_socket() as sock:
+    # A socket of the peer host on the mDNS group and port.
+    with in_peer_namespace(lambda: multicast_socket(GROUP, PORT, PEER_ADDR)) as sock:
         yield sock
 
 

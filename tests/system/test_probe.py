@@ -10,8 +10,6 @@ import struct
 import subprocess
 import zlib
 
-import pytest
-
 from conftest import BUILD
 
 STREAM_KEYS = ["number", "kind", "enabled", "duration", "timescale", "sampleRate", "channels",
@@ -26,13 +24,6 @@ def probe(*paths):
     assert b"Sanitizer" not in result.stderr and b"runtime error" not in result.stderr, result.stderr
     lines = result.stdout.decode("utf-8").splitlines()
     return result.returncode, [json.loads(line) for line in lines], result.stderr.decode(errors="replace")
-
-
-@pytest.fixture(scope="module")
-def demo(tmp_path_factory):
-    root = tmp_path_factory.mktemp("demo")
-    subprocess.run([str(BUILD / "dms-mkdemo"), str(root)], check=True, timeout=30)
-    return root
 
 
 def png_chunk(kind, data):
@@ -203,18 +194,15 @@ def test_each_rule_that_keeps_a_file_unpublished_is_named(tmp_path):
 
 def test_folder_walk_explains_every_entry_and_sums_up(tmp_path):
     song = mp3_frames(*["fffb9040"] * 4)
-    (tmp_path / "song.mp3").write_bytes(song)
-    (tmp_path / "ffmpeg.mp3").write_bytes(mp3_frames("fffb9000", *["fffb9040"] * 3, first_body=bytes(32) + b"Info"))
-    (tmp_path / ".hidden.mp3").write_bytes(song)
-    (tmp_path / ".thumbnails").mkdir()
-    (tmp_path / ".thumbnails" / "never.mp3").write_bytes(song)
-    (tmp_path / "notes.txt").write_bytes(b"text")
-    (tmp_path / "song.aac").write_bytes(b"\xff\xf1\x50\x80" + bytes(2000))
+    files = {"song.mp3": song, "ffmpeg.mp3": mp3_frames("fffb9000", *["fffb9040"] * 3, first_body=bytes(32) + b"Info"),
+             ".hidden.mp3": song, ".thumbnails/never.mp3": song, "notes.txt": b"text",
+             "song.aac": b"\xff\xf1\x50\x80" + bytes(2000), "Bad\x01Folder/inner.mp3": song,
+             os.fsdecode(b"caf\xe9.mp3"): song}
+    for name, data in files.items():
+        (tmp_path / name).parent.mkdir(exist_ok=True)
+        (tmp_path / name).write_bytes(data)
     (tmp_path / "link.mp3").symlink_to("song.mp3")
-    (tmp_path / "Bad\x01Folder").mkdir()
-    (tmp_path / "Bad\x01Folder" / "inner.mp3").write_bytes(song)
     (tmp_path / "Empty\x02Folder").mkdir()  # holds nothing published, so it is never listed
-    (tmp_path / os.fsdecode(b"caf\xe9.mp3")).write_bytes(song)
 
     status, (*entries, summary), _ = probe(tmp_path)
     assert status == 0

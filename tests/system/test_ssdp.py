@@ -3,18 +3,14 @@
 # that suppress answers, goodbyes on stop, and a third-party control point
 # (GUPnP) that finds the device and reads its description and both SCPDs. One server serves the whole module; the goodbye test stops it and
 # therefore runs last.
-import json
 import os
-import subprocess
 import time
-from pathlib import Path
 
 import pytest
 
 import dms_client
 from dms_client import CONNECTION_MANAGER, CONTENT_DIRECTORY, MEDIA_SERVER, SSDP_GROUP, SSDP_PORT, drain, ssdp_search
 
-PROBE = Path(__file__).with_name("gupnp_probe.py")
 FIRST_ANNOUNCEMENT_TIMEOUT = 15.0
 
 
@@ -95,13 +91,6 @@ def test_searches_that_get_no_answer(discovery):
     assert len(discovery.search("ssdp:all", source_port=1025)) == 5
 
 
-def run_probe(mode, seconds):
-    result = subprocess.run(["/usr/bin/python3", str(PROBE), mode, "dms0", str(seconds)],
-                            capture_output=True, timeout=seconds + 20)
-    assert result.returncode == 0, result.stderr.decode(errors="replace")
-    return json.loads(result.stdout)
-
-
 # What a control point reads from the two SCPDs: every action (each has a
 # handler) and every state variable.
 SERVICES = {
@@ -119,7 +108,7 @@ SERVICES = {
 
 
 def test_gupnp_reads_the_description_and_both_services(discovery):
-    device = run_probe("device", 10)
+    device = dms_client.gupnp("device", 10)
     values = dms_client.CONFIG_VALUES
     assert (device["udn"], device["friendlyName"], device["modelName"], device["modelNumber"]) == \
         ("uuid:" + dms_client.udn(), values["deviceName"], values["dmsModelName"], values["modelNumber"])

@@ -4,13 +4,11 @@
 # standard error says so and how many folders go without. (The times
 # themselves are bench/watch_bench.py's.)
 import shutil
-import subprocess
-import time
 
 import pytest
 
 from conftest import BUILD, Process
-from dms_client import browse
+from dms_client import browse, until
 
 INTERVAL = 600
 SEEN_WITHIN = 10  # seconds: well within the interval, with room for a loaded machine
@@ -21,16 +19,12 @@ def pictures(port):
 
 
 def wait_for(port, expected):
-    deadline = time.monotonic() + SEEN_WITHIN
-    while pictures(port) != expected and time.monotonic() < deadline:
-        time.sleep(0.1)
-    return pictures(port)
+    return until(lambda: pictures(port), expected.__eq__, SEEN_WITHIN, 0.1)
 
 
 @pytest.fixture
-def gif(tmp_path):
-    subprocess.run([str(BUILD / "dms-mkdemo"), str(tmp_path / "demo")], check=True)
-    return (tmp_path / "demo" / "Pictures" / "Stripes.gif").read_bytes()
+def gif(demo):
+    return (demo / "Pictures" / "Stripes.gif").read_bytes()
 
 
 def test_changes_are_listed_at_once_only_with_the_watch_on(dms, tmp_path, gif):
