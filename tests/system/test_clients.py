@@ -57,10 +57,10 @@ def test_captured_requests_refused_as_designed_answered_with_compatibility(dms, 
     assert [browse_raw(off, "0", filt=KODI_FILTER[:n]).status[9:12] for n in (255, 256)] == ["200", "500"]
 
 
-def test_mpd_lists_and_plays_a_track_from_its_database_with_compatibility(dms, media, tmp_path, request):
-    # Without the setting MPD's Browse is refused: its argument order is the captured one above.
+@pytest.mark.parametrize("setting", ["on", ""], ids=["on", "absent"])
+def test_mpd_lists_and_plays_a_track_from_its_database_only_with_compatibility(dms, media, tmp_path, request, setting):
     announcements = dms_client.multicast_socket("239.255.255.250", 1900, os.environ["DMS_NETNS_ADDR"])
-    start(dms, media, "on")
+    start(dms, media, setting)
     announcements.settimeout(15)
     announcements.recv(2048)  # MPD searches once, as it starts: the server must be announcing by then
     (tmp_path / "mpd.conf").write_text(MPD_CONFIG.format(tmp_path))
@@ -74,6 +74,9 @@ def test_mpd_lists_and_plays_a_track_from_its_database_with_compatibility(dms, m
     until(lambda: mpc("ls").stdout, (NAME + "\n").__eq__)
     track = f"{NAME}/Music/All Music/Long tone"
     listing = mpc("ls", track.rsplit("/", 1)[0])
+    if not setting:
+        assert (listing.returncode, listing.stdout) == (1, "") and "UpnpSendAction() failed" in listing.stderr
+        return
     assert track in listing.stdout.splitlines()
     assert mpc("add", track).returncode == mpc("play").returncode == 0
     status = until(lambda: mpc("status").stdout, lambda text: "0:01/" in text)
