@@ -248,7 +248,7 @@ template <typename Byte, typename Object>
 Byte* memoBytes(Object* object) {
   if (object->memoSize == 0) return nullptr;
   Byte* block = reinterpret_cast<Byte*>(object + 1);
-  return object->hasTitle ? block + object->title().size() + 1 : block;
+  return object->flags & DmsFlag_Title ? block + object->title().size() + 1 : block;
 }
 
 }  // namespace
@@ -296,7 +296,7 @@ DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClas
   auto* object = new (block) DmsObject;
   if (bytes > sizeof(DmsObject) + memoSize) {
     std::memcpy(object + 1, title, bytes - sizeof(DmsObject) - memoSize);
-    object->hasTitle = true;
+    object->flags |= DmsFlag_Title;
   }
   if (memoSize > 0) {
     object->memoSize = memoSize;

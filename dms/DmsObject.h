@@ -31,6 +31,11 @@ inline constexpr DmsObjectId DmsId_Music{0, 4};
 // The most memo bytes an item's block keeps (their count is one byte).
 inline constexpr size_t DmsObject_MaxMemoSize = 255;
 
+// Bits of DmsObject::flags.
+enum DmsObjectFlag : uint8_t {
+  DmsFlag_Title = 1,  // the title's text follows the object
+};
+
 enum DmsObjectKind : uint8_t {
   DmsKind_Container = 1,
   DmsKind_Item = 2,
@@ -86,7 +91,7 @@ struct DmsObject {
   DmsObject* nextInBucket = nullptr;
   DmsObjectKind kind = DmsKind_Container;
   uint8_t mediaClass = DmsClass_None;
-  bool hasTitle = false;  // the title's text follows the object
+  uint8_t flags = 0;      // DmsObjectFlag bits
   uint8_t memoSize = 0;   // items: bytes of memo after the title (DmsMemo.h)
   int32_t pass = 0;       // scan pass in which the object was last seen
 
@@ -105,7 +110,7 @@ struct DmsObject {
     DmsObject* references;  // items: the references made to this item
   };
 
-  DmsTitle title() const { return DmsTitle(hasTitle ? reinterpret_cast<const char*>(this + 1) : ""); }
+  DmsTitle title() const { return DmsTitle(flags & DmsFlag_Title ? reinterpret_cast<const char*>(this + 1) : ""); }
   // An entry of dlnaMediaClasses.
   const char* upnpClass() const { return dlnaMediaClasses[mediaClass]; }
 };
