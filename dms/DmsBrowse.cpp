@@ -18,6 +18,7 @@
 #include "dms/DmsDidl.h"
 #include "dms/DmsObject.h"
 #include "dms/DmsServerState.h"
+#include "dms/DmsWatch.h"
 #include "http/HTTPRequest.h"
 #include "upnp/UPnPDevice.h"
 
@@ -217,6 +218,7 @@ void sendChildren(ChunkStream& chunks, BrowseRequest& browse, DmsDidlRenderer& r
     page.clear();
     {
       std::lock_guard lock(DmsServer_ContentMutex());
+      DmsWatch_Drain();
       const DmsObject* container = DmsObject_Find(browse.objectId);
       if (!container || container->kind != DmsKind_Container || container->childCount != childCount ||
           container->updateId != updateId) {
@@ -292,6 +294,7 @@ void browseOrThrow(HTTPRequest* request, const char* serviceType, const char* ac
 
   Counts counts;
   std::unique_lock lock(DmsServer_ContentMutex());
+  DmsWatch_Drain();
   if (DmsObject* object = DmsObject_Find(browse.objectId)) {
     const bool container = object->kind == DmsKind_Container;
     counts.updateId = container && !(object->id == DmsObjectId{0, 0}) ? object->updateId : DmsContent_SystemUpdateId();
