@@ -219,8 +219,10 @@ void DmsWatch_Folder(DmsObject* folder, const char* path) {
     clearChildren(folder);  // the read that follows looks at each of them again
     return;
   }
+  // A folder that was watched may be gone with everything below it, or
+  // moved by a change above it that no watch reported.
+  if (folder->flags & DmsFlag_Watched) untrustBelow(folder);
   folder->flags &= ~DmsFlag_Watched;
-  untrustBelow(folder);
   if (descriptor >= 0) return;  // watched, on a file system that may change unseen
   if (watch.events.valid()) {
     // A folder that is gone or may not be read is not published either.
