@@ -36,6 +36,12 @@ constexpr uint32_t kWatchMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED
                                 IN_MODIFY | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 // A copy in progress sends events all along: a pass waits for this much quiet.
 constexpr auto kQuiet = std::chrono::seconds(1);
+// A file being written sends an IN_MODIFY a write, which only Browse needs:
+// after reading events of which none makes a pass due, the refresh thread
+// reads the next ones this much later, so that a copy wakes it a few dozen
+// times a second instead of once a write (the kernel folds a file's repeated
+// events into one meanwhile). A change read then is read that much later.
+constexpr auto kWritesPause = std::chrono::milliseconds(20);
 // Room for many events per read; one takes at most 16 bytes and a name.
 constexpr size_t kEventBuffer = 4096;
 
@@ -158,14 +164,17 @@ void untrust(const inotify_event& event) {
   else if (!DmsNames_IsHidden(event.name) && DmsNames_HasMediaExtension(event.name)) clearChildren(folder);
 }
 
-// Reads every pending event; true when one of them makes a pass due.
-bool drain() {
+enum class Drained { Nothing, NoPass, PassDue };
+
+// Reads every pending event.
+Drained drain() {
   assert(DmsContent_Guarded());
-  bool found = false;
+  bool found = false, any = false;
   alignas(inotify_event) char buffer[kEventBuffer];
   for (;;) {
     const ssize_t got = ::read(watch.events.get(), buffer, sizeof buffer);
     if (got <= 0) break;
+    any = true;
     for (ssize_t at = 0; at < got;) {
       const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
       untrust(*event);
@@ -176,11 +185,10 @@ bool drain() {
       at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
     }
   }
-  if (found) {
-    watch.due = true;
-    watch.lastChange = Clock::now();
-  }
-  return found;
+  if (!found) return any ? Drained::NoPass : Drained::Nothing;
+  watch.due = true;
+  watch.lastChange = Clock::now();
+  return Drained::PassDue;
 }
 
 }  // namespace
@@ -245,7 +253,7 @@ void DmsWatch_Stat(DmsObject* item, const struct stat& file) {
 void DmsWatch_Drain() {
   assert(DmsContent_Guarded());
   // The refresh thread may be waiting for these events: it is told to look again.
-  if (watch.events.valid() && drain()) (void)::eventfd_write(watch.wake.get(), 1);
+  if (watch.events.valid() && drain() == Drained::PassDue) (void)::eventfd_write(watch.wake.get(), 1);
 }
 
 void DmsWatch_PassDone() {
@@ -273,6 +281,7 @@ void DmsWatch_PassDone() {
 
 bool DmsWatch_Wait(std::chrono::milliseconds limit) {
   const Clock::time_point deadline = Clock::now() + limit;
+  bool pausing = false;  // the events read last made no pass due: the next wait kWritesPause
   for (;;) {
     int timeout = 0;
     {
@@ -286,8 +295,10 @@ bool DmsWatch_Wait(std::chrono::milliseconds limit) {
       const Clock::time_point until = watch.due ? std::min(deadline, watch.lastChange + kQuiet) : deadline;
       timeout = static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(until - now).count());
     }
+    if (pausing) timeout = std::min(timeout, static_cast<int>(kWritesPause.count()));
     pollfd fds[2] = {{watch.wake.get(), POLLIN, 0}, {watch.events.get(), POLLIN, 0}};
-    const int ready = ::poll(fds, 2, timeout);
+    const int ready = ::poll(fds, pausing ? 1 : 2, timeout);
+    pausing = false;
     if (ready < 0 && errno != EINTR) return false;
     if (fds[0].revents != 0) {
       eventfd_t count = 0;
@@ -295,7 +306,7 @@ bool DmsWatch_Wait(std::chrono::milliseconds limit) {
     }
     if (fds[1].revents != 0) {
       std::lock_guard lock(DmsServer_ContentMutex());
-      drain();
+      pausing = drain() == Drained::NoPass;
     }
   }
 }
