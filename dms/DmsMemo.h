@@ -2,9 +2,10 @@
 // from a parse of its file, kept in the item's own block together with the
 // identity of the file it was parsed from (size, modification and
 // status-change times in nanoseconds). While an lstat of the item's path
-// still gives that identity, the item is described
-// from its memo without opening the file; otherwise the file is parsed again
-// and the memo refreshed. Texts that many items share (artist, album, genre)
+// still gives that identity (or the watch says the file has not changed
+// since one did: DmsWatch.h), the item is described from its memo without
+// opening the file; otherwise the file is parsed again and the memo
+// refreshed. Texts that many items share (artist, album, genre)
 // are kept once, counted by the memos that use them. Everything here runs
 // under the content mutex.
 #pragma once
