@@ -7,12 +7,18 @@ modification time put back, replaced under the same name, removed, truncated,
 turned into a symbolic link or a FIFO) and everything is asked again before
 the next rescan (but the transfers of the FIFO, whose open waits for a writer). Each pair of replies must be byte-identical but for the Date
 header and the port inside URLs. Prints the counts; exits 1 on a difference.
-Run: tools/netns-run /usr/bin/python3 bench/compare_replies.py OLD_BUILD_DIR [NEW_BUILD_DIR]"""
+--watch: both servers with watchChanges on; while the changed files are asked
+for, a file of an otherwise empty folder is written every 0.1 s, so that the
+watch holds the rescan off (it waits for a second of quiet) and the replies
+are those of memos the watch's events alone say to check.
+Run: tools/netns-run /usr/bin/python3 bench/compare_replies.py [--watch] OLD_BUILD_DIR [NEW_BUILD_DIR]"""
+import contextlib
 import os
 import shutil
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 from pathlib import Path
 
@@ -36,6 +42,7 @@ def build_library(root, mkdemo):
     (media / "Real").mkdir()
     for extension, path in real.items():
         shutil.copy(path, media / "Real" / f"real{extension}")
+    (media / "Busy").mkdir()
     many = media / "Many"
     many.mkdir()
     sources = sorted(p for p in media.rglob("*") if p.is_file() and "Many" not in p.parts)
@@ -46,10 +53,11 @@ def build_library(root, mkdemo):
 
 
 class Server:
-    def __init__(self, build, folder, media):
+    def __init__(self, build, folder, media, watch):
         folder.mkdir(parents=True)
         shutil.copy2(Path(build) / "dms", folder / "dms")
-        (folder / "dmsConfig").write_text(f'path = "{media}"\nrefreshInterval = "{NO_RESCAN_SECONDS}"\n')
+        (folder / "dmsConfig").write_text(f'path = "{media}"\nrefreshInterval = "{NO_RESCAN_SECONDS}"\n'
+                                          f'watchChanges = "{"on" if watch else "off"}"\n')
         self.process = Process([str(folder / "dms")], cwd=folder)
         self.port = self.process.wait_port()
 
@@ -144,6 +152,23 @@ def change_files(media):
     return done, fifo
 
 
+@contextlib.contextmanager
+def passes_held_off(path):
+    """Writes `path` every 0.1 s meanwhile: a server with the watch on runs no pass."""
+    stop = threading.Event()
+
+    def write():
+        while not stop.wait(0.1):
+            path.write_bytes(b"")
+    writer = threading.Thread(target=write)
+    writer.start()
+    try:
+        yield
+    finally:
+        stop.set()
+        writer.join()
+
+
 def wait_scanned(server, expected):
     deadline = time.monotonic() + SCAN_TIMEOUT
     while time.monotonic() < deadline:
@@ -155,14 +180,16 @@ def wait_scanned(server, expected):
 
 def main():
     require_namespace()
-    if len(sys.argv) not in (2, 3):
+    watch = sys.argv[1:2] == ["--watch"]
+    arguments = sys.argv[1 + watch:]
+    if len(arguments) not in (1, 2):
         sys.exit(__doc__)
-    old_build, new_build = Path(sys.argv[1]), Path(sys.argv[2] if len(sys.argv) == 3 else BUILD)
+    old_build, new_build = Path(arguments[0]), Path(arguments[1] if len(arguments) == 2 else BUILD)
     with tempfile.TemporaryDirectory(prefix="dms-compare-") as temp:
         root = Path(temp)
         media = build_library(root, new_build / "dms-mkdemo")
-        old = Server(old_build, root / "old", media)
-        new = Server(new_build, root / "new", media)
+        old = Server(old_build, root / "old", media, watch)
+        new = Server(new_build, root / "new", media, watch)
         try:
             time.sleep(1.0)
             expected = len(walk(old)[1])
@@ -176,14 +203,18 @@ def main():
             started = time.monotonic()
             tree = walk(old)
             first = compare(old, new, tree)
-            done, fifo = change_files(media)
-            second = compare(old, new, tree, {fifo})
+            update_ids = [dms_client.browse(server.port, "0")[4] for server in (old, new)]
+            with passes_held_off(media / "Busy" / "busy.gif") if watch else contextlib.nullcontext():
+                done, fifo = change_files(media)
+                second = compare(old, new, tree, {fifo})
+                if [dms_client.browse(server.port, "0")[4] for server in (old, new)] != update_ids:
+                    sys.exit("a pass ran while the changed files were asked for: run again")
             elapsed = time.monotonic() - started
         finally:
             old.process.stop()
             new.process.stop()
     print(f"compare_replies: {len(tree[0])} containers, {len(tree[1])} objects, {len(tree[2])} items; "
-          f"old {old_build}, new {new_build}")
+          f"old {old_build}, new {new_build}; watchChanges {'on' if watch else 'off'}")
     print(f"unchanged library: {first['Browse']} Browse requests and {first['GET']} transfers, all identical")
     print(f"after the changes ({'; '.join(done)}): {second['Browse']} Browse requests and {second['GET']} transfers, "
           f"all identical")

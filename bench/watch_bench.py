@@ -9,7 +9,7 @@ of the copy until all 1,000 are listed. Beside it a server without the
 setting at the minimum interval of 30 s, and one without it at 3600 s (the
 idle work of the device thread alone): the CPU time each uses over an idle
 window (a few minutes, scaled to an hour), and the memory the watch costs
-(the kernel's per watch, from its slab sizes; the server keeps nothing per
+(the kernel's per watch, from its slab sizes; the server's own 24 bytes per
 folder, compared by VmRSS). Targets are reported, never asserted.
 --quick: a few files, a few rounds and a 3-second window, to show that it works.
 Run: tools/netns-run /usr/bin/python3 bench/watch_bench.py [--quick]"""

@@ -1,6 +1,7 @@
 // Renders containers, items and references as DIDL-Lite elements. Each item
 // is described as its file is now: from the item's memo while an lstat finds
-// the file unchanged, else from a fresh parse of it.
+// the file unchanged (or, with the watch, while no event has named its folder
+// since one did), else from a fresh parse of it.
 #include "dms/DmsDidl.h"
 
 #include <fcntl.h>
@@ -18,6 +19,7 @@
 #include "dms/DmsMemo.h"
 #include "dms/DmsObject.h"
 #include "dms/DmsServerState.h"
+#include "dms/DmsWatch.h"
 #include "upnp/UPnPDevice.h"
 
 namespace {
@@ -59,14 +61,22 @@ DmsItemFacts parseItem(DmsObject* target, int folderFd) {
   struct stat info {};
   const UniqueFd fd(openItem(target, folderFd));
   if (!fd.valid() || ::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) return {};
-  return DmsMemo_Parse(target, fd.get(), info);
+  DmsItemFacts facts = DmsMemo_Parse(target, fd.get(), info);
+  DmsWatch_Stat(target, info);
+  return facts;
 }
 
-// The item as its file is now: from its memo while the file is unchanged.
-DmsItemFacts readItemFacts(DmsObject* target, int folderFd) {
-  struct stat info {};
+// The item as its file is now: from its memo while the watch says the file
+// is unchanged or an lstat finds it so.
+DmsItemFacts readItemFacts(DmsObject* target, DmsDidlFolders& folders) {
   DmsItemFacts facts;
+  if (target->kind == DmsKind_Item && (target->flags & DmsFlag_Checked) && DmsMemo_Recall(target, facts)) {
+    return facts;
+  }
+  const int folderFd = folders.descriptor(target->parent);
+  struct stat info {};
   if (target->kind == DmsKind_Item && statItem(target, folderFd, info) && DmsMemo_Read(target, info, facts)) {
+    DmsWatch_Stat(target, info);
     return facts;
   }
   return parseItem(target, folderFd);
@@ -338,7 +348,7 @@ void DmsDidlRenderer::append(std::string& page, DmsObject* object) {
     else out.escaped(object->title());
     out << "&lt;/dc:title&gt;";
   } else {
-    const DmsItemFacts facts = readItemFacts(target, folders_.descriptor(target->parent));
+    const DmsItemFacts facts = readItemFacts(target, folders_);
     writeItemTitle(out, target, facts);
     out << "&lt;/dc:title&gt;";
     writeItemBody(out, target, facts, ItemUrls{urlPrefix_, targetId}, filter_);

@@ -177,6 +177,7 @@ bool scanFile(FolderChildren& children, DmsObject* folder, const std::string& fo
     if ((existing->modificationTime == static_cast<int64_t>(info.st_mtime) && existing->title() == name) ||
         MemoryReserve_Short()) {
       existing->pass = pass;
+      DmsWatch_Stat(existing, info);
       return false;
     }
     flushPlacements();
@@ -209,6 +210,7 @@ bool scanFile(FolderChildren& children, DmsObject* folder, const std::string& fo
   item->mimeType = stream->mimeType;
   item->modificationTime = static_cast<int64_t>(info.st_mtime);
   item->pass = pass;
+  DmsWatch_Stat(item, info);
   try {
     placeItem(item, *stream, pendingPlacements);
   } catch (const std::bad_alloc&) {
@@ -235,7 +237,7 @@ enum class FolderRead { Unreadable, Unchanged, Changed };
   if (folder->childCount < 0) folder->childCount = 0;
   const std::string path = DmsObject_GetPath(folder);
   if (path.empty()) return FolderRead::Unreadable;
-  DmsWatch_Folder(path.c_str());
+  DmsWatch_Folder(folder, path.c_str());
   DirectoryReader directory(path);
   if (!directory.ok()) return FolderRead::Unreadable;
   folder->pass = pass;

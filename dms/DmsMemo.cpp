@@ -286,14 +286,14 @@ class MemoWriter : public DmsMemoSink {
   size_t used_ = 0;
 };
 
-// The facts a memo keeps, for the file `file` it describes.
-DmsItemFacts factsOf(const Memo& memo, const struct stat& file) {
+// The facts a memo keeps, for the file it describes, modified in second `modificationSecond`.
+DmsItemFacts factsOf(const Memo& memo, int64_t modificationSecond) {
   DmsItemFacts facts;
   facts.recognised = true;
   facts.mimeType = DmsMemo_TypeText(memo.mimeType);
   facts.streams = !(memo.flags & kNoStreams);
   facts.size = static_cast<int64_t>(memo.size);
-  facts.modificationTime = static_cast<int64_t>(file.st_mtime);
+  facts.modificationTime = modificationSecond;
   facts.title = memo.title;
   facts.artist = memo.texts[0];
   facts.album = memo.texts[1];
@@ -459,7 +459,26 @@ bool DmsMemo_Read(const DmsObject* item, const struct stat& file, DmsItemFacts& 
   if (!bytes || item->kind != DmsKind_Item) return false;
   const Memo memo = decode(bytes);
   if (!describes(memo, item->modificationTime, file)) return false;
-  facts = factsOf(memo, file);
+  facts = factsOf(memo, static_cast<int64_t>(file.st_mtime));
+  return true;
+}
+
+bool DmsMemo_Describes(const DmsObject* item, const struct stat& file) {
+  assert(DmsContent_Guarded());
+  const uint8_t* bytes = DmsObject_Memo(item);
+  return bytes && item->kind == DmsKind_Item && describes(decode(bytes), item->modificationTime, file);
+}
+
+bool DmsMemo_Recall(const DmsObject* item, DmsItemFacts& facts) {
+  assert(DmsContent_Guarded());
+  const uint8_t* bytes = DmsObject_Memo(item);
+  if (!bytes || item->kind != DmsKind_Item) return false;
+  const Memo memo = decode(bytes);
+  // The memo keeps the modification time in nanoseconds from the item's
+  // second; the file's second is the whole seconds of that, rounded down.
+  int64_t seconds = memo.modificationDelta / kNanosecondsPerSecond;
+  if (memo.modificationDelta % kNanosecondsPerSecond < 0) --seconds;
+  facts = factsOf(memo, item->modificationTime + seconds);
   return true;
 }
 
@@ -535,5 +554,5 @@ MediaStreamPtr DmsMemo_Take(const uint8_t* at, const uint8_t* end, std::span<con
   int64_t seconds = 0;
   Memo memo;
   if (!readRecord(in, texts, seconds, memo) || !describes(memo, seconds, file)) return nullptr;
-  return streamOf(factsOf(memo, file));
+  return streamOf(factsOf(memo, static_cast<int64_t>(file.st_mtime)));
 }

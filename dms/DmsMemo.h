@@ -2,9 +2,10 @@
 // from a parse of its file, kept in the item's own block together with the
 // identity of the file it was parsed from (size, modification and
 // status-change times in nanoseconds). While an lstat of the item's path
-// still gives that identity, the item is described
-// from its memo without opening the file; otherwise the file is parsed again
-// and the memo refreshed. Texts that many items share (artist, album, genre)
+// still gives that identity (or the watch says the file has not changed
+// since one did: DmsWatch.h), the item is described from its memo without
+// opening the file; otherwise the file is parsed again and the memo
+// refreshed. Texts that many items share (artist, album, genre)
 // are kept once, counted by the memos that use them. Everything here runs
 // under the content mutex.
 #pragma once
@@ -85,6 +86,13 @@ void DmsMemo_Release(const uint8_t* memo);
 // Fills `facts` from the memo of `item` when it has one made from the file
 // that `file`, an lstat of its path, describes; false otherwise.
 bool DmsMemo_Read(const DmsObject* item, const struct stat& file, DmsItemFacts& facts);
+// True when `item` has a memo made from the file that `file`, an lstat of
+// its path, describes.
+bool DmsMemo_Describes(const DmsObject* item, const struct stat& file);
+// Fills `facts` from the memo of `item`, taken to describe the file as it is
+// now without a look at it (the watch says it has not changed since a stat
+// matched the memo); false when the item keeps no memo.
+bool DmsMemo_Recall(const DmsObject* item, DmsItemFacts& facts);
 // The facts of a fresh parse of `fd`, the open file of `item` that `file`
 // describes; the item's memo is made again from them when the new memo fits
 // the item's block.

@@ -33,7 +33,9 @@ inline constexpr size_t DmsObject_MaxMemoSize = 255;
 
 // Bits of DmsObject::flags.
 enum DmsObjectFlag : uint8_t {
-  DmsFlag_Title = 1,  // the title's text follows the object
+  DmsFlag_Title = 1,    // the title's text follows the object
+  DmsFlag_Checked = 2,  // items: the memo is known to describe the file (DmsWatch.h)
+  DmsFlag_Watched = 4,  // folders: the watch reports every change made in the folder (DmsWatch.h)
 };
 
 enum DmsObjectKind : uint8_t {

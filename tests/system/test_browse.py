@@ -2,10 +2,12 @@
 # plus a folder large enough to need several DIDL-Lite pages and a picture of
 # more than two 4 MiB pieces; the HTTP rules (ranges, keep-alive, bodies,
 # limits and idle timeouts) as a control point meets them.
+import contextlib
 import json
 import os
 import shutil
 import subprocess
+import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
 
@@ -343,9 +345,28 @@ def id3_mp3(audio, title, cover):
     return b"ID3\3\0\0" + size + frames + audio
 
 
-def test_changed_files_are_described_as_they_are_now(dms, tmp_path, demo):
+@contextlib.contextmanager
+def passes_held_off(path):
+    # Writes `path` every 0.1 s: with the watch on, no pass runs meanwhile (it waits for a second of quiet).
+    stop = threading.Event()
+
+    def write():
+        while not stop.wait(0.1):
+            path.write_bytes(b"")
+    writer = threading.Thread(target=write)
+    writer.start()
+    try:
+        yield
+    finally:
+        stop.set()
+        writer.join()
+
+
+@pytest.mark.parametrize("watch", ["off", "on"])
+def test_changed_files_are_described_as_they_are_now(dms, tmp_path, demo, watch):
     # Between the scan and the next rescan an item is described from its file
-    # as it is now, in its folder, in the views and in both transfers.
+    # as it is now, in its folder, in the views and in both transfers; with the
+    # watch on too, where the watch's events alone say which memos to check.
     media = tmp_path / "media"
     tagged = (demo / "Music/Demo Artist/Demo Album/01 Demo Song.mp3").read_bytes()
     audio = tagged[10 + sum(b << (21 - 7 * i) for i, b in enumerate(tagged[6:10])):]
@@ -365,20 +386,22 @@ def test_changed_files_are_described_as_they_are_now(dms, tmp_path, demo):
         ("removed.mp3", os.remove, "removed", None),
         ("fifo.mp3", lambda p: (os.remove(p), os.mkfifo(p)), "fifo", None),  # refused, never waited on
     ]
-    media.mkdir()
+    (media / "Busy").mkdir(parents=True)
     for name, *_ in cases:
         (media / name).write_bytes(before)
-    port = dms(f'path = "{media}"\nrefreshInterval = "600"\n').wait_ready()
+    port = dms(f'path = "{media}"\nrefreshInterval = "600"\nwatchChanges = "{watch}"\n').wait_ready()
     until(lambda: browse(port, "0.10")[3], len(cases).__le__, 10, 0.1)
     ids = {name: f"{(media / name).stat().st_dev + 1}.{(media / name).stat().st_ino}" for name, *_ in cases}
-    for name, change, *_ in cases:
-        if change:
-            change(media / name)
-    for listing in (browse(port, "0.1")[1], browse(port, "0.10")[1]):
-        for name, _, title, cover in cases:
-            [item] = [o for o in listing if ids[name] in (o["id"], o.get("refID"))]
-            file = media / name
-            sizes = [r["size"] for r in item.get("res", []) if "size" in r]
-            assert (item["dc:title"], sizes) == (title, [str(file.stat().st_size)] if cover else []), name
-            media_reply, thumbnail = get(port, f"/mediaitem/{ids[name]}"), get(port, f"/thumbnail/{ids[name]}")
-            assert (media_reply.body, thumbnail.body) == ((file.read_bytes(), cover) if cover else (b"", b"")), name
+    with passes_held_off(media / "Busy" / "busy.gif"):
+        for name, change, *_ in cases:
+            if change:
+                change(media / name)
+        for listing in (browse(port, "0.1")[1], browse(port, "0.10")[1]):
+            for name, _, title, cover in cases:
+                [item] = [o for o in listing if ids[name] in (o["id"], o.get("refID"))]
+                file = media / name
+                sizes = [r["size"] for r in item.get("res", []) if "size" in r]
+                assert (item["dc:title"], sizes) == (title, [str(file.stat().st_size)] if cover else []), name
+                media_reply, thumbnail = get(port, f"/mediaitem/{ids[name]}"), get(port, f"/thumbnail/{ids[name]}")
+                assert (media_reply.body, thumbnail.body) == ((file.read_bytes(), cover) if cover else (b"", b"")), \
+                    name
