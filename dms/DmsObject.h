@@ -113,9 +113,9 @@ inline constexpr size_t DmsObject_MaxReferences = 4;
 
 // One container or item. The library keeps some two of these per file, so
 // every byte counts on the board: the references and the title follow the
-// object in its block, the class is a table index, and the members after
-// `nextInBucket` but `pass` overlap by kind (each kind needs only its own;
-// code reads those of the object's kind alone).
+// object in its block, the class is a table index, and the members in
+// unions overlap by kind (each kind needs only its own; code reads those of
+// the object's kind alone).
 struct DmsObject : DmsNode {
   DmsObjectId id;
   DmsObject* nextInBucket = nullptr;
