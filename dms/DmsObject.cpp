@@ -38,9 +38,9 @@ const std::array<const char*, DmsClass_Count> dlnaMediaClasses = {
 
 namespace {
 
-// Objects with their references and titles come from slabs, in size classes of one
-// alignment step, and go back to the free list of their class: one block per
-// object, and no allocator overhead beside it. The slabs are given back when
+// Objects with their references and titles come from slabs, in size classes
+// of one alignment step, and go back to the free list of their class: one
+// block per object, and no allocator overhead beside it. The slabs are given back when
 // the last object goes (the tree is freed whole when the server closes).
 class ObjectPool {
  public:
@@ -117,11 +117,12 @@ class ObjectPool {
   uint32_t live_ = 0;
 };
 
-// The id table of the containers and items: a power-of-two number of buckets, doubled whenever the
+// The id table of the containers and items (references are found through
+// their items): a power-of-two number of buckets, doubled whenever the
 // objects outnumber the buckets four times over, so that a chain stays a few
 // objects long whatever the size of the library, at about one byte of table
-// per object on the board. Each chain keeps the order in which
-// its objects came (newest first) through every doubling.
+// per object on the board. Each chain keeps the order in which its objects
+// came (newest first) through every doubling.
 class IdTable {
  public:
   // The first object in the chain of `id`; null while the table is empty.
