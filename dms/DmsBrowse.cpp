@@ -181,12 +181,12 @@ bool sameList(const ListingMark& mark, const DmsObject* container) {
 
 // The child at `position`, walked to from the first child or from the
 // nearest mark before it.
-DmsObject* childAt(const DmsObject* container, uint32_t position) {
-  DmsObject* child = container->firstChild;
+DmsNode* childAt(const DmsObject* container, uint32_t position) {
+  DmsNode* child = container->firstChild;
   uint32_t at = 0;
   for (const std::optional<ListingMark>& mark : listingMarks) {
     if (!mark || !sameList(*mark, container) || mark->position > position || mark->position < at) continue;
-    DmsObject* known = DmsObject_Find(mark->child);
+    DmsNode* known = DmsNode_Find(mark->child);
     if (known && known->parent == container) {
       child = known;
       at = mark->position;
@@ -196,12 +196,12 @@ DmsObject* childAt(const DmsObject* container, uint32_t position) {
   return child;
 }
 
-void markListing(const DmsObject* container, uint32_t position, const DmsObject* child) {
+void markListing(const DmsObject* container, uint32_t position, const DmsNode* child) {
   for (const std::optional<ListingMark>& mark : listingMarks) {
     if (mark && sameList(*mark, container) && mark->position == position) return;
   }
   listingMarks[oldestListingMark] = ListingMark{container->id, container->childCount, container->updateId, position,
-                                                child->id};
+                                                DmsNode_Id(child)};
   oldestListingMark = (oldestListingMark + 1) % kListingMarks;
 }
 
@@ -228,7 +228,7 @@ void sendChildren(ChunkStream& chunks, BrowseRequest& browse, DmsDidlRenderer& r
           container->updateId != updateId) {
         return;
       }
-      DmsObject* child = resume ? DmsObject_Find(*resume) : childAt(container, browse.startingIndex);
+      DmsNode* child = resume ? DmsNode_Find(*resume) : childAt(container, browse.startingIndex);
       if (resume && (!child || child->parent != container)) return;
       if (!resume && child && browse.startingIndex > 0) markListing(container, browse.startingIndex, child);
       for (; child; child = child->nextSibling) {
@@ -250,7 +250,7 @@ void sendChildren(ChunkStream& chunks, BrowseRequest& browse, DmsDidlRenderer& r
       }
       more = child != nullptr;
       if (more) {
-        resume = child->id;
+        resume = DmsNode_Id(child);
         // Where the next page of a scrolling client starts.
         if (counts.numberReturned == browse.requestedCount) markListing(container, browse.startingIndex, child);
       }
@@ -299,8 +299,9 @@ void browseOrThrow(HTTPRequest* request, const char* serviceType, const char* ac
   Counts counts;
   std::unique_lock lock(DmsServer_ContentMutex());
   DmsWatch_Drain();
-  if (DmsObject* object = DmsObject_Find(browse.objectId)) {
-    const bool container = object->kind == DmsKind_Container;
+  if (DmsNode* node = DmsNode_Find(browse.objectId)) {
+    DmsObject* object = node->target();
+    const bool container = node->kind == DmsKind_Container;
     counts.updateId = container && !(object->id == DmsObjectId{0, 0}) ? object->updateId : DmsContent_SystemUpdateId();
     if (browse.directChildren && container) {
       counts.totalMatches = object->childCount < 0 ? 0 : static_cast<uint32_t>(object->childCount);
@@ -310,7 +311,7 @@ void browseOrThrow(HTTPRequest* request, const char* serviceType, const char* ac
       DmsDidlRenderer renderer(host, port, browse.filter);
       sendChildren(chunks, browse, renderer, childCount, updateId, counts);
     } else {
-      const std::string rendered = DmsDidl_RenderObject(object, host, port, browse.filter);
+      const std::string rendered = DmsDidl_RenderObject(node, host, port, browse.filter);
       lock.unlock();
       counts.numberReturned = 1;
       counts.totalMatches = 1;

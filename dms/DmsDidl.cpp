@@ -314,38 +314,37 @@ DmsDidlRenderer::DmsDidlRenderer(const char* host, uint16_t port, uint32_t filte
   urlPrefix_.append(portText, std::to_chars(portText, portText + sizeof portText, port).ptr);
 }
 
-void DmsDidlRenderer::append(std::string& page, DmsObject* object) {
+void DmsDidlRenderer::append(std::string& page, DmsNode* node) {
   assert(DmsContent_Guarded());
-  if (!object) return;
-  const bool container = object->kind == DmsKind_Container;
+  if (!node) return;
+  DmsObject* target = node->target();
+  const bool reference = node->kind == DmsKind_Reference;
+  const bool container = node->kind == DmsKind_Container;
   const std::string_view element = container ? "container" : "item";
-  const DmsObject* parent = object->parent;
+  const DmsObject* parent = node->parent;
   if (parent && (parentText_.empty() || !(parent->id == parentId_))) {
     parentId_ = parent->id;
     parentText_ = didlId(parent, IdText(parent->id));
   }
-  const IdText id(object->id);
-  DmsObject* target = object->kind == DmsKind_Reference && object->item ? object->item : object;
-  const std::optional<IdText> otherTargetId = target == object ? std::nullopt : std::optional<IdText>(target->id);
+  const IdText id(DmsNode_Id(node));
+  const std::optional<IdText> otherTargetId = reference ? std::optional<IdText>(target->id) : std::nullopt;
   const std::string_view targetId = otherTargetId ? otherTargetId->view() : id.view();
 
   Cursor out(page);
-  out << "&lt;" << element << " id=\"" << didlId(object, id) << "\" parentID=\""
+  out << "&lt;" << element << " id=\"" << didlId(target, id) << "\" parentID=\""
       << (parent ? std::string_view(parentText_) : "-1") << "\" ";
-  if ((filter_ & DmsFilter_RefId) && object->kind == DmsKind_Reference && object->item) {
-    out << "refID=\"" << targetId << '"';
-  }
+  if ((filter_ & DmsFilter_RefId) && reference) out << "refID=\"" << targetId << '"';
   out << " restricted=\"0\" ";
   if (container && (filter_ & DmsFilter_ChildCount)) {
     out << "childCount=\"";
-    out.number(object->childCount < 0 ? 0 : object->childCount);
+    out.number(target->childCount < 0 ? 0 : target->childCount);
     out << '"';
   }
-  out << "&gt;&lt;upnp:class&gt;" << std::string_view(publishedClass(object)) << "&lt;/upnp:class&gt;&lt;dc:title&gt;";
+  out << "&gt;&lt;upnp:class&gt;" << std::string_view(publishedClass(target)) << "&lt;/upnp:class&gt;&lt;dc:title&gt;";
   if (container) {
-    const bool volume = object->upnpClass() == dlnaMediaClasses[DmsClass_StorageVolume];
+    const bool volume = target->upnpClass() == dlnaMediaClasses[DmsClass_StorageVolume];
     if (volume) out << "Volume";
-    else out.escaped(object->title());
+    else out.escaped(target->title());
     out << "&lt;/dc:title&gt;";
   } else {
     const DmsItemFacts facts = readItemFacts(target, folders_);
@@ -356,8 +355,8 @@ void DmsDidlRenderer::append(std::string& page, DmsObject* object) {
   out << "&lt;/" << element << "&gt;";
 }
 
-std::string DmsDidl_RenderObject(DmsObject* object, const char* host, uint16_t port, uint32_t filter) {
+std::string DmsDidl_RenderObject(DmsNode* node, const char* host, uint16_t port, uint32_t filter) {
   std::string out;
-  DmsDidlRenderer(host, port, filter).append(out, object);
+  DmsDidlRenderer(host, port, filter).append(out, node);
   return out;
 }

@@ -60,9 +60,10 @@ class DmsDidlRenderer {
  public:
   // `host` and `port` form the media and thumbnail URLs.
   DmsDidlRenderer(const char* host, uint16_t port, uint32_t filter);
-  // Appends the `item` or `container` element of `object`, escaped for the
-  // SOAP body. An item is described as its file is now.
-  void append(std::string& out, DmsObject* object);
+  // Appends the `item` or `container` element of `node`, escaped for the
+  // SOAP body. An item, or the item of a reference, is described as its
+  // file is now.
+  void append(std::string& out, DmsNode* node);
 
  private:
   DmsDidlFolders folders_;
@@ -73,7 +74,7 @@ class DmsDidlRenderer {
 };
 
 // One element as DmsDidlRenderer::append writes it.
-std::string DmsDidl_RenderObject(DmsObject* object, const char* host, uint16_t port, uint32_t filter);
+std::string DmsDidl_RenderObject(DmsNode* node, const char* host, uint16_t port, uint32_t filter);
 
 // Doubly escapes the five XML special characters.
 std::string DmsDidl_Escape(std::string_view text);

@@ -47,9 +47,6 @@ constexpr off_t kSmallFile = 16384;
 // item again.
 constexpr int64_t kRefileTime = INT64_MIN;
 
-// The views of a top container (Music, Videos, Pictures) at most.
-constexpr size_t kMaxViews = 4;
-
 // Group containers (one artist, album, genre or day) take ids 0.10001 on;
 // the counter is never reset, not even by a rescan. Guarded by the content mutex.
 uint64_t lastGroupId = 10000;
@@ -83,14 +80,14 @@ class FolderChildren {
   // object; std::bad_alloc, before anything changed, when it runs out for the
   // list (never after makeRoom).
   DmsObject* add(DmsObjectId id, const char* name, const char* upnpClass, DmsObjectKind kind,
-                 const uint8_t* memo = nullptr, uint8_t memoSize = 0) {
+                 const uint8_t* memo = nullptr, uint8_t memoSize = 0, uint8_t referenceSlots = 0) {
     assert(memoSize == 0 || (gathered_ && children_.size() < children_.capacity()));
     makeRoom();
     const auto at = std::lower_bound(children_.begin(), children_.end(), name, [](const DmsObject* child, const char* key) {
       return strcasecmp(child->title().c_str(), key) < 0;
     });
     DmsObject* object = DmsObject_New(id, name, upnpClass, kind, folder_, at == children_.begin() ? nullptr : *(at - 1),
-                                      memo, memoSize);
+                                      memo, memoSize, referenceSlots);
     if (object) children_.insert(at, object);
     return object;
   }
@@ -107,7 +104,7 @@ class FolderChildren {
   void gather() {
     if (gathered_) return;
     std::vector<DmsObject*> all;
-    for (DmsObject* child = folder_->firstChild; child; child = child->nextSibling) all.push_back(child);
+    for (DmsNode* child = folder_->firstChild; child; child = child->nextSibling) all.push_back(child->target());
     children_ = std::move(all);
     gathered_ = true;
   }
@@ -133,12 +130,11 @@ class DirectoryReader {
   DIR* dir_;
 };
 
-// One reference still to be made.
+// One reference still to be linked in.
 struct Placement {
   DmsObject* container;
-  DmsObject* item;
+  DmsNode* reference;
   uint8_t viewBit;
-  uint8_t view;  // position of the view among its top container's children
 };
 
 // The references of the items found in this scan step. Each item's groups
@@ -153,6 +149,7 @@ constexpr size_t kMaxPending = 4096;
 // Guarded by the content mutex; empty whenever a step ends.
 std::vector<Placement> pendingPlacements;
 
+uint8_t referenceSlotsFor(const char* itemClass);
 void placeItem(DmsObject* item, const MediaStream& metadata, std::vector<Placement>& placements);
 void linkPlacements(std::vector<Placement>& placements);
 
@@ -205,7 +202,8 @@ bool scanFile(FolderChildren& children, DmsObject* folder, const std::string& fo
   const size_t memoSize = DmsMemo_Encode(*stream, info, static_cast<int64_t>(info.st_mtime), memo);
   if (stream->date == 0) stream->date = static_cast<int32_t>(info.st_mtime);
 
-  DmsObject* item = children.add(id, name, itemClass, DmsKind_Item, memo, static_cast<uint8_t>(memoSize));
+  DmsObject* item = children.add(id, name, itemClass, DmsKind_Item, memo, static_cast<uint8_t>(memoSize),
+                                 referenceSlotsFor(itemClass));
   if (!item) return changed;
   item->mimeType = stream->mimeType;
   item->modificationTime = static_cast<int64_t>(info.st_mtime);
@@ -299,7 +297,8 @@ std::string groupKey(uint8_t viewBit, const MediaStream& metadata) {
 // days newest first, every other view in ascending order.
 DmsObject* findOrCreateGroup(DmsObject* view, const std::string& key, bool newestFirst) {
   DmsObject* after = nullptr;
-  for (DmsObject* group = view->firstChild; group; group = group->nextSibling) {
+  for (DmsNode* node = view->firstChild; node; node = node->nextSibling) {
+    DmsObject* group = node->target();
     int order = strcasecmp(group->title().c_str(), key.c_str());
     if (order == 0) return group;
     if (newestFirst ? order < 0 : order > 0) break;
@@ -308,40 +307,44 @@ DmsObject* findOrCreateGroup(DmsObject* view, const std::string& key, bool newes
   return DmsObject_New({0, ++lastGroupId}, key.c_str(), view->upnpClass(), DmsKind_Container, view, after);
 }
 
-// Links a reference to `item` into `container` after `after`.
-DmsObject* addReference(DmsObject* container, DmsObject* after, DmsObject* item, uint8_t viewBit) {
-  const DmsObjectId id{item->id.high | (uint64_t{viewBit} << 32), item->id.low};
-  DmsObject* reference = DmsObject_New(id, nullptr, item->upnpClass(), DmsKind_Reference, container, after);
-  if (!reference) return nullptr;
-  reference->item = item;
-  reference->nextReference = item->references;
-  item->references = reference;
-  return reference;
-}
-
-DmsObject* topContainerFor(const DmsObject* item) {
-  if (!item || item->kind != DmsKind_Item) return nullptr;
-  if (item->upnpClass() == mediaClass(DmsClass_AudioItem)) return DmsObject_Find(DmsId_Music);
-  if (item->upnpClass() == mediaClass(DmsClass_VideoItem)) return DmsObject_Find(DmsId_Videos);
-  if (item->upnpClass() == mediaClass(DmsClass_ImageItem)) return DmsObject_Find(DmsId_Pictures);
+DmsObject* topContainerFor(const char* itemClass) {
+  if (itemClass == mediaClass(DmsClass_AudioItem)) return DmsObject_Find(DmsId_Music);
+  if (itemClass == mediaClass(DmsClass_VideoItem)) return DmsObject_Find(DmsId_Videos);
+  if (itemClass == mediaClass(DmsClass_ImageItem)) return DmsObject_Find(DmsId_Pictures);
   return nullptr;
 }
 
+// The references an item of `itemClass` gets: one per view of its top
+// container, made with the item.
+uint8_t referenceSlotsFor(const char* itemClass) {
+  const DmsObject* top = topContainerFor(itemClass);
+  uint8_t slots = 0;
+  for (const DmsNode* view = top ? top->firstChild : nullptr; view; view = view->nextSibling) {
+    slots += viewBitFor(view->target()->upnpClass()) != 0;
+  }
+  assert(slots <= DmsObject_MaxReferences);
+  return slots;
+}
+
 // Finds or creates the item's group in each view of its top container and
-// notes the references to make.
+// notes the references to link in: its records in view order.
 void placeItem(DmsObject* item, const MediaStream& metadata, std::vector<Placement>& placements) {
-  DmsObject* top = topContainerFor(item);
+  const DmsObject* top = item->kind == DmsKind_Item ? topContainerFor(item->upnpClass()) : nullptr;
   if (!top) return;
   // Room first, so that a group is never made for a reference that cannot be noted.
-  if (placements.capacity() - placements.size() < kMaxViews) placements.reserve(2 * placements.size() + kMaxViews);
-  uint8_t index = 0;
-  for (DmsObject* view = top->firstChild; view; view = view->nextSibling, ++index) {
+  if (placements.capacity() - placements.size() < DmsObject_MaxReferences) {
+    placements.reserve(2 * placements.size() + DmsObject_MaxReferences);
+  }
+  uint8_t slot = 0;
+  for (DmsNode* node = top->firstChild; node && slot < item->referenceSlots; node = node->nextSibling) {
+    DmsObject* view = node->target();
     const uint8_t bit = viewBitFor(view->upnpClass());
     if (bit == 0) continue;
     DmsObject* container =
         bit == kViewAll ? view : findOrCreateGroup(view, groupKey(bit, metadata), bit == kViewMoments);
-    if (container) placements.push_back({container, item, bit, index});
+    if (container) placements.push_back({container, DmsObject_Reference(item, slot), bit});
     else item->modificationTime = kRefileTime;
+    slot += 1;
   }
 }
 
@@ -349,32 +352,27 @@ void placeItem(DmsObject* item, const MediaStream& metadata, std::vector<Placeme
 // walk down its children. The lists come out as with one-by-one filing:
 // sorted by title, and among equal titles the later item first.
 void linkPlacements(std::vector<Placement>& placements) {
-  // By view first, so that each item's list of references is built in view order.
   std::stable_sort(placements.begin(), placements.end(), [](const Placement& a, const Placement& b) {
-    if (a.view != b.view) return a.view < b.view;
     if (a.container != b.container) return std::less<const DmsObject*>{}(a.container, b.container);
-    return strcasecmp(a.item->title().c_str(), b.item->title().c_str()) < 0;
+    return strcasecmp(a.reference->target()->title().c_str(), b.reference->target()->title().c_str()) < 0;
   });
   const DmsObject* container = nullptr;
-  DmsObject* after = nullptr;
-  DmsObject* next = nullptr;
+  DmsNode* after = nullptr;
+  DmsNode* next = nullptr;
   for (const Placement& placement : placements) {
     if (placement.container != container) {
       container = placement.container;
       after = nullptr;
       next = container->firstChild;
     }
+    const char* title = placement.reference->target()->title().c_str();
     while (next) {
-      const DmsObject* target = next->kind == DmsKind_Reference && next->item ? next->item : next;
-      if (strcasecmp(target->title().c_str(), placement.item->title().c_str()) >= 0) break;
+      if (strcasecmp(next->target()->title().c_str(), title) >= 0) break;
       after = next;
       next = next->nextSibling;
     }
-    if (DmsObject* reference = addReference(placement.container, after, placement.item, placement.viewBit)) {
-      next = reference;
-    } else {
-      placement.item->modificationTime = kRefileTime;
-    }
+    DmsObject_LinkReference(placement.reference, placement.viewBit, placement.container, after);
+    next = placement.reference;
   }
 }
 
@@ -391,8 +389,8 @@ int scanFolder(DmsObject* folder, int32_t pass, int64_t* spent) {
   }
 
   int result = 1;
-  for (DmsObject* child = folder->firstChild; child;) {
-    DmsObject* next = child->nextSibling;
+  for (DmsObject* child = folder->firstChild ? folder->firstChild->target() : nullptr; child;) {
+    DmsObject* next = child->nextSibling ? child->nextSibling->target() : nullptr;
     const bool childIsFolder = DmsObject_IsFolder(child);
     if (childIsFolder && scanFolder(child, pass, spent) != 1) {
       result = 0;

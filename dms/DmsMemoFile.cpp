@@ -255,7 +255,8 @@ struct Counts {
 
 // The shared texts of the memos below `folder` that this save meets first.
 void writeTexts(Writer& out, const DmsObject* folder, Counts& counts) {
-  for (const DmsObject* child = folder->firstChild; child; child = child->nextSibling) {
+  for (const DmsNode* node = folder->firstChild; node; node = node->nextSibling) {
+    const DmsObject* child = node->target();
     if (DmsObject_IsFolder(child)) {
       writeTexts(out, child, counts);
       continue;
@@ -270,7 +271,8 @@ void writeTexts(Writer& out, const DmsObject* folder, Counts& counts) {
 // `relative`, and those below it.
 void writeMemos(Writer& out, const DmsObject* folder, std::string& relative, Counts& counts) {
   uint32_t memos = 0;
-  for (const DmsObject* child = folder->firstChild; child; child = child->nextSibling) {
+  for (const DmsNode* node = folder->firstChild; node; node = node->nextSibling) {
+    const DmsObject* child = node->target();
     if (child->kind != DmsKind_Item) continue;
     counts.items += 1;
     memos += DmsObject_Memo(child) != nullptr;
@@ -278,14 +280,16 @@ void writeMemos(Writer& out, const DmsObject* folder, std::string& relative, Cou
   if (memos > 0) {
     out.text(relative);
     out.number(memos);
-    for (const DmsObject* child = folder->firstChild; child; child = child->nextSibling) {
+    for (const DmsNode* node = folder->firstChild; node; node = node->nextSibling) {
+      const DmsObject* child = node->target();
       if (child->kind != DmsKind_Item || !DmsObject_Memo(child)) continue;
       out.text(child->title());
       DmsMemo_Write(child, out);
     }
     counts.memos += memos;
   }
-  for (const DmsObject* child = folder->firstChild; child; child = child->nextSibling) {
+  for (const DmsNode* node = folder->firstChild; node; node = node->nextSibling) {
+    const DmsObject* child = node->target();
     if (!DmsObject_IsFolder(child)) continue;
     const size_t length = relative.size();
     relative.append("/").append(child->title());

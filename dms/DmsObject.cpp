@@ -1,6 +1,7 @@
 // Content tree operations: creation with ordered linking, recursive removal
-// that also drops the references made to items, lookup by id, and the path
-// of a scanned entry built from the titles up to the media-directory volume.
+// that also unlinks the references of the items it removes, lookup by id
+// (a reference's through its item), and the path of a scanned entry built
+// from the titles up to the media-directory volume.
 #include "dms/DmsObject.h"
 
 #include <atomic>
@@ -37,9 +38,9 @@ const std::array<const char*, DmsClass_Count> dlnaMediaClasses = {
 
 namespace {
 
-// Objects with their titles come from slabs, in size classes of one
-// alignment step, and go back to the free list of their class: one block per
-// object, and no allocator overhead beside it. The slabs are given back when
+// Objects with their references and titles come from slabs, in size classes
+// of one alignment step, and go back to the free list of their class: one
+// block per object, and no allocator overhead beside it. The slabs are given back when
 // the last object goes (the tree is freed whole when the server closes).
 class ObjectPool {
  public:
@@ -87,11 +88,13 @@ class ObjectPool {
     Slab* previous;
   };
   static constexpr size_t kGranule = alignof(DmsObject);
-  static_assert(kGranule >= alignof(FreeBlock) && kGranule >= alignof(Slab) && sizeof(DmsObject) >= sizeof(FreeBlock));
+  static_assert(kGranule >= alignof(FreeBlock) && kGranule >= alignof(Slab) && sizeof(DmsObject) >= sizeof(FreeBlock) &&
+                sizeof(DmsObject) % alignof(DmsNode) == 0);
   static constexpr size_t kSlabBytes = 32768;
   // A file name is at most 255 bytes, and its memo as many; longer titles (a
   // configured path) are rare.
-  static constexpr size_t kLargestPooled = sizeof(DmsObject) + 256 + DmsObject_MaxMemoSize;
+  static constexpr size_t kLargestPooled =
+      sizeof(DmsObject) + DmsObject_MaxReferences * sizeof(DmsNode) + 256 + DmsObject_MaxMemoSize;
 
   static constexpr size_t kSlabHeader = (sizeof(Slab) + kGranule - 1) / kGranule * kGranule;
 
@@ -114,11 +117,12 @@ class ObjectPool {
   uint32_t live_ = 0;
 };
 
-// The id table: a power-of-two number of buckets, doubled whenever the
+// The id table of the containers and items (references are found through
+// their items): a power-of-two number of buckets, doubled whenever the
 // objects outnumber the buckets four times over, so that a chain stays a few
 // objects long whatever the size of the library, at about one byte of table
-// per object on the board. Each chain keeps the order in which
-// its objects came (newest first) through every doubling.
+// per object on the board. Each chain keeps the order in which its objects
+// came (newest first) through every doubling.
 class IdTable {
  public:
   // The first object in the chain of `id`; null while the table is empty.
@@ -154,7 +158,6 @@ class IdTable {
   static constexpr uint32_t kLoad = 4;
 
   static uint32_t indexOf(DmsObjectId id, unsigned bits) {
-    // Items and their references share the low part; the high part tells them apart.
     const uint64_t mixed = (id.low + id.high * 0x9E3779B97F4A7C15ull) * 0xBF58476D1CE4E5B9ull;
     return static_cast<uint32_t>(mixed >> (64 - bits));
   }
@@ -185,6 +188,10 @@ class IdTable {
   uint32_t count_ = 0;
 };
 
+// Where a reference's id carries its view bit (see DmsNode_Id).
+constexpr unsigned kViewShift = 32;
+constexpr uint64_t kViewMask = 0xff;
+
 // The tree's state, guarded by the content mutex.
 ObjectPool pool;
 IdTable idTable;
@@ -204,40 +211,56 @@ void releaseMemo(const uint8_t* memo, uint8_t size) {
   if (size > 0 && memoRelease) memoRelease(memo);
 }
 
-// The object, its title and an item's memo share one block.
-size_t blockSize(const char* title, size_t memoSize) {
-  return sizeof(DmsObject) + (title && title[0] ? std::strlen(title) + 1 : 0) + memoSize;
+// The object, an item's reference records, its title and an item's memo
+// share one block.
+size_t blockSize(size_t referenceSlots, const char* title, size_t memoSize) {
+  return sizeof(DmsObject) + referenceSlots * sizeof(DmsNode) + (title && title[0] ? std::strlen(title) + 1 : 0) +
+         memoSize;
 }
 
-// Unlinks `target` from the singly linked list that starts at `head` and
-// continues through `link`; false when it was not in the list.
-bool unlinkFrom(DmsObject*& head, DmsObject* target, DmsObject* DmsObject::*link) {
-  for (DmsObject** at = &head; *at; at = &((*at)->*link)) {
-    if (*at == target) {
-      *at = target->*link;
-      return true;
-    }
+// Links `node` into the children of `parent` after `after` (at the head when null).
+void linkNode(DmsNode* node, DmsObject* parent, DmsNode* after) {
+  assert(!after || after->parent == parent);
+  node->parent = parent;
+  DmsNode*& link = after ? after->nextSibling : parent->firstChild;
+  node->nextSibling = link;
+  link = node;
+  parent->childCount = parent->childCount < 1 ? 1 : parent->childCount + 1;
+  parent->updateId += 1;
+}
+
+// Takes `node` out of its parent's children; a reference record stays, unlinked.
+void unlinkNode(DmsNode* node) {
+  DmsObject* parent = node->parent;
+  DmsNode** at = &parent->firstChild;
+  while (*at != node) {
+    assert(*at && "a child missing from its parent's list");
+    at = &(*at)->nextSibling;
   }
-  return false;
+  *at = node->nextSibling;
+  assert(parent->childCount > 0);
+  parent->childCount -= 1;
+  parent->updateId += 1;
+  node->parent = nullptr;
+  node->nextSibling = nullptr;
 }
 
 void freeObject(DmsObject* object) {
   if (object->kind == DmsKind_Container) {
-    while (object->firstChild) freeObject(object->firstChild);
+    while (DmsNode* child = object->firstChild) {
+      if (child->kind == DmsKind_Reference) unlinkNode(child);
+      else freeObject(child->target());
+    }
   } else if (object->kind == DmsKind_Item) {
-    while (object->references) freeObject(object->references);
-  } else if (object->item) {
-    [[maybe_unused]] const bool listed = unlinkFrom(object->item->references, object, &DmsObject::nextReference);
-    assert(listed);
+    for (uint8_t slot = 0; slot < object->referenceSlots; ++slot) {
+      DmsNode* reference = DmsObject_Reference(object, slot);
+      if (reference->parent) unlinkNode(reference);
+    }
   }
   idTable.remove(object);
-  if (DmsObject* parent = object->parent) {
-    [[maybe_unused]] const bool listed = unlinkFrom(parent->firstChild, object, &DmsObject::nextSibling);
-    assert(listed && parent->childCount > 0);
-    parent->childCount -= 1;
-    parent->updateId += 1;
-  }
-  const size_t bytes = blockSize(object->title().c_str(), object->memoSize);
+  if (object->parent) unlinkNode(object);
+  const size_t bytes =
+      blockSize(object->kind == DmsKind_Item ? object->referenceSlots : 0, object->title().c_str(), object->memoSize);
   releaseMemo(DmsObject_Memo(object), object->memoSize);
   object->~DmsObject();
   pool.release(object, bytes);
@@ -247,8 +270,9 @@ void freeObject(DmsObject* object) {
 template <typename Byte, typename Object>
 Byte* memoBytes(Object* object) {
   if (object->memoSize == 0) return nullptr;
-  Byte* block = reinterpret_cast<Byte*>(object + 1);
-  return object->flags & DmsFlag_Title ? block + object->title().size() + 1 : block;
+  auto* memo = object->afterReferences();
+  if (object->flags & DmsFlag_Title) memo += object->title().size() + 1;
+  return reinterpret_cast<Byte*>(memo);
 }
 
 }  // namespace
@@ -283,19 +307,35 @@ void DmsObject_SetMemoRelease(DmsObject_MemoRelease release) {
 }
 
 DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClass, DmsObjectKind kind,
-                         DmsObject* parent, DmsObject* after, const uint8_t* memo, uint8_t memoSize) {
+                         DmsObject* parent, DmsNode* after, const uint8_t* memo, uint8_t memoSize,
+                         uint8_t referenceSlots) {
   assert(DmsContent_Guarded());
   assert(!after || after->parent == parent);
+  assert(kind != DmsKind_Reference);
   assert(memoSize == 0 || kind == DmsKind_Item);
-  const size_t bytes = blockSize(title, memoSize);
+  assert(referenceSlots <= DmsObject_MaxReferences && (referenceSlots == 0 || kind == DmsKind_Item));
+  const size_t titleBytes = blockSize(0, title, 0) - sizeof(DmsObject);
+  const size_t bytes = blockSize(referenceSlots, title, memoSize);
   void* block = pool.allocate(bytes);
   if (!block) {
     releaseMemo(memo, memoSize);
     return nullptr;
   }
   auto* object = new (block) DmsObject;
-  if (bytes > sizeof(DmsObject) + memoSize) {
-    std::memcpy(object + 1, title, bytes - sizeof(DmsObject) - memoSize);
+  object->kind = kind;
+  if (kind == DmsKind_Item) {
+    object->mimeType = nullptr;
+    object->modificationTime = 0;
+    object->referenceSlots = referenceSlots;
+    auto* references = reinterpret_cast<DmsNode*>(object + 1);
+    for (uint8_t slot = 0; slot < referenceSlots; ++slot) {
+      DmsNode* reference = new (references + slot) DmsNode;
+      reference->kind = DmsKind_Reference;
+      reference->slot = slot;
+    }
+  }
+  if (titleBytes > 0) {
+    std::memcpy(object->afterReferences(), title, titleBytes);
     object->flags |= DmsFlag_Title;
   }
   if (memoSize > 0) {
@@ -304,15 +344,7 @@ DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClas
   }
   object->id = id;
   object->mediaClass = classIndex(upnpClass);
-  object->kind = kind;
-  if (kind == DmsKind_Item) {
-    object->mimeType = nullptr;
-    object->modificationTime = 0;
-    object->references = nullptr;
-  } else if (kind == DmsKind_Reference) {
-    object->item = nullptr;
-    object->nextReference = nullptr;
-  } else {
+  if (kind == DmsKind_Container) {
     if (DmsObject_IsFolder(object)) object->childCount = -1;
     object->updateId = DmsContent_SystemUpdateId();
   }
@@ -322,20 +354,25 @@ DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClas
     return nullptr;
   }
 
-  if (parent && parent->kind == DmsKind_Container) {
-    object->parent = parent;
-    DmsObject*& link = after ? after->nextSibling : parent->firstChild;
-    object->nextSibling = link;
-    link = object;
-    parent->childCount = parent->childCount < 1 ? 1 : parent->childCount + 1;
-    parent->updateId += 1;
-  }
+  if (parent && parent->kind == DmsKind_Container) linkNode(object, parent, after);
   return object;
+}
+
+DmsNode* DmsObject_Reference(DmsObject* item, uint8_t slot) {
+  assert(item->kind == DmsKind_Item && slot < item->referenceSlots);
+  return reinterpret_cast<DmsNode*>(item + 1) + slot;
+}
+
+void DmsObject_LinkReference(DmsNode* reference, uint8_t viewBit, DmsObject* container, DmsNode* after) {
+  assert(DmsContent_Guarded());
+  assert(reference->kind == DmsKind_Reference && !reference->parent && container->kind == DmsKind_Container);
+  reference->viewBit = viewBit;
+  linkNode(reference, container, after);
 }
 
 bool DmsObject_ChildrenConsistent(const DmsObject* container) {
   int32_t count = 0;
-  for (const DmsObject* child = container->firstChild; child; child = child->nextSibling, ++count) {
+  for (const DmsNode* child = container->firstChild; child; child = child->nextSibling, ++count) {
     if (child->parent != container) return false;
   }
   return count == (container->childCount < 0 ? 0 : container->childCount);
@@ -354,6 +391,27 @@ DmsObject* DmsObject_Find(DmsObjectId id) {
   assert(DmsContent_Guarded());
   for (DmsObject* object = idTable.chainOf(id); object; object = object->nextInBucket) {
     if (object->id == id) return object;
+  }
+  return nullptr;
+}
+
+DmsObjectId DmsNode_Id(const DmsNode* node) {
+  const DmsObject* target = node->target();
+  if (node == target) return target->id;
+  return {target->id.high | (uint64_t{node->viewBit} << kViewShift), target->id.low};
+}
+
+DmsNode* DmsNode_Find(DmsObjectId id) {
+  if (DmsObject* object = DmsObject_Find(id)) return object;
+  // A reference: its item's id is the same without one of the view bits.
+  for (uint64_t viewBits = (id.high >> kViewShift) & kViewMask; viewBits != 0; viewBits &= viewBits - 1) {
+    const uint64_t viewBit = viewBits & (~viewBits + 1);
+    DmsObject* item = DmsObject_Find({id.high & ~(viewBit << kViewShift), id.low});
+    if (!item || item->kind != DmsKind_Item) continue;
+    for (uint8_t slot = 0; slot < item->referenceSlots; ++slot) {
+      DmsNode* reference = DmsObject_Reference(item, slot);
+      if (reference->parent && reference->viewBit == viewBit) return reference;
+    }
   }
   return nullptr;
 }

@@ -1,13 +1,16 @@
-// The content tree: one DmsObject per container, item or reference, linked
-// to its parent and siblings and kept in an id table that grows with the
-// library. All of it is guarded by the content mutex of the media server.
+// The content tree: one DmsObject per container or item, linked to its
+// parent and siblings and kept in an id table that grows with the library,
+// and the references of the items, kept with them. All of it is guarded by
+// the content mutex of the media server.
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 struct DmsObjectId {
   uint64_t high = 0;
@@ -82,40 +85,86 @@ class DmsTitle {
   const char* text_;
 };
 
-// One node of the tree. The library keeps over four of these per file, so
-// every byte counts on the board: the title follows the object in its block,
-// the class is a table index, and the members after `pass` overlap by kind
-// (each kind needs only its own; code reads those of the object's kind alone).
-struct DmsObject {
-  DmsObjectId id;
-  DmsObject* parent = nullptr;
-  DmsObject* nextSibling = nullptr;
-  DmsObject* nextInBucket = nullptr;
+struct DmsObject;
+
+// A place in a container's child list: what every child has. Containers and
+// items are whole objects (DmsObject, which extends this); a reference is
+// this record alone, kept in its item's block right after the item, so that
+// the item is found from the record's slot and the reference's id from the
+// item's. The library keeps some four references per file.
+struct DmsNode {
+  DmsObject* parent = nullptr;  // null: a reference that is not linked in
+  DmsNode* nextSibling = nullptr;
   DmsObjectKind kind = DmsKind_Container;
-  uint8_t mediaClass = DmsClass_None;
-  uint8_t flags = 0;      // DmsObjectFlag bits
-  uint8_t memoSize = 0;   // items: bytes of memo after the title (DmsMemo.h)
-  int32_t pass = 0;       // scan pass in which the object was last seen
+  uint8_t flags = 0;  // DmsObjectFlag bits
+  union {
+    uint8_t mediaClass = DmsClass_None;  // objects
+    uint8_t viewBit;                     // references: the view, as their ids carry it
+  };
+  union {
+    uint8_t memoSize = 0;  // items: bytes of memo after the title (DmsMemo.h)
+    uint8_t slot;          // references: the position among the item's references
+  };
+
+  // The object the node stands for: itself, or a reference's item.
+  DmsObject* target();
+  const DmsObject* target() const;
+};
+
+// The most references an item keeps: one per view of its top container.
+inline constexpr size_t DmsObject_MaxReferences = 4;
+
+// One container or item. The library keeps some two of these per file, so
+// every byte counts on the board: the references and the title follow the
+// object in its block, the class is a table index, and the members in
+// unions overlap by kind (each kind needs only its own; code reads those of
+// the object's kind alone).
+struct DmsObject : DmsNode {
+  DmsObjectId id;
+  DmsObject* nextInBucket = nullptr;
 
   union {
-    DmsObject* firstChild = nullptr;  // containers
-    const char* mimeType;             // items: static text from the media parser
-    DmsObject* item;                  // references
+    DmsNode* firstChild = nullptr;  // containers
+    const char* mimeType;           // items: static text from the media parser
   };
   union {
     int32_t childCount = 0;    // containers; -1: a folder that was never read
     int64_t modificationTime;  // items
-    DmsObject* nextReference;  // references: the next reference to the same item
   };
+  int32_t pass = 0;  // scan pass in which the object was last seen
   union {
-    uint32_t updateId = 0;  // containers
-    DmsObject* references;  // items: the references made to this item
+    uint32_t updateId = 0;     // containers
+    uint32_t referenceSlots;   // items: reference records after the object
   };
 
-  DmsTitle title() const { return DmsTitle(flags & DmsFlag_Title ? reinterpret_cast<const char*>(this + 1) : ""); }
+  DmsTitle title() const { return DmsTitle(flags & DmsFlag_Title ? afterReferences() : ""); }
   // An entry of dlnaMediaClasses.
   const char* upnpClass() const { return dlnaMediaClasses[mediaClass]; }
+  // The first byte after the object's reference records: its title, if any.
+  const char* afterReferences() const { return tailOf<const char>(this); }
+  char* afterReferences() { return tailOf<char>(this); }
+
+ private:
+  template <typename Char, typename Object>
+  static Char* tailOf(Object* object) {
+    const size_t references = object->kind == DmsKind_Item ? object->referenceSlots : 0;
+    return reinterpret_cast<Char*>(object + 1) + references * sizeof(DmsNode);
+  }
 };
+
+namespace DmsNodeDetail {
+// A reference's item: the object in front of its slot's records.
+template <typename Object, typename Node>
+Object* targetOf(Node* node) {
+  if (node->kind != DmsKind_Reference) return static_cast<Object*>(node);
+  using Byte = std::conditional_t<std::is_const_v<Node>, const std::byte, std::byte>;
+  return reinterpret_cast<Object*>(reinterpret_cast<Byte*>(node - node->slot) - sizeof(DmsObject));
+}
+}  // namespace DmsNodeDetail
+
+inline DmsObject* DmsNode::target() { return DmsNodeDetail::targetOf<DmsObject>(this); }
+
+inline const DmsObject* DmsNode::target() const { return DmsNodeDetail::targetOf<const DmsObject>(this); }
 
 // Gives back what an item's memo holds (the counts of its shared texts) when
 // the memo goes: with its item, or with an item that could not be made. The
@@ -128,9 +177,17 @@ void DmsObject_SetMemoRelease(DmsObject_MemoRelease release);
 // the children when `after` is null). Null when memory runs out. An item's
 // `memo` of `memoSize` bytes is kept in the object's block, which owns the
 // shared texts it counts from then on (they are given back at once when the
-// object cannot be made).
+// object cannot be made), and so are its `referenceSlots` reference records
+// (at most DmsObject_MaxReferences), not linked in yet.
 DmsObject* DmsObject_New(DmsObjectId id, const char* title, const char* upnpClass, DmsObjectKind kind,
-                         DmsObject* parent, DmsObject* after, const uint8_t* memo = nullptr, uint8_t memoSize = 0);
+                         DmsObject* parent, DmsNode* after, const uint8_t* memo = nullptr, uint8_t memoSize = 0,
+                         uint8_t referenceSlots = 0);
+// The item's reference record in `slot` (below its referenceSlots), linked or not.
+DmsNode* DmsObject_Reference(DmsObject* item, uint8_t slot);
+// Links an unlinked reference record into `container` after `after` (at the
+// head of the children when null), in the view that `viewBit` names (a bit
+// of the top word of its id: see DmsNode_Id).
+void DmsObject_LinkReference(DmsNode* reference, uint8_t viewBit, DmsObject* container, DmsNode* after);
 // The memo bytes of an item, or null when it keeps none. They belong to the
 // tree's block of the object: whoever may change the object (under the
 // content mutex) may rewrite them.
@@ -142,9 +199,16 @@ bool DmsObject_IsFolder(const DmsObject* object);
 // True when the container's child list and its count agree and every child
 // names the container as its parent (for asserts).
 bool DmsObject_ChildrenConsistent(const DmsObject* container);
-// Removes the object with `id`, everything below it and every reference to it.
+// Removes the object with `id`, everything below it and every reference to
+// an item among them.
 void DmsObject_Free(DmsObjectId id);
+// The container or item with `id`; null for anything else.
 DmsObject* DmsObject_Find(DmsObjectId id);
+// A node's id. A reference's is its item's with the view bit in the top
+// word of the high part: {item.high | viewBit << 32, item.low}.
+DmsObjectId DmsNode_Id(const DmsNode* node);
+// The container, item or linked reference with `id`.
+DmsNode* DmsNode_Find(DmsObjectId id);
 // The file-system path of a scanned object: the titles from below the root
 // down to the object, joined with "/". Empty when a title on the way is empty or
 // memory runs out.

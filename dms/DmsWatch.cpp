@@ -122,22 +122,23 @@ bool noteFolder(int descriptor, const DmsObject* folder) {
 }
 
 void clearChildren(DmsObject* folder) {
-  for (DmsObject* child = folder->firstChild; child; child = child->nextSibling) child->flags &= ~DmsFlag_Checked;
+  for (DmsNode* child = folder->firstChild; child; child = child->nextSibling) child->flags &= ~DmsFlag_Checked;
 }
 
 // Takes the trust from everything below `top`, a folder: no item there is
 // described without a stat, and no folder there is taken for watched, until
 // a pass reads it again. Walks down and back up through the links (folders
-// nest as deep as paths go).
+// nest as deep as paths go; they hold folders and items, never references).
 void untrustBelow(DmsObject* top) {
-  for (DmsObject* object = top->firstChild; object;) {
-    object->flags &= ~(DmsFlag_Checked | DmsFlag_Watched);
+  for (DmsNode* node = top->firstChild; node;) {
+    node->flags &= ~(DmsFlag_Checked | DmsFlag_Watched);
+    DmsObject* object = node->target();
     if (DmsObject_IsFolder(object) && object->firstChild) {
-      object = object->firstChild;
+      node = object->firstChild;
       continue;
     }
-    while (object != top && !object->nextSibling) object = object->parent;
-    object = object == top ? nullptr : object->nextSibling;
+    while (node != top && !node->nextSibling) node = node->parent;
+    node = node == top ? nullptr : node->nextSibling;
   }
 }
 

@@ -59,7 +59,8 @@ class Library {
     std::vector<DmsObjectId> items;
     std::lock_guard lock(DmsServer_ContentMutex());
     const DmsObject* folder = DmsObject_Find(DmsId_MediaDirectory);
-    for (const DmsObject* child = folder ? folder->firstChild : nullptr; child; child = child->nextSibling) {
+    for (const DmsNode* node = folder ? folder->firstChild : nullptr; node; node = node->nextSibling) {
+      const DmsObject* child = node->target();
       if (child->kind == DmsKind_Item) items.push_back(child->id);
     }
     return items;

@@ -21,16 +21,16 @@ TEST_F(ContentTree, RecursiveRemovalTakesReferencesAlong) {
   DmsObject* view = DmsObject_New({0, 10}, "All", cls(DmsClass_Container), DmsKind_Container, root, nullptr);
   DmsObject* folder = DmsObject_New({0, 1}, "/media", cls(DmsClass_StorageVolume), DmsKind_Container, root, nullptr);
   DmsObject* sub = DmsObject_New({3, 9}, "sub", cls(DmsClass_StorageFolder), DmsKind_Container, folder, nullptr);
-  DmsObject* item = DmsObject_New({3, 10}, "song.mp3", cls(DmsClass_AudioItem), DmsKind_Item, sub, nullptr);
-  DmsObject* reference = DmsObject_New({3 | (2ull << 32), 10}, nullptr, item->upnpClass(), DmsKind_Reference, view, nullptr);
-  reference->item = item;
-  item->references = reference;
-  EXPECT_EQ(DmsObject_GetPath(item), "/media/sub/song.mp3");
+  DmsObject* item = DmsObject_New({3, 10}, "song.mp3", cls(DmsClass_AudioItem), DmsKind_Item, sub, nullptr,
+                                  nullptr, 0, 1);
+  DmsObject_LinkReference(DmsObject_Reference(item, 0), 2, view, nullptr);
+  EXPECT_EQ(std::tuple(DmsObject_GetPath(item), DmsNode_Find({3 | (2ull << 32), 10})->target()),
+            std::tuple("/media/sub/song.mp3", item));
 
   const uint32_t viewUpdate = view->updateId, folderUpdate = folder->updateId;
   DmsObject_Free(sub->id);
   for (DmsObjectId gone : {DmsObjectId{3, 9}, DmsObjectId{3, 10}, DmsObjectId{3 | (2ull << 32), 10}})
-    EXPECT_EQ(DmsObject_Find(gone), nullptr);
+    EXPECT_EQ(DmsNode_Find(gone), nullptr);
   EXPECT_EQ(std::tuple(view->firstChild, view->childCount, view->updateId, folder->childCount, folder->updateId),
             std::tuple(nullptr, 0, viewUpdate + 1, 0, folderUpdate + 1));
 }

@@ -27,15 +27,15 @@ std::vector<uint8_t> song(const std::string& title) { return Mp4Fixture_Song(tit
 
 std::vector<std::string> titles(const DmsObject* container) {
   std::vector<std::string> out;
-  for (const DmsObject* child = container->firstChild; child; child = child->nextSibling) {
-    out.push_back(child->kind == DmsKind_Reference ? child->item->title() : child->title());
+  for (const DmsNode* child = container->firstChild; child; child = child->nextSibling) {
+    out.push_back(child->target()->title());
   }
   return out;
 }
 
 const DmsObject* childTitled(const DmsObject* container, const std::string& title) {
-  for (const DmsObject* child = container->firstChild; child; child = child->nextSibling) {
-    if (child->title() == title) return child;
+  for (const DmsNode* child = container->firstChild; child; child = child->nextSibling) {
+    if (child->target()->title() == title) return child->target();
   }
   return nullptr;
 }
@@ -107,11 +107,12 @@ TEST_F(LibraryScan, MirrorsFoldersInOrderAndSkipsWhatIsNotMedia) {
 TEST_F(LibraryScan, RenameInPlaceRecreatesWithTheSameId) {
   write("old.m4a", song("Song"));
   scan(0);
-  const DmsObjectId id = volume->firstChild->id;
+  const DmsObjectId id = volume->firstChild->target()->id;
   fs::rename(dir + "/old.m4a", dir + "/new.m4a");
   scan(1);
   ASSERT_NE(volume->firstChild, nullptr);
-  EXPECT_EQ(std::tuple(volume->firstChild->title(), volume->firstChild->id, titles(volume), titles(allMusic)),
+  const DmsObject* renamed = volume->firstChild->target();
+  EXPECT_EQ(std::tuple(renamed->title(), renamed->id, titles(volume), titles(allMusic)),
             std::tuple("new.m4a", id, std::vector<std::string>{"new.m4a"}, std::vector<std::string>{"new.m4a"}));
 }
 
@@ -147,7 +148,7 @@ TEST_F(LibraryScan, MomentsByUtcDayNewestFirstWithModificationTimeFallback) {
   ASSERT_EQ(::utimensat(AT_FDCWD, (dir + "/undated.jpg").c_str(), times, 0), 0);
   scan(0);
   EXPECT_EQ(titles(moments), (std::vector<std::string>{"2021-01-01", "2020-02-29", "2010-01-01"}));
-  EXPECT_EQ(moments->firstChild->upnpClass(), dlnaMediaClasses[DmsClass_PhotoAlbum]);
+  EXPECT_EQ(moments->firstChild->target()->upnpClass(), dlnaMediaClasses[DmsClass_PhotoAlbum]);
 }
 
 }  // namespace
