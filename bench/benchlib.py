@@ -10,7 +10,7 @@ REPO = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(REPO / "tests" / "system"))
 os.environ.setdefault("DMS_BUILD_DIR", str(REPO / "build"))
 
-from conftest import BUILD, Dms  # noqa: E402,F401
+from conftest import BUILD, Dms, passes_held_off  # noqa: E402,F401
 import dms_client  # noqa: E402,F401
 
 

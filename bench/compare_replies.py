@@ -18,12 +18,11 @@ import shutil
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 from pathlib import Path
 
 import reallib
-from benchlib import BUILD, dms_client, require_namespace
+from benchlib import BUILD, dms_client, passes_held_off, require_namespace
 from conftest import Process
 
 FILTERS = ["*", "", "dc:title", "upnp:artist,upnp:album,upnp:genre", "res", "res@size,upnp:albumArtURI",
@@ -150,23 +149,6 @@ def change_files(media):
         file.truncate(picks[5].stat().st_size // 2)
     done.append("cut to half")
     return done, fifo
-
-
-@contextlib.contextmanager
-def passes_held_off(path):
-    """Writes `path` every 0.1 s meanwhile: a server with the watch on runs no pass."""
-    stop = threading.Event()
-
-    def write():
-        while not stop.wait(0.1):
-            path.write_bytes(b"")
-    writer = threading.Thread(target=write)
-    writer.start()
-    try:
-        yield
-    finally:
-        stop.set()
-        writer.join()
 
 
 def wait_scanned(server, expected):

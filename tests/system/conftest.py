@@ -6,10 +6,12 @@
 # beside it, `process` starts any other helper executable; both find the TCP
 # port the program listens on, and stop it on request or at the end. `demo`
 # is the demo library, written once per run.
+import contextlib
 import os
 import shutil
 import signal
 import subprocess
+import threading
 import time
 from pathlib import Path
 
@@ -132,3 +134,20 @@ def dms(tmp_path):
     # dms(config_text or None, folder=None, env=None) starts the server; config None writes no file.
     yield from stopped_at_end(lambda number, config=None, folder=None, env=None:
                               Dms(folder or tmp_path / f"server{number}", config, env))
+
+
+@contextlib.contextmanager
+def passes_held_off(path):
+    # Writes `path` every 0.1 s: with the watch on, no pass runs meanwhile (it waits for a second of quiet).
+    stop = threading.Event()
+
+    def write():
+        while not stop.wait(0.1):
+            path.write_bytes(b"")
+    writer = threading.Thread(target=write)
+    writer.start()
+    try:
+        yield
+    finally:
+        stop.set()
+        writer.join()

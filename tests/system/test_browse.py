@@ -2,18 +2,17 @@
 # plus a folder large enough to need several DIDL-Lite pages and a picture of
 # more than two 4 MiB pieces; the HTTP rules (ranges, keep-alive, bodies,
 # limits and idle timeouts) as a control point meets them.
-import contextlib
 import json
 import os
 import shutil
 import subprocess
-import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
 import dms_client
+from conftest import passes_held_off
 from conftest import BUILD, Dms
 from dms_client import Client, browse, browse_raw, by_title, get, rewrite, until, walk
 
@@ -343,23 +342,6 @@ def id3_mp3(audio, title, cover):
     frames = frame(b"TIT2", b"\0" + title.encode()) + frame(b"APIC", b"\0image/jpeg\0\3\0" + cover)
     size = bytes(len(frames) >> shift & 0x7F for shift in (21, 14, 7, 0))
     return b"ID3\3\0\0" + size + frames + audio
-
-
-@contextlib.contextmanager
-def passes_held_off(path):
-    # Writes `path` every 0.1 s: with the watch on, no pass runs meanwhile (it waits for a second of quiet).
-    stop = threading.Event()
-
-    def write():
-        while not stop.wait(0.1):
-            path.write_bytes(b"")
-    writer = threading.Thread(target=write)
-    writer.start()
-    try:
-        yield
-    finally:
-        stop.set()
-        writer.join()
 
 
 @pytest.mark.parametrize("watch", ["off", "on"])
