@@ -62,7 +62,7 @@ DmsItemFacts parseItem(DmsObject* target, int folderFd) {
   const UniqueFd fd(openItem(target, folderFd));
   if (!fd.valid() || ::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) return {};
   DmsItemFacts facts = DmsMemo_Parse(target, fd.get(), info);
-  DmsWatch_Stat(target, info);
+  DmsWatch_Stat(target, info, DmsMemo_Describes(target, info));
   return facts;
 }
 
@@ -76,7 +76,7 @@ DmsItemFacts readItemFacts(DmsObject* target, DmsDidlFolders& folders) {
   const int folderFd = folders.descriptor(target->parent);
   struct stat info {};
   if (target->kind == DmsKind_Item && statItem(target, folderFd, info) && DmsMemo_Read(target, info, facts)) {
-    DmsWatch_Stat(target, info);
+    DmsWatch_Stat(target, info, true);
     return facts;
   }
   return parseItem(target, folderFd);

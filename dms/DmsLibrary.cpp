@@ -174,7 +174,7 @@ bool scanFile(FolderChildren& children, DmsObject* folder, const std::string& fo
     if ((existing->modificationTime == static_cast<int64_t>(info.st_mtime) && existing->title() == name) ||
         MemoryReserve_Short()) {
       existing->pass = pass;
-      DmsWatch_Stat(existing, info);
+      DmsWatch_Stat(existing, info, DmsMemo_Describes(existing, info));
       return false;
     }
     flushPlacements();
@@ -208,7 +208,7 @@ bool scanFile(FolderChildren& children, DmsObject* folder, const std::string& fo
   item->mimeType = stream->mimeType;
   item->modificationTime = static_cast<int64_t>(info.st_mtime);
   item->pass = pass;
-  DmsWatch_Stat(item, info);
+  DmsWatch_Stat(item, info, memoSize > 0);  // a memo just made from `info`
   try {
     placeItem(item, *stream, pendingPlacements);
   } catch (const std::bad_alloc&) {

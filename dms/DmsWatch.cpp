@@ -26,7 +26,6 @@
 #include <vector>
 
 #include "base/UniqueFd.h"
-#include "dms/DmsMemo.h"
 #include "dms/DmsNames.h"
 #include "dms/DmsServerState.h"
 
@@ -244,10 +243,10 @@ void DmsWatch_Folder(DmsObject* folder, const char* path) {
   ++watch.unwatched;
 }
 
-void DmsWatch_Stat(DmsObject* item, const struct stat& file) {
+void DmsWatch_Stat(DmsObject* item, const struct stat& file, bool memoDescribes) {
   assert(DmsContent_Guarded());
   const bool watched = item->parent && (item->parent->flags & DmsFlag_Watched);
-  if (watched && file.st_nlink == 1 && DmsMemo_Describes(item, file)) item->flags |= DmsFlag_Checked;
+  if (watched && file.st_nlink == 1 && memoDescribes) item->flags |= DmsFlag_Checked;
   else item->flags &= ~DmsFlag_Checked;
 }
 

@@ -30,11 +30,12 @@ bool DmsWatch_Waits();
 // network or user-space file system, whose files change without the kernel
 // seeing it. Nothing while the watch is off.
 void DmsWatch_Folder(DmsObject* folder, const char* path);
-// Notes `file`, an lstat of the item's file taken now: the item keeps
-// DmsFlag_Checked from now on when its folder is watched, the file has one
-// name (a change made through another name is reported in that name's
-// folder) and its memo describes it; it loses the flag otherwise.
-void DmsWatch_Stat(DmsObject* item, const struct stat& file);
+// Notes `file`, an lstat of the item's file taken now, and whether the
+// item's memo describes it (the caller has just matched or made the memo):
+// the item keeps DmsFlag_Checked from now on when its folder is watched, the
+// file has one name (a change made through another name is reported in that
+// name's folder) and the memo describes it; it loses the flag otherwise.
+void DmsWatch_Stat(DmsObject* item, const struct stat& file, bool memoDescribes);
 // Reads the events that came: each takes DmsFlag_Checked from the items of
 // the folder it names (from everything below the folder when it is about a
 // folder, and from every item when events were lost). Browse calls it before
